@@ -1,0 +1,304 @@
+// Start-up, threads, signals, pid file and the clean-up of the daemon. The
+// ownership of state and the lock order are described in core/state.h.
+#include "core/daemon.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+
+#include "board/roam_lib.h"
+#include "configstore/dbcom.h"
+#include "core/files.h"
+#include "core/ft_status.h"
+#include "core/log.h"
+#include "core/state.h"
+#include "eventloop/eloop.h"
+#include "neighbours/neighbours.h"
+#include "scan/scan.h"
+
+namespace {
+
+constexpr const char* log_path = "/tmp/log/dorvand_log";
+constexpr const char* pid_path = "/tmp/dorvand.pid";
+constexpr const char* event_sock_path = "/tmp/roam_sock";
+constexpr const char* key_holder_path = "/var/roam_key_holders";
+constexpr int exit_signal = 10;
+
+// How long the clean-up waits for a lock before leaving what it guards to the
+// end of the process. The configuration lock can be held for minutes by a
+// refresh waiting on configd, so it gets the shortest wait.
+constexpr auto cleanup_lock_wait = std::chrono::seconds(3);
+constexpr auto cleanup_config_wait = std::chrono::seconds(1);
+
+using thread_entry = void* (*)(void*);
+constexpr thread_entry thread_table[] = {eloop_thread, event_socket_thread};
+
+// Signal handlers write one note to this pipe; the signal thread reads it.
+struct signal_note {
+    int32_t signo;
+    int32_t value;
+};
+int signal_pipe[2] = {-1, -1};
+
+void post_signal_note(int signo, int32_t value)
+{
+    int saved = errno;
+    signal_note note{signo, value};
+    // A full pipe drops the note: thousands of queued signals are already
+    // waiting, and the handler must not block.
+    [[maybe_unused]] ssize_t n = write(signal_pipe[1], &note, sizeof note);
+    errno = saved;
+}
+
+void exit_signal_handler(int signo)
+{
+    post_signal_note(signo, 0);
+}
+
+void ft_status_signal_handler(int signo, siginfo_t* info, void*)
+{
+    post_signal_note(signo, info ? info->si_value.sival_int : 0);
+}
+
+// The daemon's own signals go to the signal thread only: every other thread
+// keeps them blocked, so sleeps, selects and reads elsewhere are never cut
+// short by them.
+sigset_t daemon_signals()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, exit_signal);
+    sigaddset(&set, SIGRTMIN);
+    return set;
+}
+
+bool setup_signal_pipe()
+{
+    if (pipe2(signal_pipe, O_CLOEXEC) != 0)
+        return false;
+    fcntl(signal_pipe[1], F_SETFL, fcntl(signal_pipe[1], F_GETFL) | O_NONBLOCK);
+    return true;
+}
+
+void remove_daemon_file(const char* path)
+{
+    if (unlink(path) != 0) {
+        int err = errno;
+        log_msg(1, log_lvl::error, "[dorvand] Failed to delete %s file ( %s| %d )\n", path, strerror(err), err);
+    }
+}
+
+void free_tables()
+{
+    if (!ht_mutex.try_lock_for(cleanup_lock_wait)) {
+        log_msg(0, log_lvl::error, "[dorvand] known-AP tables busy; left to the end of the process\n");
+        return;
+    }
+    // Never unlocked: a thread waiting for the tables must not run on freed
+    // memory before the process ends.
+    for (int r = 0; r < radio_count && r < 3; ++r) {
+        free_known_ap_table(known_ap_tables[r]);
+        known_ap_tables[r] = nullptr;
+    }
+}
+
+void free_key_holders()
+{
+    if (!kh_lock.try_lock_for(cleanup_lock_wait)) {
+        log_msg(0, log_lvl::error, "[dorvand] key-holder list busy; left to the end of the process\n");
+        return;
+    }
+    free_kh_list();  // kh_lock stays held, as for the tables
+}
+
+void close_config_handle()
+{
+    if (!config_lock.try_lock_for(cleanup_config_wait)) {
+        log_msg(0, log_lvl::error, "[dorvand] configuration read in progress; handle left to the end of the process\n");
+        return;
+    }
+    dbcom_close(config_handle);
+    config_handle = nullptr;
+}
+
+void log_cancelled(int line, int count)
+{
+    log_msg(0, log_lvl::info, " %d Number of eloop cancelled timeouts:%d \n", line, count);
+}
+
+void cancel_scan_timers()
+{
+    log_cancelled(__LINE__, eloop_cancel_timer(rogue_ap_check_2g, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(start_2g_scan_timer, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(trigger_2g_full_scan, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(trigger_2g_batch_scan, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(rogue_ap_check_5gl, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(start_5gl_scan_timer, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(trigger_5gl_full_scan, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(trigger_5gl_batch_scan, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(rogue_ap_check_5gh, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(start_5gh_scan_timer, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(trigger_5gh_full_scan, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(trigger_5gh_batch_scan, 0, ELOOP_ANY_CTX));
+}
+
+void start_signal_thread()
+{
+    pthread_t tid;
+    int rc = pthread_create(&tid, nullptr, signal_thread, nullptr);
+    if (rc != 0)
+        log_msg(1, log_lvl::error, "Failed to create the thread [%d | %s ]\n", rc, strerror(rc));
+}
+
+}  // namespace
+
+int write_pid_file()
+{
+    unique_fd fd(open(pid_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0200));
+    if (!fd.valid())
+        return -1;
+    fchmod(fd.get(), 0200);  // an older file may have had another mode
+    char text[8] = {};
+    snprintf(text, 7, "%d\n", static_cast<int>(getpid()));
+    [[maybe_unused]] ssize_t n = write(fd.get(), text, sizeof text);
+    log_msg(1, log_lvl::info, "[dorvand] daemon_pid = %d | %s \n", static_cast<int>(getpid()), text);
+    return 0;
+}
+
+void init_tables()
+{
+    for (int r = 0; r < radio_count && r < 3; ++r) {
+        known_ap_tables[r] = create_hash_table();
+        // Events and scans for this radio are then refused as for a radio
+        // the board does not have; the daemon runs on.
+        if (!known_ap_tables[r])
+            log_msg(1, log_lvl::error, "[dorvand] No memory for the known-AP table of wlan%d\n", r);
+    }
+    dlist_init(&kh_list);
+}
+
+void register_exit_signal(struct sigaction* action, int signo, void (*handler)(int))
+{
+    if (!action)
+        return;
+    *action = {};
+    action->sa_handler = handler;
+    sigemptyset(&action->sa_mask);
+    if (sigaction(signo, action, nullptr) != 0) {
+        log_msg(0, log_lvl::error, "[dorvand]  Registering %d signal failed. Hence exiting the daemon\n", signo);
+        exit(-1);
+    }
+}
+
+void register_info_signal(struct sigaction* action, int signo, void (*handler)(int, siginfo_t*, void*))
+{
+    *action = {};
+    sigemptyset(&action->sa_mask);
+    action->sa_flags = SA_SIGINFO;
+    action->sa_sigaction = handler;
+    if (sigaction(signo, action, nullptr) != 0)
+        log_msg(0, log_lvl::error, " Registering %d signal failed\n", signo);
+}
+
+void exit_handler(int)
+{
+    remove_daemon_file(pid_path);
+    remove_daemon_file(event_sock_path);
+    remove_daemon_file(key_holder_path);
+    free_tables();
+    free_key_holders();
+    cancel_scan_timers();
+    close_config_handle();
+    log_msg(0, log_lvl::info, "[dorvand] Exiting from daemon\n");
+    // The other threads are still running: end without static destructors.
+    _exit(0);
+}
+
+void* eloop_thread(void*)
+{
+    eloop_add_timer(3, 0, start_scan_scheduler, 0, 0);
+    eloop_run();
+    return nullptr;
+}
+
+void* signal_thread(void*)
+{
+    sigset_t set = daemon_signals();
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    for (;;) {
+        signal_note note{};
+        ssize_t n = read(signal_pipe[0], &note, sizeof note);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n != static_cast<ssize_t>(sizeof note))
+            return nullptr;
+        if (note.signo == exit_signal)
+            exit_handler(note.signo);
+        else
+            ft_status_update(note.signo, note.value);
+    }
+}
+
+int daemon_main()
+{
+    log_init(8, 0x80000, 2, log_path);
+    eloop_init(0);
+    radio_type_val = get_radio_type(product_id);
+    radio_count = radio_type_val != 0 ? 3 : 2;
+    config_handle = dbcom_init("/tmp/confd_get", "/tmp/confd_set", DBCOM_UNIX_STREAM);
+    if (!config_handle)
+        log_msg(1, log_lvl::error, "db handler initialisation  error \n");
+    log_msg(1, log_lvl::info, "[dorvand] radio_type = %s | product_id = %s\n",
+            radio_type_val != 0 ? "Tri Radio" : "Dual Radio", product_id);
+
+    if (daemon(0, 0) != 0) {
+        log_msg(0, log_lvl::error, "[dorvand] Daemonizing process failed\n");
+        dbcom_close(config_handle);
+        return 1;
+    }
+    // A peer that went away must show up as EPIPE, never end the process.
+    signal(SIGPIPE, SIG_IGN);
+
+    if (write_pid_file() != 0) {
+        int err = errno;
+        log_msg(0, log_lvl::error, "[dorvand] \n Failed to open the pid file \"(%s)\" [ Reason = %s(%d)]", pid_path,
+                strerror(err), err);
+    }
+    init_tables();
+
+    sigset_t set = daemon_signals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);  // inherited by every thread below
+    if (!setup_signal_pipe())
+        log_msg(1, log_lvl::error, "[dorvand] Signal pipe failed [%d|%s]\n", errno, strerror(errno));
+    struct sigaction exit_action {};
+    struct sigaction info_action {};
+    register_exit_signal(&exit_action, exit_signal, exit_signal_handler);
+    register_info_signal(&info_action, SIGRTMIN, ft_status_signal_handler);
+    start_signal_thread();
+
+    log_msg(0, log_lvl::error, "[dorvand] invoke_threads()\n");
+    pthread_t tids[std::size(thread_table)] = {};
+    bool created[std::size(thread_table)] = {};
+    for (size_t i = 0; i < std::size(thread_table); ++i) {
+        int rc = pthread_create(&tids[i], nullptr, thread_table[i], nullptr);
+        created[i] = rc == 0;
+        if (rc != 0)
+            log_msg(1, log_lvl::error, "Failed to create the thread [%d | %s ]\n", rc, strerror(rc));
+    }
+    // Joining an id that was never filled in is undefined; a missing
+    // event-loop thread is reported as a failed join instead.
+    int rc = created[0] ? pthread_join(tids[0], nullptr) : ESRCH;
+    if (rc != 0)
+        log_msg(0, log_lvl::error, "[dorvand] pthread_join failed[%d|%s] \n", rc, strerror(rc));
+    else
+        log_msg(0, log_lvl::error, "[dorvand] eloop_thread join successfully\n");
+    log_msg(0, log_lvl::error, "daemon exited\n");
+    return 0;
+}

@@ -1,0 +1,29 @@
+// The daemon's life: start-up, its threads and signals, and the clean-up.
+#pragma once
+
+#include <csignal>
+
+// Runs the whole start-up sequence, waits for the event-loop thread and
+// returns main's exit status.
+int daemon_main();
+
+// Writes /tmp/dorvand.pid: the pid and a newline, NUL-padded to 8 bytes,
+// mode 0200. Returns 0, or -1 with errno set when it cannot be opened.
+int write_pid_file();
+
+// Creates one known-AP table per radio and empties the key-holder list.
+void init_tables();
+
+// The clean-up of signal 10: removes the daemon's files, frees the tables and
+// the list, cancels the scan timers, closes the configuration handle and
+// ends the process with status 0. Signal thread only; never returns.
+[[noreturn]] void exit_handler(int signo);
+
+// Installs the signal-10 handler; on failure logs and exits with 255.
+void register_exit_signal(struct sigaction* action, int signo, void (*handler)(int));
+// Installs a SA_SIGINFO handler; on failure logs and returns.
+void register_info_signal(struct sigaction* action, int signo, void (*handler)(int, siginfo_t*, void*));
+
+// Thread entries.
+void* eloop_thread(void* arg);
+void* signal_thread(void* arg);

@@ -1,0 +1,137 @@
+// The daemon's log file with rotation, and its syslog copies.
+#include "core/log.h"
+
+#include <syslog.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <string>
+
+const char msg_type[8][8] = {"EMERG", "ALERT", "CRIT ", "ERROR", "WARN ", "NOTE ", "INFO ", "DEBUG"};
+log_conf data{};
+uint32_t cur_log_size = 0;
+
+namespace {
+
+constexpr uint32_t max_backups = 99;
+constexpr uint32_t max_size_limit = 0x100000;
+
+// Serialises writers of the file and of cur_log_size. Nothing logs from signal
+// context (signal handlers only hand their work to a thread), so a plain mutex
+// is safe here.
+std::mutex log_lock;
+
+log_conf startup_conf{};
+
+struct file_closer {
+    void operator()(FILE* f) const { fclose(f); }
+};
+
+}  // namespace
+
+const char* log_timestamp()
+{
+    thread_local char buf[32];
+    time_t now = time(nullptr);
+    struct tm tm_now {};
+    localtime_r(&now, &tm_now);
+    if (!asctime_r(&tm_now, buf)) {
+        buf[0] = '\0';
+        return buf;
+    }
+    buf[24] = '\0';  // drop asctime's newline
+    return buf;
+}
+
+void log_rotate(const char* path)
+{
+    char from[256];
+    char to[256];
+    // A count of 0 cannot happen (set_log_conf raises it to 1); guard anyway.
+    int n = data.backup_count > 0 ? static_cast<int>(data.backup_count) - 1 : 0;
+    snprintf(to, sizeof to, "%s.%d", path, n);
+    while (n > 0) {
+        --n;
+        snprintf(from, sizeof from, "%s.%d", path, n);
+        rename(from, to);
+        memcpy(to, from, sizeof to);
+    }
+    rename(path, to);
+    cur_log_size = 0;
+}
+
+int log_msg(int to_syslog, unsigned level, const char* format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    if (to_syslog == 1) {
+        va_list sys_ap;
+        va_copy(sys_ap, ap);
+        vsyslog(static_cast<int>(level), format, sys_ap);
+        va_end(sys_ap);
+    }
+    va_list len_ap;
+    va_copy(len_ap, ap);
+    int len = vsnprintf(nullptr, 0, format, len_ap);
+    va_end(len_ap);
+
+    std::lock_guard<std::mutex> hold(log_lock);
+    if (len < 0 || level >= data.level_limit) {
+        va_end(ap);
+        return 0;
+    }
+    std::string msg(static_cast<size_t>(len) + 1, '\0');
+    vsnprintf(msg.data(), msg.size(), format, ap);
+    va_end(ap);
+
+    std::unique_ptr<FILE, file_closer> f(fopen(data.path, "a+e"));
+    if (!f)
+        return 0;
+    if (cur_log_size > data.size_limit)
+        log_rotate(data.path);  // this line lands in backup 0
+    int written = fprintf(f.get(), "[%s] [%s] : %s\n", log_timestamp(), msg_type[level & 7], msg.c_str());
+    if (written > 0)
+        cur_log_size += static_cast<uint32_t>(written);
+    fflush(f.get());
+    return 0;
+}
+
+void set_log_conf(const log_conf& conf)
+{
+    std::lock_guard<std::mutex> hold(log_lock);
+    data = conf;
+    data.path[sizeof data.path - 1] = '\0';
+    if (data.backup_count > max_backups)
+        data.backup_count = max_backups;
+    // Rotation needs somewhere to put the full file; 0 backups would have
+    // nowhere, so it keeps one.
+    if (data.backup_count == 0)
+        data.backup_count = 1;
+    if (data.size_limit > max_size_limit)
+        data.size_limit = max_size_limit;
+
+    std::unique_ptr<FILE, file_closer> f(fopen(data.path, "re"));
+    if (f) {
+        fseek(f.get(), 0, SEEK_END);
+        long pos = ftell(f.get());
+        cur_log_size = pos > 0 ? static_cast<uint32_t>(pos) : 0;
+        syslog(LOG_INFO, "%s: Log level: %u, Log size: %u, Log backup count: %u", "set_log_conf",
+               data.level_limit, data.size_limit, data.backup_count);
+    } else {
+        syslog(LOG_ERR, "%s: %s->File not found\n", "set_log_conf", data.path);
+    }
+}
+
+void log_init(uint32_t level_limit, uint32_t size_limit, uint32_t backup_count, const char* path)
+{
+    startup_conf = log_conf{};
+    startup_conf.level_limit = level_limit;
+    startup_conf.size_limit = size_limit;
+    startup_conf.backup_count = backup_count;
+    snprintf(startup_conf.path, sizeof startup_conf.path, "%s", path);
+    set_log_conf(startup_conf);
+}

@@ -1,0 +1,60 @@
+// Process-wide state shared by the daemon's modules, and the one place that
+// says which thread owns what and in which order the locks are taken.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+
+struct dbcom_handle;
+
+// ---------------------------------------------------------------------------
+// Threads
+//
+//  main thread        start-up, then blocks in pthread_join on the event loop.
+//  event-loop thread  (eloop_thread) every timer handler: the start-up check,
+//                     the 802.11r refresh it runs, the rogue-AP checks and all
+//                     scans (which sleep on this thread).
+//  event-socket thread (event_socket_thread) neighbour events from the peer.
+//  signal thread      (signal_thread) the work of signal 10 and SIGRTMIN. The
+//                     handlers themselves only write the signal number and
+//                     value to a pipe (write(2) is async-signal-safe); this
+//                     thread reads the pipe and does the work, so no lock,
+//                     allocation or I/O ever happens in signal context.
+//
+// Locks, always taken in this order (a thread holding one may take only the
+// ones below it):
+//
+//  1. config_lock       one configuration-store transaction at a time in the
+//                       whole process; held for a whole 802.11r refresh and a
+//                       whole SIGRTMIN update, so the two never overlap.
+//  2. scan_result_lock  held by process_scan_result for its whole run.
+//  3. kh_lock           the key-holder list, kh_list_nonempty and the files
+//                       /var/roam_key_holders, /tmp/ap2_macaddr.txt and
+//                       /tmp/ft_key_changed.txt. Held for each whole update of
+//                       them (an event, a scan match, a reload, a status
+//                       change), never across a sleep or a configuration read.
+//                       The transition script runs after it is released.
+//  4. ht_mutex          the known-AP tables, inside each table operation.
+//  (log_lock, inside log_msg, is a leaf: nothing is taken while holding it.)
+//
+// ft_enabled_vaps is atomic: it is written under config_lock by the refresh
+// and read by the key-change writers under kh_lock.
+//
+// Shutdown (signal 10) runs on the signal thread. It removes the files first,
+// then takes config_lock, kh_lock and ht_mutex each with a bounded wait before
+// freeing what they guard; what it cannot lock in time (a thread stuck in a
+// configuration read, say) is left to the end of the process rather than
+// freed under a running thread. It cancels the scan timers through the event
+// loop's own lock and ends the process with _exit, so no static destructor
+// runs while the other threads are still alive.
+// ---------------------------------------------------------------------------
+
+extern uint8_t radio_count;       // 2 or 3, set once at start-up
+extern int32_t radio_type_val;    // 0, 1, 2, or -1 for an unknown product
+extern char product_id[12];       // board product identifier, at most 11 characters
+extern dbcom_handle* config_handle;
+extern std::atomic<uint32_t> ft_enabled_vaps;  // bit 10*radio + vap: 802.11r enabled
+
+extern std::timed_mutex config_lock;
+extern std::timed_mutex kh_lock;

@@ -1,0 +1,116 @@
+// Neighbours and key holders: the per-radio known-AP tables, the key-holder
+// list with its MAC derivation, the key-holder files and transition script,
+// and the neighbour event socket.
+//
+// Locking (see core/state.h for the whole order): the table operations take
+// ht_mutex themselves. Everything that touches the key-holder list,
+// kh_list_nonempty or the three files expects the caller to hold kh_lock;
+// the callers are the event-socket thread (per event), process_scan_result
+// (around its hand-over), the 802.11r refresh and the SIGRTMIN update.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+inline constexpr uint8_t FAMILY_TRV = 0;
+inline constexpr uint8_t FAMILY_TRM = 1;
+
+// ---- Known-AP tables ------------------------------------------------------
+
+struct known_ap_entry {
+    uint8_t mac[6];
+    uint8_t present;
+    uint8_t family;
+    uint8_t channel;
+    uint8_t ap_type;
+    known_ap_entry* next;
+};
+
+// One scanned neighbour as scan processing hands it over (8 bytes).
+struct scan_ap_record {
+    uint8_t bssid[6];
+    uint8_t channel;
+    uint8_t ap_type;
+};
+static_assert(sizeof(scan_ap_record) == 8);
+
+struct known_ap_table;
+
+extern known_ap_table* known_ap_tables[3];  // by radio; null where the board has none
+extern std::timed_mutex ht_mutex;
+
+known_ap_table* create_hash_table();
+// Frees every entry of slots 0..15, the slot array and the handle. Caller
+// holds ht_mutex (or is the only thread left).
+void free_known_ap_table(known_ap_table* table);
+void add_to_ht(known_ap_table* table, const uint8_t mac[6], uint8_t present, uint8_t family, uint8_t channel,
+               uint8_t ap_type);
+void del_from_ht(known_ap_table* table, const uint8_t mac[6]);
+void traverse_hash_table(known_ap_table* table, const char* name);
+// Record i of records looked up in the radio's table; a heap copy of the match.
+std::unique_ptr<known_ap_entry> find_known_ap(const scan_ap_record* records, int radio, int i);
+void load_known_aps(known_ap_table* table, const char* name);
+void parse_known_ap_line(known_ap_table* table, const char* text);
+int parse_mac(const char* text, uint8_t out[6]);
+int hex_digit_value(char c);
+
+// ---- Key-holder list ------------------------------------------------------
+
+struct kh_entry {
+    kh_entry* next;
+    kh_entry* prev;
+    uint8_t mac[6];
+    uint8_t active;
+    uint8_t family;
+};
+
+struct kh_candidate {
+    uint8_t mac[6];
+    uint8_t active;
+    uint8_t family;
+    uint8_t channel;
+    uint8_t ap_type;
+};
+
+extern kh_entry kh_list;  // sentinel head of the circular list
+extern uint8_t kh_list_nonempty;
+
+inline constexpr int KH_MODE_DERIVE = 1;
+inline constexpr int KH_MODE_STORED = 2;
+
+void dlist_init(kh_entry* head);
+void add_to_kh_list(kh_candidate* candidate, int radio, uint8_t* changed, int mode);
+bool is_new_key_holder(const uint8_t mac[6]);
+void traverse_kh_list();
+void match_known_aps(const scan_ap_record* records, int count, int radio);
+void print_scan_list(int count, const scan_ap_record* records);
+void reload_key_holders();
+// Exit clean-up: logs "Removing ..." for each entry, unlinks and frees it.
+void free_kh_list();
+
+// ---- Key-holder files and transition script -------------------------------
+
+bool key_holder_cached(const kh_entry& entry);
+void write_key_holders(const char* mode);
+int ap2mac_update(const char* vap, const char* text, int op);
+int ap2mac_remove_vap(const char* key);
+void key_change_on_addition(const kh_candidate& candidate);
+void key_change_on_deletion(int radio, uint8_t family, uint8_t mac[6]);
+void vap_ft_status_changed(int radio, int vap, const kh_entry& entry, int status);
+void run_ft_script();
+
+// ---- Neighbour event socket -----------------------------------------------
+
+inline constexpr uint8_t AP_DELETION = 0;
+inline constexpr uint8_t AP_ADDITION = 1;
+inline constexpr uint8_t KH_ADDITION = 2;
+
+int open_event_socket();
+// Thread entry: detaches itself, binds /tmp/roam_sock and serves events.
+void* event_socket_thread(void* arg);
+void remove_key_holder(const uint8_t mac[6]);
+// Applies one received datagram (len bytes; missing bytes count as 0, bytes
+// past the ninth are ignored). Takes kh_lock as needed.
+void handle_neighbour_event(const uint8_t* buf, size_t len);

@@ -1,0 +1,61 @@
+// Background channel scanning: the per-band scheduler, the radio, VAP and
+// traffic checks, the scan trigger and result processing, and the per-band
+// scan databases. Everything here runs on the event-loop thread.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+// ---- Radio, VAP and traffic checks ----------------------------------------
+
+inline constexpr int VAP_IDX_FALLBACK = 16;
+inline constexpr int CAC_RUNNING = 1;
+inline constexpr int VOICE_ACTIVE = 2;
+
+// Per-radio channel lists learned after the first full scan; they only grow.
+extern std::vector<int32_t> scan_chan_list[3];
+
+int is_radio_up(int radio);
+int find_active_vap(const char* radio_name, int radio);
+int get_cac_state(const char* vap_name);
+void set_chanlist(const char* vap_name);
+int monitor_traffic(const char* ifname);
+int get_channel_info(const char* ifname);
+
+// ---- Scan databases --------------------------------------------------------
+
+extern const char* const scan_db_files[3];
+extern const char* const scan_db_markers[3];
+
+int create_scan_db_2g();
+int create_scan_db_5g();
+int create_scan_db_5gh();
+
+// ---- Scan trigger and results ----------------------------------------------
+
+extern std::mutex scan_result_lock;
+
+int trigger_acs_scan(const char* vap_name);
+int trigger_batch_scan(int radio, int channel);
+// Reads the driver's ACS report for radio R through interface I (a VAP name,
+// or a radio name resolved to its active VAP) and stores channel C (0: all).
+int process_scan_result(int radio, const char* ifname, int channel);
+
+// ---- Scheduler (timer handlers: first context 0, radio in the second) ------
+
+void start_scan_scheduler(intptr_t ctx1, intptr_t ctx2);
+void rogue_ap_check_2g(intptr_t ctx1, intptr_t ctx2);
+void rogue_ap_check_5gl(intptr_t ctx1, intptr_t ctx2);
+void rogue_ap_check_5gh(intptr_t ctx1, intptr_t ctx2);
+void start_2g_scan_timer(intptr_t ctx1 = 0, intptr_t ctx2 = 0);
+void start_5gl_scan_timer(intptr_t ctx1 = 0, intptr_t ctx2 = 0);
+void start_5gh_scan_timer(intptr_t ctx1 = 0, intptr_t ctx2 = 0);
+void trigger_2g_full_scan(intptr_t ctx1, intptr_t ctx2);
+void trigger_5gl_full_scan(intptr_t ctx1, intptr_t ctx2);
+void trigger_5gh_full_scan(intptr_t ctx1, intptr_t ctx2);
+void trigger_2g_batch_scan(intptr_t ctx1, intptr_t ctx2);
+void trigger_5gl_batch_scan(intptr_t ctx1, intptr_t ctx2);
+void trigger_5gh_batch_scan(intptr_t ctx1, intptr_t ctx2);
+void set_rand_scan_timer();
+extern uint16_t rand_scan_timer;

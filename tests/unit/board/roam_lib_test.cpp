@@ -1,0 +1,116 @@
+// Product lookup from the board file, the rogue-AP setting and date texts.
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "board/roam_lib.h"
+#include "test_util.h"
+
+using testutil::write_file;
+
+namespace {
+
+struct board_case {
+    const char* name;
+    const char* file;  // null: no board file
+    const char* product;
+    int radio_type;
+};
+
+class board_test : public sandbox_test, public ::testing::WithParamInterface<board_case> {};
+
+TEST_P(board_test, ProductIdAndRadioType)
+{
+    const board_case& c = GetParam();
+    if (c.file)
+        write_file("/etc/board", c.file);
+    else
+        std::remove("/etc/board");
+    char id[12] = {};
+    EXPECT_EQ(get_radio_type(id), c.radio_type);
+    EXPECT_STREQ(id, c.product);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, board_test,
+    ::testing::Values(board_case{"Plain", "ProductID=TRM226\n", "TRM226", 0},
+                      board_case{"OneBlankSkipped", "ProductID= TRM226\n", "TRM226", 0},
+                      board_case{"SecondBlankKept", "ProductID=  TRM226\n", " TRM226", -1},
+                      board_case{"NoNewlineLosesLastChar", "ProductID=TRM226", "TRM22", 0},
+                      board_case{"LongerNameIsNotPrefixOfShorter", "ProductID=TRM238P\n", "TRM238P", 2},
+                      board_case{"ExactBeatsLaterLongerRow", "ProductID=TRM204\n", "TRM204", 0},
+                      board_case{"PrefixTakesFirstRow", "ProductID=TRM2\n", "TRM2", 0},
+                      board_case{"TriRadioType1", "ProductID=TRM238\n", "TRM238", 1},
+                      board_case{"KeyFoundInsideLongerKey", "Other=1\nxProductID=TRV146\nProductID=TRV118\n", "TRV146", 1},
+                      board_case{"NoKeyMeansEmptyId", "Model=abc\n", "", 0},
+                      board_case{"MissingFileLeavesQuote", nullptr, "\"", -1},
+                      board_case{"OverlongValueIsCut", "ProductID=TRM238P0123456789\n", "TRM238P0123", -1},
+                      board_case{"DelimiterBeforeKey", "a=b ProductID=TRV146\n", "b ProductID", -1}),
+    [](const auto& tp) { return std::string(tp.param.name); });
+
+TEST(product_table_test, TypesMatchRadioCounts)
+{
+    for (const auto& row : product_table) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(row.radios, row.radio_type_val == 0 ? 2 : 3);
+    }
+}
+
+TEST_F(sandbox_test, ReadKeyValueWithoutBufferGivesInteger)
+{
+    write_file("/tmp/kv", "alpha=12\nbeta: 7\n");
+    EXPECT_EQ(read_key_value("/tmp/kv", "alpha", '=', nullptr, 0), 12);
+    EXPECT_EQ(read_key_value("/tmp/kv", "beta", ':', nullptr, 0), 7);
+    EXPECT_EQ(read_key_value("/tmp/kv", "gamma", '=', nullptr, 0), 0);
+    EXPECT_EQ(read_key_value("/tmp/missing", "alpha", '=', nullptr, 0), -1);
+}
+
+struct rogue_case {
+    const char* name;
+    const char* config;  // null: no config file
+    int wlan0;
+    int wlan1;
+};
+
+class rogue_test : public sandbox_test, public ::testing::WithParamInterface<rogue_case> {};
+
+TEST_P(rogue_test, SettingPerRadio)
+{
+    const rogue_case& c = GetParam();
+    if (c.config)
+        write_file("/tmp/run/config", c.config);
+    EXPECT_EQ(get_rogue_ap_detection("wlan0"), c.wlan0);
+    EXPECT_EQ(get_rogue_ap_detection("wlan1"), c.wlan1);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Values, rogue_test,
+    ::testing::Values(
+        rogue_case{"OnAndOff",
+                   "system:wlanSettings:wlanSettingTable:wlan0:rogueApDetection 1\n"
+                   "system:wlanSettings:wlanSettingTable:wlan1:rogueApDetection 0\n",
+                   1, 0},
+        rogue_case{"MissingKey", "system:wlanSettings:wlanSettingTable:wlan0:rogueApDetection 1\n", 1, -1},
+        rogue_case{"MissingFile", nullptr, -1, -1},
+        rogue_case{"FirstLineWins",
+                   "system:wlanSettings:wlanSettingTable:wlan0:rogueApDetection 0\n"
+                   "system:wlanSettings:wlanSettingTable:wlan0:rogueApDetection 1\n",
+                   0, -1},
+        rogue_case{"WordCutToSevenCharacters",
+                   "system:wlanSettings:wlanSettingTable:wlan0:rogueApDetection 123456789\n", 1234567, -1}),
+    [](const auto& tp) { return std::string(tp.param.name); });
+
+TEST_F(sandbox_test, DateTextsComeFromTheDateCommand)
+{
+    char date[32];
+    memset(date, 'x', sizeof date);
+    get_date_string(date);
+    EXPECT_EQ(strlen(date), 24u) << date;  // "Mon Nov 23 08:01:00 2026"-like, maybe with zone
+    char epoch[17] = "unset";
+    get_epoch_string(epoch);
+    long seconds = atol(epoch);
+    EXPECT_LE(std::labs(seconds - static_cast<long>(time(nullptr))), 5) << epoch;
+}
+
+}  // namespace

@@ -1,0 +1,137 @@
+// Log file lines, level limit, rotation and configuration limits.
+#include <regex>
+#include <string>
+
+#include "core/log.h"
+#include "test_util.h"
+
+using testutil::exists;
+using testutil::read_file;
+using testutil::write_file;
+
+namespace {
+
+constexpr const char* path = "/tmp/log/dorvand_log";
+
+class log_test : public sandbox_test {
+protected:
+    void configure(uint32_t limit, uint32_t size, uint32_t backups)
+    {
+        log_conf conf{};
+        conf.level_limit = limit;
+        conf.size_limit = size;
+        conf.backup_count = backups;
+        snprintf(conf.path, sizeof conf.path, "%s", path);
+        set_log_conf(conf);
+    }
+};
+
+TEST_F(log_test, LineHasAsctimeStampLevelNameAndKeepsMessageNewline)
+{
+    log_msg(0, log_lvl::info, "[dorvand] Exiting from daemon\n");
+    std::string text = read_file(path);
+    std::regex line(R"(^\[(Mon|Tue|Wed|Thu|Fri|Sat|Sun) [A-Z][a-z]{2} [ 123]\d \d\d:\d\d:\d\d \d{4}\] \[INFO \] : )"
+                    R"(\[dorvand\] Exiting from daemon\n\n$)");
+    EXPECT_TRUE(std::regex_match(text, line)) << text;
+    EXPECT_EQ(cur_log_size, text.size());
+}
+
+TEST_F(log_test, LevelLimitFiltersFileButNotSyslogCopies)
+{
+    configure(6, 0x80000, 2);
+    for (unsigned level = 0; level < 8; ++level)
+        log_msg(1, level, "level %u\n", level);
+    std::string text = read_file(path);
+    const char* names[] = {"EMERG", "ALERT", "CRIT ", "ERROR", "WARN ", "NOTE ", "INFO ", "DEBUG"};
+    for (unsigned level = 0; level < 8; ++level) {
+        SCOPED_TRACE(level);
+        std::string expected = std::string("[") + names[level] + "] : level " + std::to_string(level);
+        EXPECT_EQ(text.find(expected) != std::string::npos, level < 6);
+    }
+}
+
+TEST_F(log_test, StartupLimitLetsEveryLevelThrough)
+{
+    for (unsigned level = 0; level < 8; ++level)
+        log_msg(0, level, "x%u", level);
+    EXPECT_EQ(testutil::log_count("] : x"), 8);
+}
+
+TEST_F(log_test, SizeEqualToLimitDoesNotRotateButExceedingDoes)
+{
+    write_file(path, std::string(100, 'a'));
+    configure(8, 100, 2);
+    ASSERT_EQ(cur_log_size, 100u);
+    log_msg(0, log_lvl::info, "first");
+    EXPECT_FALSE(exists(std::string(path) + ".0")) << "a file at the limit must not rotate";
+    std::string before = read_file(path);
+
+    log_msg(0, log_lvl::info, "second");
+    // The line that triggers the rotation lands in backup 0 ...
+    std::string backup0 = read_file(std::string(path) + ".0");
+    EXPECT_EQ(backup0.rfind(before, 0), 0u);
+    EXPECT_NE(backup0.find("second"), std::string::npos);
+    EXPECT_FALSE(exists(path));
+    // ... and the next one starts a new file.
+    log_msg(0, log_lvl::info, "third");
+    std::string fresh = read_file(path);
+    EXPECT_NE(fresh.find("third"), std::string::npos);
+    EXPECT_EQ(fresh.find("second"), std::string::npos);
+    EXPECT_EQ(cur_log_size, fresh.size());
+}
+
+TEST_F(log_test, RotationShiftsBackupsAndDropsTheOldest)
+{
+    write_file(path, std::string(50, 'L'));
+    write_file(std::string(path) + ".0", "backup zero");
+    write_file(std::string(path) + ".1", "backup one");
+    configure(8, 10, 2);
+    log_msg(0, log_lvl::info, "trigger");
+    EXPECT_EQ(read_file(std::string(path) + ".1"), "backup zero");
+    std::string b0 = read_file(std::string(path) + ".0");
+    EXPECT_EQ(b0.rfind(std::string(50, 'L'), 0), 0u);
+    EXPECT_NE(b0.find("trigger"), std::string::npos);
+    EXPECT_FALSE(exists(std::string(path) + ".2"));
+}
+
+struct clamp_case {
+    uint32_t size_in, backups_in, size_out, backups_out;
+};
+
+class log_clamp_test : public log_test, public ::testing::WithParamInterface<clamp_case> {};
+
+TEST_P(log_clamp_test, ConfigurationIsClamped)
+{
+    const clamp_case& c = GetParam();
+    configure(8, c.size_in, c.backups_in);
+    EXPECT_EQ(data.size_limit, c.size_out);
+    EXPECT_EQ(data.backup_count, c.backups_out);
+}
+
+INSTANTIATE_TEST_SUITE_P(Limits, log_clamp_test,
+                         ::testing::Values(clamp_case{0x80000, 2, 0x80000, 2}, clamp_case{0x100000, 99, 0x100000, 99},
+                                           clamp_case{0x100001, 100, 0x100000, 99},
+                                           clamp_case{0xFFFFFFFF, 0, 0x100000, 1}));
+
+TEST_F(log_test, ExistingFileSizeIsTakenAtConfiguration)
+{
+    write_file(path, std::string(300, 'x'));
+    configure(8, 0x80000, 2);
+    EXPECT_EQ(cur_log_size, 300u);
+}
+
+TEST_F(log_test, LongMessageIsWrittenWhole)
+{
+    std::string big(5000, 'm');
+    log_msg(0, log_lvl::debug, "%s|end", big.c_str());
+    EXPECT_NE(read_file(path).find(big + "|end\n"), std::string::npos);
+}
+
+TEST_F(log_test, InitCutsPathTo255Characters)
+{
+    std::string long_path = "/tmp/" + std::string(300, 'p');
+    log_init(8, 0x80000, 2, long_path.c_str());
+    EXPECT_EQ(std::string(data.path), long_path.substr(0, 255));
+}
+
+}  // namespace

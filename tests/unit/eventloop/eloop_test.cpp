@@ -1,0 +1,120 @@
+// Timer order, cancellation, self re-arming and the tick counter's wrap.
+#include <climits>
+#include <string>
+#include <vector>
+
+#include "eventloop/eloop.h"
+#include "test_util.h"
+
+namespace {
+
+std::vector<std::string> fired;
+int rearm_left = 0;
+
+void record_a(intptr_t c1, intptr_t c2)
+{
+    fired.push_back("a" + std::to_string(c1) + ":" + std::to_string(c2));
+}
+
+void record_b(intptr_t c1, intptr_t)
+{
+    fired.push_back("b" + std::to_string(c1));
+}
+
+void rearming(intptr_t, intptr_t)
+{
+    fired.push_back("r");
+    eloop_cancel_timer(rearming, 0, 0);
+    if (--rearm_left > 0)
+        eloop_add_timer(0, 0, rearming, 0, 0);
+}
+
+class eloop_test : public sandbox_test {
+protected:
+    void SetUp() override
+    {
+        sandbox_test::SetUp();
+        eloop_init(0);
+        fired.clear();
+    }
+};
+
+TEST_F(eloop_test, SameDelayRunsInRegistrationOrderThenLoopEnds)
+{
+    eloop_add_timer(0, 20000, record_a, 1, 0);
+    eloop_add_timer(0, 20000, record_a, 2, 0);
+    eloop_add_timer(0, 0, record_b, 3, 0);
+    eloop_run();
+    EXPECT_EQ(fired, (std::vector<std::string>{"b3", "a1:0", "a2:0"}));
+    EXPECT_TRUE(eloop.timers.empty());
+}
+
+TEST_F(eloop_test, SubTickDelayRunsInNextPass)
+{
+    eloop_add_timer(0, 9999, record_b, 7, 0);
+    // 9,999 microseconds is less than one tick at 100 ticks per second.
+    EXPECT_LE(static_cast<int32_t>(eloop.timers.front().expiry - eloop_now_ticks()), 0);
+    eloop_run();
+    EXPECT_EQ(fired, std::vector<std::string>{"b7"});
+}
+
+struct cancel_case {
+    intptr_t ctx1, ctx2;
+    int removed;
+};
+
+class eloop_cancel_test : public eloop_test, public ::testing::WithParamInterface<cancel_case> {};
+
+TEST_P(eloop_cancel_test, CancelMatchesContextsWithWildcards)
+{
+    eloop_add_timer(100, 0, record_a, 0, 0);
+    eloop_add_timer(100, 0, record_a, 0, 1);
+    eloop_add_timer(100, 0, record_a, 5, 1);
+    eloop_add_timer(100, 0, record_b, 0, 0);
+    const cancel_case& c = GetParam();
+    EXPECT_EQ(eloop_cancel_timer(record_a, c.ctx1, c.ctx2), c.removed);
+    EXPECT_EQ(static_cast<int>(eloop.timers.size()), 4 - c.removed);
+    EXPECT_EQ(eloop_cancel_timer(record_b, -1, -1), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Contexts, eloop_cancel_test,
+                         ::testing::Values(cancel_case{-1, -1, 3}, cancel_case{0, -1, 2}, cancel_case{-1, 1, 2},
+                                           cancel_case{5, 1, 1}, cancel_case{9, -1, 0}));
+
+TEST_F(eloop_test, CancelWithNothingPendingReturnsZero)
+{
+    EXPECT_EQ(eloop_cancel_timer(record_a, -1, -1), 0);
+}
+
+TEST_F(eloop_test, HandlerThatCancelsAndReaddsItselfKeepsRunning)
+{
+    rearm_left = 4;
+    eloop_add_timer(0, 0, rearming, 0, 0);
+    eloop_run();
+    EXPECT_EQ(fired.size(), 4u);
+}
+
+TEST_F(eloop_test, OrderSurvivesTickCounterWrap)
+{
+    // Two expiries either side of the 32-bit wrap: the one before the wrap is
+    // numerically larger yet due first.
+    uint32_t now = eloop_now_ticks();
+    uint32_t rate = static_cast<uint32_t>(eloop.ticks_per_sec);
+    uint32_t before_wrap = (UINT32_MAX - now) / rate;
+    eloop_add_timer(before_wrap + 2, 0, record_b, 2, 0);
+    eloop_add_timer(before_wrap, 0, record_b, 1, 0);
+    ASSERT_EQ(eloop.timers.size(), 2u);
+    EXPECT_GT(eloop.timers.front().expiry, eloop.timers.back().expiry) << "the later timer wrapped past zero";
+    EXPECT_EQ(eloop.timers.front().ctx1, 1);
+    EXPECT_EQ(eloop.timers.back().ctx1, 2);
+}
+
+TEST_F(eloop_test, LaterTimerAddedFirstStillRunsSecond)
+{
+    eloop_add_timer(0, 30000, record_b, 2, 0);
+    eloop_add_timer(0, 0, record_b, 1, 0);
+    eloop_run();
+    EXPECT_EQ(fired, (std::vector<std::string>{"b1", "b2"}));
+}
+
+}  // namespace

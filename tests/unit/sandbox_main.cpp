@@ -1,0 +1,71 @@
+// main() of every unit-test binary: moves the process into a private mount
+// namespace with scratch /tmp, /var, /etc, /usr/local/bin and /usr/sbin, so
+// that code using the daemon's fixed paths never touches the host's files.
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "test_util.h"
+
+namespace testutil {
+extern bool sandbox_active;
+}
+
+namespace {
+
+bool do_mount(const char* src, const char* target, const char* type, unsigned long flags, const char* opts)
+{
+    if (mount(src, target, type, flags, opts) == 0)
+        return true;
+    fprintf(stderr, "mount %s on %s failed: %s\n", type ? type : "(bind)", target, strerror(errno));
+    return false;
+}
+
+// A writable copy-on-write view of a host directory; the upper layer lives in
+// the private tmpfs on /mnt.
+bool overlay(const char* target, const char* tag)
+{
+    char upper[128];
+    char work[128];
+    char opts[512];
+    snprintf(upper, sizeof upper, "/mnt/ovl/%s/u", tag);
+    snprintf(work, sizeof work, "/mnt/ovl/%s/w", tag);
+    snprintf(opts, sizeof opts, "lowerdir=%s,upperdir=%s,workdir=%s", target, upper, work);
+    mkdir("/mnt/ovl", 0700);
+    char dir[128];
+    snprintf(dir, sizeof dir, "/mnt/ovl/%s", tag);
+    mkdir(dir, 0700);
+    mkdir(upper, 0755);
+    mkdir(work, 0755);
+    return do_mount("overlay", target, "overlay", 0, opts);
+}
+
+bool enter_sandbox()
+{
+    if (unshare(CLONE_NEWNS) != 0) {
+        fprintf(stderr, "unit tests need root for a private mount namespace: %s\n", strerror(errno));
+        return false;
+    }
+    // The overlay upper layers sit in a private tmpfs of their own, so that
+    // reset_sandbox can empty /tmp without pulling them away.
+    return do_mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) &&
+           do_mount("tmpfs", "/mnt", "tmpfs", 0, "mode=0755") &&
+           do_mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") && do_mount("tmpfs", "/var", "tmpfs", 0, "mode=0755") &&
+           do_mount("tmpfs", "/usr/local/bin", "tmpfs", 0, "mode=0755") && overlay("/etc", "etc") &&
+           overlay("/usr/sbin", "sbin");
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    ::testing::InitGoogleTest(&argc, argv);
+    if (!enter_sandbox())
+        return 1;
+    testutil::sandbox_active = true;
+    return RUN_ALL_TESTS();
+}

@@ -1,0 +1,88 @@
+// Shared unit-test helpers.
+#include "test_util.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include "core/log.h"
+
+namespace testutil {
+
+bool sandbox_active = false;
+
+bool sandboxed()
+{
+    return sandbox_active;
+}
+
+std::string read_file(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+std::vector<unsigned char> read_bytes(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void write_file(const std::string& path, const std::string& text, unsigned mode)
+{
+    {
+        std::ofstream out(path, std::ios::binary | std::ios::trunc);
+        out << text;
+    }
+    chmod(path.c_str(), mode);
+}
+
+bool exists(const std::string& path)
+{
+    return access(path.c_str(), F_OK) == 0;
+}
+
+void reset_sandbox()
+{
+    if (!sandbox_active)
+        GTEST_FAIL() << "tests must run inside the private mount namespace";
+    if (system("rm -rf /tmp/* /var/* /usr/local/bin/* && mkdir -p /tmp/log /tmp/run") != 0)
+        GTEST_FAIL() << "cannot reset the sandbox";
+    log_init(8, 0x80000, 2, "/tmp/log/dorvand_log");
+}
+
+std::string log_text()
+{
+    return read_file("/tmp/log/dorvand_log");
+}
+
+int log_count(const std::string& needle)
+{
+    std::string text = log_text();
+    int n = 0;
+    for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + needle.size()))
+        ++n;
+    return n;
+}
+
+void install_fake_script()
+{
+    write_file("/usr/local/bin/fast_bss_transition.sh", "#!/bin/sh\necho run >> /tmp/script_runs\n", 0755);
+}
+
+int script_runs()
+{
+    std::string text = read_file("/tmp/script_runs");
+    int n = 0;
+    for (char c : text)
+        n += c == '\n';
+    return n;
+}
+
+}  // namespace testutil
