@@ -1,0 +1,206 @@
+// One configd transaction: send a request in as many messages as its data
+// need, then collect responses until the answer is complete.
+#include <sys/select.h>
+#include <syslog.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "configstore/dbcom_msg.h"
+
+int dbcom_response_wait = 300;
+
+namespace {
+
+// Process-wide: transactions never overlap (see the header).
+std::array<uint8_t, DBCOM_MAX_MSG> recv_buf;
+char text_buf[4096];
+
+__attribute__((format(printf, 2, 3))) void append_text(std::optional<std::string>* error, const char* fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(text_buf, sizeof text_buf, fmt, ap);
+    va_end(ap);
+    str_append(error, text_buf);
+}
+
+int channel_for(uint8_t op)
+{
+    return op == DBCOM_OP_SET || op == 5 ? DBCOM_SET_CHANNEL : DBCOM_GET_CHANNEL;
+}
+
+dbcom_channel& channel_of(dbcom_handle* handle, int which)
+{
+    return which == DBCOM_SET_CHANNEL ? handle->set : handle->get;
+}
+
+bool is_datagram(int protocol)
+{
+    return protocol == DBCOM_UNIX_DGRAM || protocol == DBCOM_INET_DGRAM;
+}
+
+// Writes one message on a stream channel, reconnecting once when the server
+// has closed the connection. 0, or 1 with the channel closed.
+int write_stream(dbcom_handle* handle, int which, const std::vector<uint8_t>& msg, std::optional<std::string>* error)
+{
+    dbcom_channel& ch = channel_of(handle, which);
+    auto len = static_cast<ssize_t>(msg.size());
+    ssize_t n = send(ch.fd.get(), msg.data(), msg.size(), MSG_NOSIGNAL);
+    if (n < 0 && errno == EPIPE) {
+        dbcom_disconnect(handle, which);
+        if (dbcom_connect(handle, which, error) != 0)
+            return 1;
+        n = send(ch.fd.get(), msg.data(), msg.size(), MSG_NOSIGNAL);
+        if (n == len)
+            return 0;
+        append_text(error, "Error in write: %s\n", n < 0 ? strerror(errno) : "message truncated");
+    } else if (n < 0) {
+        append_text(error, "Error in write: %s\n", strerror(errno));
+    } else if (n != len) {
+        append_text(error, "Error in write:  %s\n", "message truncated");
+    } else {
+        return 0;
+    }
+    dbcom_disconnect(handle, which);
+    return 1;
+}
+
+int write_datagram(dbcom_handle* handle, int which, const std::vector<uint8_t>& msg,
+                   std::optional<std::string>* error)
+{
+    dbcom_channel& ch = channel_of(handle, which);
+    const sockaddr* to = ch.server_addr ? ch.server_addr->get() : nullptr;
+    socklen_t to_len = ch.server_addr ? ch.server_addr->len : 0;
+    ssize_t n = sendto(ch.fd.get(), msg.data(), msg.size(), MSG_NOSIGNAL, to, to_len);
+    if (n == static_cast<ssize_t>(msg.size()))
+        return 0;
+    append_text(error, "Error in write:  %s\n", strerror(errno));
+    dbcom_disconnect(handle, which);
+    return 1;
+}
+
+int send_request(dbcom_handle* handle, int which, uint8_t op, uint16_t flags, const uint8_t* data, std::size_t length,
+                 std::optional<std::string>* error)
+{
+    std::size_t sent = 0;
+    do {
+        std::vector<uint8_t> msg;
+        int taken = dbcom_build_request(handle, op, flags, 0, DBCOM_MAGIC, data + sent, length - sent, &msg);
+        if (taken < 0) {
+            append_text(error, "dbcom_do_transaction: Unable to build request message.\n");
+            dbcom_disconnect(handle, which);
+            return 1;
+        }
+        int rc = is_datagram(handle->protocol) ? write_datagram(handle, which, msg, error)
+                                               : write_stream(handle, which, msg, error);
+        if (rc != 0)
+            return 1;
+        sent += static_cast<std::size_t>(taken);
+    } while (sent < length);
+    return 0;
+}
+
+// Takes in the message in recv_buf. Returns true when more parts of the
+// answer are to come (or the message was for someone else).
+bool take_response(uint8_t op, std::optional<std::string>* result, std::optional<std::string>* error, bool* failed)
+{
+    dbcom_header hdr;
+    std::span<const uint8_t> body;
+    if (dbcom_parse_response(recv_buf, &hdr, &body, nullptr) < 0)
+        return true;
+    if (hdr.op != op || hdr.magic != DBCOM_MAGIC)
+        return true;
+    if (!body.empty()) {
+        if (hdr.flags & DBCOM_FLAG_TEXT) {
+            str_append_bytes(error, body.data(), body.size());
+            if (hdr.flags & DBCOM_FLAG_FAIL)
+                *failed = true;
+        } else {
+            str_append_bytes(result, body.data(), body.size());
+        }
+    }
+    return (hdr.flags & DBCOM_FLAG_MORE) != 0;
+}
+
+// A wait that outlived the response wait (signals kept restarting it) means
+// configd is stuck: say so and leave the marker for whoever restarts it.
+void check_stuck(time_t* last)
+{
+    time_t now = time(nullptr);
+    auto idle = static_cast<unsigned long>(now - *last);
+    if (idle <= static_cast<unsigned long>(dbcom_response_wait))
+        return;
+    syslog(LOG_ERR, "Configd Stuck Detected: No New Connection happened for last %lu seconds\n", idle);
+    if (touch_file(DBCOM_STUCK_MARKER) != 0)
+        syslog(LOG_ERR, "Failure in Configd Stuck Handling Sequence, Unable to touch %s\n", DBCOM_STUCK_MARKER);
+    *last = now;
+}
+
+// Collects the answer. Returns true when the transaction failed.
+bool wait_for_answer(dbcom_handle* handle, int which, uint8_t op, std::optional<std::string>* result,
+                     std::optional<std::string>* error)
+{
+    int fd = channel_of(handle, which).fd.get();
+    if (fd < 0 || fd >= FD_SETSIZE) {
+        append_text(error, "Error receiving transaction response: %s.\n", strerror(EBADF));
+        return true;
+    }
+    bool failed = false;
+    time_t last = time(nullptr);
+    for (;;) {
+        fd_set readset;
+        FD_ZERO(&readset);
+        FD_SET(fd, &readset);
+        timeval timeout{dbcom_response_wait, 0};
+        int rc = select(FD_SETSIZE, &readset, nullptr, nullptr, &timeout);
+        int err = errno;
+        if (rc > 0) {
+            last = time(nullptr);
+            if (dbcom_read_message(fd, handle->protocol, recv_buf.data(), recv_buf.size()) < 0) {
+                append_text(error, "Error receiving transaction response: %s.\n", strerror(errno));
+                return true;
+            }
+            if (!take_response(op, result, error, &failed))
+                return failed;
+            continue;
+        }
+        check_stuck(&last);
+        if (rc == 0) {
+            append_text(error, "Timeout waiting for response from database server.\n");
+            return true;
+        }
+        if (err != EINTR) {
+            append_text(error, "Error receiving transaction response: %s.\n", strerror(err));
+            return true;
+        }
+    }
+}
+
+}  // namespace
+
+int dbcom_do_transaction(dbcom_handle* handle, uint8_t op, uint16_t flags, const uint8_t* data, int length,
+                         std::optional<std::string>* result, std::optional<std::string>* error)
+{
+    if (handle == nullptr || length < 0)
+        return 1;
+    std::optional<std::string> unused;
+    if (result == nullptr)
+        result = &unused;
+    int which = channel_for(op);
+    bool failed = !channel_of(handle, which).open && dbcom_connect(handle, which, error) != 0;
+    // A failed connect or send has left the channel closed already.
+    if (!failed)
+        failed = send_request(handle, which, op, flags, data, static_cast<std::size_t>(length), error) != 0;
+    if (!failed && wait_for_answer(handle, which, op, result, error)) {
+        failed = true;
+        dbcom_disconnect(handle, which);
+    }
+    if (failed)
+        result->reset();
+    return failed ? 1 : 0;
+}

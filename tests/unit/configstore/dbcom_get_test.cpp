@@ -1,0 +1,427 @@
+// The configd client against a scripted server: what goes out for a get,
+// how responses are collected, retried and reported, and how the channel
+// survives a server that closes or stalls.
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <vector>
+
+#include "configstore/dbcom.h"
+#include "configstore/dbcom_msg.h"
+#include "scripted_server.h"
+#include "test_util.h"
+
+namespace {
+
+using bytes = std::vector<uint8_t>;
+using cstest::reply;
+using cstest::reply_plan;
+using cstest::scripted_server;
+using cstest::seen_request;
+using opt = std::optional<std::string>;
+
+constexpr const char* get_path = "/tmp/confd_get";
+constexpr const char* timeout_text = "Timeout waiting for response from database server.\n";
+
+std::string times3(const std::string& s)
+{
+    return s + s + s;
+}
+
+// Every test gets a fresh handle on the default servers and a short response
+// wait, so a stalled server costs a second rather than five minutes.
+class dbcom_client_test : public sandbox_test {
+protected:
+    void SetUp() override
+    {
+        sandbox_test::SetUp();
+        dbcom_response_wait = 1;
+        handle_ = dbcom_init(nullptr, nullptr, DBCOM_UNIX_STREAM);
+        ASSERT_NE(handle_, nullptr);
+    }
+    void TearDown() override
+    {
+        dbcom_close(handle_);
+        dbcom_response_wait = 300;
+    }
+
+    static scripted_server::responder always(std::vector<bytes> msgs)
+    {
+        return [msgs](const seen_request&, int) { return reply_plan{msgs, false}; };
+    }
+
+    int transaction(const std::string& data, opt* result, opt* error)
+    {
+        return dbcom_do_transaction(handle_, DBCOM_OP_GET, 0, reinterpret_cast<const uint8_t*>(data.data()),
+                                    static_cast<int>(data.size()), result, error);
+    }
+
+    dbcom_handle* handle_ = nullptr;
+};
+
+TEST_F(dbcom_client_test, get_sends_user_item_key_line_feed_and_nul)
+{
+    scripted_server srv(get_path, always({reply(1, 0, "a 1\n")}));
+    ASSERT_TRUE(srv.running());
+    opt value;
+    opt error;
+    ASSERT_EQ(dbcom_get(handle_, "a", &value, &error), 0);
+    EXPECT_EQ(value, opt("1"));
+    EXPECT_EQ(error, std::nullopt);
+    auto reqs = srv.requests();
+    ASSERT_EQ(reqs.size(), 1u);
+    ASSERT_EQ(reqs[0].messages.size(), 1u);
+    const bytes expected = {0x01, 0x01, 0x00, 0x00, 0x00, 0x0F, 0x00, 0x00, 0xA5, 0xA5, 0xA5, 0xA5, 0x01, 0x00,
+                            0x00, 0x04, 'r',  'o',  'o',  't',  0x00, 0x00, 0x00, 0x00, 'a',  '\n', 0x00};
+    EXPECT_EQ(reqs[0].messages[0], expected);
+    // A read never needs the set channel.
+    EXPECT_EQ(handle_->set.open, 0);
+    EXPECT_EQ(handle_->get.open, 1);
+}
+
+TEST_F(dbcom_client_test, spaces_in_the_key_are_escaped)
+{
+    scripted_server srv(get_path, always({reply(1, 0, "x 1\n")}));
+    ASSERT_EQ(dbcom_get(handle_, "a b  c", nullptr, nullptr), 0);
+    auto reqs = srv.requests();
+    ASSERT_EQ(reqs.size(), 1u);
+    EXPECT_EQ(reqs[0].data, std::string("a\\ b\\ \\ c\n\0", 11));
+}
+
+TEST_F(dbcom_client_test, long_data_goes_out_as_a_run_of_messages)
+{
+    scripted_server srv(get_path, always({reply(1, 0, "k v\n")}));
+    std::string key(70000, 'k');
+    key += '\n';
+    opt result;
+    opt error;
+    ASSERT_EQ(transaction(key, &result, &error), 0);
+    auto reqs = srv.requests();
+    ASSERT_EQ(reqs.size(), 1u);
+    ASSERT_EQ(reqs[0].messages.size(), 2u);
+    const bytes& first = reqs[0].messages[0];
+    EXPECT_EQ(first.size(), DBCOM_MAX_MSG);
+    EXPECT_EQ(first[2], 0x10);
+    EXPECT_EQ(reqs[0].messages[1][2], 0x00);
+    // Both messages repeat the user item.
+    EXPECT_EQ(reqs[0].messages[1][12], DBCOM_TLV_USER);
+    EXPECT_EQ(reqs[0].data, key);
+    EXPECT_EQ(result, opt("k v\n"));
+}
+
+// --- what the answers make of a get ---------------------------------------
+
+struct answer_case {
+    const char* name;
+    std::vector<bytes> replies;  // sent for every request
+    int rc;
+    opt value;
+    opt error;
+    size_t requests;
+};
+
+void PrintTo(const answer_case& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+std::string answer_case_name(const ::testing::TestParamInfo<answer_case>& p)
+{
+    std::string n = p.param.name;
+    for (char& ch : n)
+        if (ch == ' ')
+            ch = '_';
+    return n;
+}
+
+class get_answer_test : public dbcom_client_test, public ::testing::WithParamInterface<answer_case> {};
+
+TEST_P(get_answer_test, value_error_and_attempts)
+{
+    const answer_case& c = GetParam();
+    scripted_server srv(get_path, always(c.replies));
+    opt value = "stale";
+    opt error = "stale";
+    EXPECT_EQ(dbcom_get(handle_, "key", &value, &error), c.rc);
+    EXPECT_EQ(value, c.value);
+    EXPECT_EQ(error, c.error);
+    EXPECT_EQ(srv.requests().size(), c.requests);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    answers, get_answer_test,
+    ::testing::Values(
+        answer_case{"plain", {reply(1, 0, "key 1\n")}, 0, "1", std::nullopt, 1},
+        answer_case{"unescaped", {reply(1, 0, "key a\\:b\\ c\\xd\\\\e\n")}, 0, "a:b c\\xd\\e", std::nullopt, 1},
+        answer_case{"no result text", {reply(1, 0, "")}, 0, std::nullopt, std::nullopt, 3},
+        answer_case{"key line without value", {reply(1, 0, "key\n")}, 0, std::nullopt, std::nullopt, 1},
+        answer_case{"other op first", {reply(2, 0, "key wrong\n"), reply(1, 0, "key right\n")}, 0, "right",
+                    std::nullopt, 1},
+        answer_case{"three parts",
+                    {reply(1, 0x1000, "key v"), reply(1, 0x1000, "al"), reply(1, 0, "ue\n")},
+                    0,
+                    "value",
+                    std::nullopt,
+                    1},
+        answer_case{"diagnostic only", {reply(1, 0x0002, "no such key\n")}, 0, std::nullopt,
+                    times3("no such key\n"), 3},
+        answer_case{"diagnostic then value", {reply(1, 0x1002, "note\n"), reply(1, 0, "key 5\n")}, 0, "5",
+                    std::nullopt, 1},
+        answer_case{"failure", {reply(1, 0x0001, "denied\n")}, 1, std::nullopt, times3("denied\n"), 3}),
+    answer_case_name);
+
+// --- transaction details ----------------------------------------------------
+
+struct flag_case {
+    uint16_t flags;
+    int rc;
+    opt result;
+    int open_after;
+};
+
+void PrintTo(const flag_case& c, std::ostream* os)
+{
+    *os << "flags " << std::hex << c.flags;
+}
+
+class diagnostic_flag_test : public dbcom_client_test, public ::testing::WithParamInterface<flag_case> {};
+
+TEST_P(diagnostic_flag_test, failure_bit_decides_after_the_answer_is_complete)
+{
+    const flag_case& c = GetParam();
+    scripted_server srv(get_path, always({reply(1, c.flags | 0x1000, "diag\n"), reply(1, 0, "k v\n")}));
+    opt result;
+    opt error;
+    EXPECT_EQ(transaction("k\n", &result, &error), c.rc);
+    EXPECT_EQ(result, c.result);
+    EXPECT_EQ(error, opt("diag\n"));
+    EXPECT_EQ(handle_->get.open, c.open_after);
+}
+
+INSTANTIATE_TEST_SUITE_P(flags, diagnostic_flag_test,
+                         ::testing::Values(flag_case{0x0002, 0, "k v\n", 1}, flag_case{0x0004, 0, "k v\n", 1},
+                                           flag_case{0x0001, 1, std::nullopt, 0},
+                                           flag_case{0x0003, 1, std::nullopt, 0}));
+
+TEST_F(dbcom_client_test, reconnects_once_when_the_server_closed_the_idle_connection)
+{
+    scripted_server srv(get_path, [](const seen_request&, int n) {
+        return reply_plan{{reply(1, 0, "k " + std::to_string(n) + "\n")}, true};
+    });
+    opt result;
+    opt error;
+    ASSERT_EQ(transaction("k\n", &result, &error), 0);
+    EXPECT_EQ(result, opt("k 0\n"));
+    srv.wait_closed(1);
+
+    result.reset();
+    ASSERT_EQ(transaction("k\n", &result, &error), 0);
+    EXPECT_EQ(result, opt("k 1\n"));
+    EXPECT_EQ(error, std::nullopt);
+    auto reqs = srv.requests();
+    ASSERT_EQ(reqs.size(), 2u);
+    EXPECT_EQ(reqs[1].conn, 2);
+}
+
+TEST_F(dbcom_client_test, stalled_server_times_out_on_every_attempt)
+{
+    scripted_server srv(get_path, always({}));
+    opt value;
+    opt error;
+    EXPECT_EQ(dbcom_get(handle_, "key", &value, &error), 1);
+    EXPECT_EQ(value, std::nullopt);
+    EXPECT_EQ(error, opt(times3(timeout_text)));
+    // Each failure closes the channel, so every attempt connects anew.
+    srv.wait_requests(3);
+    auto reqs = srv.requests();
+    ASSERT_EQ(reqs.size(), 3u);
+    EXPECT_EQ(reqs[2].conn, 3);
+    EXPECT_EQ(handle_->get.open, 0);
+}
+
+TEST_F(dbcom_client_test, answer_after_one_timeout_wins)
+{
+    scripted_server srv(get_path, [](const seen_request&, int n) {
+        return n == 0 ? reply_plan{} : reply_plan{{reply(1, 0, "key on\n")}, false};
+    });
+    opt value;
+    opt error;
+    EXPECT_EQ(dbcom_get(handle_, "key", &value, &error), 0);
+    EXPECT_EQ(value, opt("on"));
+    EXPECT_EQ(error, std::nullopt);
+    EXPECT_EQ(srv.requests().size(), 2u);
+}
+
+TEST_F(dbcom_client_test, bad_magic_fails_the_transaction_and_closes_the_channel)
+{
+    scripted_server srv(get_path, [](const seen_request&, int n) {
+        bytes bad = cstest::wire(2, 1, 0, 0x5A5A5A5A, "k v\n");
+        return reply_plan{{n == 0 ? bad : reply(1, 0, "k w\n")}, false};
+    });
+    opt result;
+    opt error;
+    EXPECT_EQ(transaction("k\n", &result, &error), 1);
+    EXPECT_EQ(result, std::nullopt);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->rfind("Error receiving transaction response: ", 0), 0u) << *error;
+    EXPECT_EQ(handle_->get.open, 0);
+
+    error.reset();
+    EXPECT_EQ(transaction("k\n", &result, &error), 0);
+    EXPECT_EQ(result, opt("k w\n"));
+    EXPECT_EQ(srv.requests().back().conn, 2);
+}
+
+TEST_F(dbcom_client_test, missing_server_reports_every_connect)
+{
+    opt value;
+    opt error;
+    EXPECT_EQ(dbcom_get(handle_, "key", &value, &error), 1);
+    EXPECT_EQ(error, opt(times3("Couldn't connect to /tmp/confd_get:  No such file or directory\n")));
+    EXPECT_EQ(handle_->get.open, 0);
+}
+
+TEST_F(dbcom_client_test, missing_handle_or_key)
+{
+    opt value = "stale";
+    EXPECT_EQ(dbcom_get(nullptr, "key", &value, nullptr), 1);
+    EXPECT_EQ(value, std::nullopt);
+    EXPECT_EQ(dbcom_get(handle_, nullptr, &value, nullptr), 1);
+    EXPECT_EQ(dbcom_close(nullptr), 0);
+}
+
+// --- handle set-up ----------------------------------------------------------
+
+std::string un_path(const std::optional<dbcom_addr>& a)
+{
+    return a ? reinterpret_cast<const sockaddr_un*>(&a->storage)->sun_path : "<none>";
+}
+
+TEST(dbcom_init_test, transports)
+{
+    dbcom_handle* h = dbcom_init(nullptr, nullptr, DBCOM_UNIX_STREAM);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(un_path(h->get.server_addr), "/tmp/confd_get");
+    EXPECT_EQ(un_path(h->set.server_addr), "/tmp/confd_set");
+    EXPECT_EQ(h->get.server_addr->len, 17u);
+    dbcom_close(h);
+
+    h = dbcom_init("127.0.0.1:8080", "127.0.0.2:9", DBCOM_INET_STREAM);
+    ASSERT_NE(h, nullptr);
+    const auto* in = reinterpret_cast<const sockaddr_in*>(&h->get.server_addr->storage);
+    EXPECT_EQ(ntohl(in->sin_addr.s_addr), 0x7F000001u);
+    EXPECT_EQ(ntohs(in->sin_port), 8080);
+    in = reinterpret_cast<const sockaddr_in*>(&h->set.server_addr->storage);
+    EXPECT_EQ(ntohl(in->sin_addr.s_addr), 0x7F000002u);
+    dbcom_close(h);
+
+    for (int transport : {0, 5}) {
+        SCOPED_TRACE(transport);
+        ::testing::internal::CaptureStderr();
+        EXPECT_EQ(dbcom_init(nullptr, nullptr, transport), nullptr);
+        EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Unknown protocol used.\n");
+    }
+}
+
+class dbcom_dgram_test : public sandbox_test {};
+
+// The datagram transport binds its own path for the get channel only when it
+// first reads, replaces a stale file there, and removes it on close.
+TEST_F(dbcom_dgram_test, get_over_datagrams)
+{
+    unique_fd srv(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    auto addr = make_un_addr(get_path);
+    ASSERT_TRUE(addr);
+    ASSERT_EQ(bind(srv.get(), addr->get(), addr->len), 0);
+    std::thread server([&] {
+        uint8_t buf[2048];
+        sockaddr_un from{};
+        socklen_t from_len = sizeof from;
+        if (recvfrom(srv.get(), buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &from_len) <= 0)
+            return;
+        bytes r = reply(1, 0, "key 42\n");
+        sendto(srv.get(), r.data(), r.size(), 0, reinterpret_cast<sockaddr*>(&from), from_len);
+    });
+    std::string own = "/tmp/dlg_" + std::to_string(getpid());
+    testutil::write_file(own, "stale");
+
+    dbcom_handle* h = dbcom_init(nullptr, nullptr, DBCOM_UNIX_DGRAM);
+    ASSERT_NE(h, nullptr);
+    opt value;
+    opt error;
+    EXPECT_EQ(dbcom_get(h, "key", &value, &error), 0);
+    server.join();
+    EXPECT_EQ(value, opt("42"));
+    EXPECT_TRUE(testutil::exists(own));
+    EXPECT_FALSE(testutil::exists("/tmp/dls_" + std::to_string(getpid())));
+    dbcom_close(h);
+    EXPECT_FALSE(testutil::exists(own));
+}
+
+// --- text lines ---------------------------------------------------------------
+
+struct line_case {
+    std::string line;
+    opt key;
+    opt value;
+    std::optional<std::string> rest;
+};
+
+void PrintTo(const line_case& c, std::ostream* os)
+{
+    *os << ::testing::PrintToString(c.line);
+}
+
+class parse_line_test : public ::testing::TestWithParam<line_case> {};
+
+TEST_P(parse_line_test, splits_and_unescapes)
+{
+    const line_case& c = GetParam();
+    opt key = "stale";
+    opt value = "stale";
+    std::optional<std::string_view> rest;
+    ASSERT_EQ(dbcom_parse_line(&c.line, &key, &value, &rest), 0);
+    EXPECT_EQ(key, c.key);
+    EXPECT_EQ(value, c.value);
+    EXPECT_EQ(rest ? std::optional<std::string>(std::string(*rest)) : std::nullopt, c.rest);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    lines, parse_line_test,
+    ::testing::Values(line_case{"key 1\n", "key", "1", std::nullopt},
+                      line_case{"key\n", "key\n", std::nullopt, std::nullopt},
+                      line_case{"a\\ b c\\ d\n", "a b", "c d", std::nullopt},
+                      line_case{"k\\\nx v\n", "k\nx", "v", std::nullopt},
+                      line_case{"k\\: v\n", "k\\:", "v", std::nullopt},
+                      line_case{"k a\\:b\n", "k", "a:b", std::nullopt},
+                      line_case{"k a\\xb\n", "k", "a\\xb", std::nullopt},
+                      line_case{"k a\\\\b\n", "k", "a\\b", std::nullopt},
+                      line_case{"k a\\\nb\n", "k", "a\nb", std::nullopt},
+                      line_case{"k a b\n", "k", "a b", std::nullopt},
+                      line_case{"k v\nnext 2\n", "k", "v", "next 2\n"},
+                      line_case{std::string("k v\n\0junk", 9), "k", "v", std::nullopt},
+                      line_case{std::string("k v\0w\n", 6), "k", "v", std::nullopt},
+                      line_case{"k v", "k", "v", std::nullopt},
+                      line_case{"k \n", "k", std::nullopt, std::nullopt},
+                      line_case{"", std::nullopt, std::nullopt, std::nullopt}));
+
+TEST(dbcom_text_lines, escape_and_missing_arguments)
+{
+    const std::pair<const char*, const char*> cases[] = {{"a b", "a\\ b"}, {"", ""}, {"  ", "\\ \\ "}, {"a:b", "a:b"}};
+    for (const auto& [in, out] : cases) {
+        SCOPED_TRACE(in);
+        std::string copy = "stale";
+        ASSERT_EQ(dbcom_escape_spaces(in, &copy), 0);
+        EXPECT_EQ(copy, out);
+    }
+    std::string copy;
+    EXPECT_EQ(dbcom_escape_spaces(nullptr, &copy), 1);
+    EXPECT_EQ(dbcom_parse_line(nullptr, nullptr, nullptr, nullptr), 1);
+    std::string line = "k v\nk2 w\n";
+    opt value;
+    EXPECT_EQ(dbcom_line_value(&line, &value), 0);
+    EXPECT_EQ(value, opt("v"));
+}
+
+}  // namespace
