@@ -41,6 +41,7 @@ struct known_ap_table;
 extern known_ap_table* known_ap_tables[3];  // by radio; null where the board has none
 extern std::timed_mutex ht_mutex;
 
+// A new table with every slot empty; null when memory runs out.
 known_ap_table* create_hash_table();
 // Frees every entry of slots 0..15, the slot array and the handle. Caller
 // holds ht_mutex (or is the only thread left).
@@ -80,7 +81,15 @@ extern uint8_t kh_list_nonempty;
 inline constexpr int KH_MODE_DERIVE = 1;
 inline constexpr int KH_MODE_STORED = 2;
 
+// The list primitives (callers hold kh_lock). dlist_append links a node in
+// before the head, at the tail; dlist_unlink joins the node's neighbours and
+// clears its links. Walks that free nodes take the successor first.
 void dlist_init(kh_entry* head);
+void dlist_append(kh_entry* head, kh_entry* node);
+void dlist_insert_after(kh_entry* pos, kh_entry* node);
+void dlist_unlink(kh_entry* node);
+bool dlist_is_empty(const kh_entry* head);
+
 void add_to_kh_list(kh_candidate* candidate, int radio, uint8_t* changed, int mode);
 bool is_new_key_holder(const uint8_t mac[6]);
 void traverse_kh_list();
@@ -112,5 +121,8 @@ int open_event_socket();
 void* event_socket_thread(void* arg);
 void remove_key_holder(const uint8_t mac[6]);
 // Applies one received datagram (len bytes; missing bytes count as 0, bytes
-// past the ninth are ignored). Takes kh_lock as needed.
+// past the ninth are ignored). Takes kh_lock as needed, holding it through
+// the script run. An event of a known type naming a radio without a table
+// is refused with an ERROR line and changes nothing. Event-socket thread
+// (and tests).
 void handle_neighbour_event(const uint8_t* buf, size_t len);

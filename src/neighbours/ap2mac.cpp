@@ -1,0 +1,202 @@
+// The per-VAP neighbour BSSID lines of /tmp/ap2_macaddr.txt: adding and
+// deleting one BSSID, and dropping a VAP's line. Callers hold kh_lock.
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "core/files.h"
+#include "core/log.h"
+#include "core/shell.h"
+#include "neighbours/nb_internal.h"
+
+namespace {
+
+// Lines are read and written with a 1024-byte buffer: at most 1022
+// characters, the newline and the terminator.
+constexpr size_t max_line = 1022;
+constexpr size_t max_bssid_text = 17;
+constexpr size_t key_len = 22;  // "ap2_macaddr_wifiXvapY=", where the first BSSID starts
+constexpr size_t kept_line_min = 20;
+
+// Distinct numbers naming the call sites of the diagnostic lines.
+constexpr int site_new_file = 101;
+constexpr int site_new_line = 102;
+constexpr int site_read = 103;
+constexpr int site_added = 104;
+constexpr int site_delete = 105;
+constexpr int site_deleted = 106;
+constexpr int site_vap_kept = 107;
+
+enum class tmp_msg { update, remove_vap };
+
+void log_open_failure(const char* path, int err)
+{
+    log_msg(0, log_lvl::error, "[dorvand] \n Failed to open the AP2MAC file \"(%s)\" [ Reason = %s(%d)]", path,
+            strerror(err), err);
+}
+
+// Appends one line; logs it as written.
+int append_line(const std::string& line, int site, bool report_failure)
+{
+    file_ptr f = open_file(nb::ap2mac_path, "a");
+    if (!f) {
+        if (report_failure)
+            log_open_failure(nb::ap2mac_path, errno);
+        return -1;
+    }
+    fprintf(f.get(), "%s\n", line.c_str());
+    log_msg(0, log_lvl::error, "[%d] mac_str_cpy:%s\n", site, line.c_str());
+    return 0;
+}
+
+// True when grep started and printed nothing for the key: the VAP has no
+// line yet.
+bool key_line_missing(const char* key)
+{
+    char cmd[256];
+    snprintf(cmd, sizeof cmd, "grep \"%s\" %s", key, nb::ap2mac_path);
+    std::string out;
+    if (shell_read(cmd, out) != 0)
+        return false;
+    char word[129];
+    return sscanf(out.c_str(), "%128s", word) != 1;
+}
+
+// Runs `edit` over every line of the file (newline removed) into the
+// temporary file and renames that over the original. `edit` returns the line
+// to write, or nothing to drop it. The temporary file never outlives a
+// failure.
+template <typename Edit>
+int rewrite_ap2mac(tmp_msg which, Edit edit)
+{
+    file_ptr in = open_file(nb::ap2mac_path, "r");
+    if (!in) {
+        log_open_failure(nb::ap2mac_path, errno);
+        return -1;
+    }
+    file_ptr out = open_file(nb::ap2mac_tmp_path, "w");
+    if (!out) {
+        int err = errno;
+        if (which == tmp_msg::update)
+            log_msg(0, log_lvl::error, "[dorvand] \n Failed to open the TMP AP2MAC file \"(%s)\" [ Reason = %s(%d)]",
+                    nb::ap2mac_tmp_path, strerror(err), err);
+        else
+            log_msg(0, log_lvl::error,
+                    "[dorvand] \n Failed to open the TMP AP2MAC file \"(%s)\"  [ Reason = %s(%d)]",
+                    nb::ap2mac_tmp_path, strerror(err), err);
+        return -1;
+    }
+    char line[max_line + 2];
+    nb::line_status st;
+    while ((st = nb::read_line(in.get(), line, max_line)) != nb::line_status::end) {
+        if (st == nb::line_status::too_long) {
+            log_msg(0, log_lvl::error, "[dorvand] Dropped a line of %s longer than %zu characters\n",
+                    nb::ap2mac_path, max_line);
+            continue;
+        }
+        if (std::optional<std::string> kept = edit(std::string_view(line)))
+            fprintf(out.get(), "%s\n", kept->c_str());
+    }
+    in.reset();
+    FILE* raw = out.release();
+    bool written = fflush(raw) == 0 && !ferror(raw);
+    int err = errno;
+    written = fclose(raw) == 0 && written;
+    if (!written) {
+        log_msg(0, log_lvl::error, "[dorvand] \n Failed to write the TMP AP2MAC file \"(%s)\" [ Reason = %s(%d)]",
+                nb::ap2mac_tmp_path, strerror(err), err);
+        remove(nb::ap2mac_tmp_path);
+        return -1;
+    }
+    if (rename(nb::ap2mac_tmp_path, nb::ap2mac_path) != 0) {
+        remove(nb::ap2mac_tmp_path);
+        return -1;
+    }
+    return 0;
+}
+
+std::string add_to_line(std::string_view line, const char* text)
+{
+    std::string out(line);
+    if (line.find(text) != std::string_view::npos)
+        return out;
+    if (out.size() + 1 + std::strlen(text) > max_line) {
+        log_msg(0, log_lvl::error, "[dorvand] ap2_macaddr line full, %s not added\n", text);
+        return out;
+    }
+    out += ' ';
+    out += text;
+    log_msg(0, log_lvl::error, "[%d] mac_str after additon:%s\n", site_added, out.c_str());
+    return out;
+}
+
+// Rebuilds the line from the key and every BSSID but `text`, each followed
+// by one blank. `last_token` carries the BSSID last split off across lines,
+// for the diagnostic line only.
+std::string delete_from_line(std::string_view line, const std::string& key, const char* text,
+                             std::string& last_token)
+{
+    std::string rebuilt = key + "=";
+    log_msg(0, log_lvl::debug, "[%d] addr:%s, mac_str:%s, mac_str_cpy:%s, param:%d\n", site_delete,
+            last_token.c_str(), std::string(line).c_str(), rebuilt.c_str(), 0);
+    bool first = true;
+    size_t pos = 0;
+    while ((pos = line.find_first_not_of(' ', pos)) != std::string_view::npos) {
+        size_t end = line.find(' ', pos);
+        std::string_view token = line.substr(pos, end == std::string_view::npos ? end : end - pos);
+        pos = end;
+        // The first token is the key, "=" and the first BSSID.
+        std::string_view bssid = !first ? token : token.size() > key_len ? token.substr(key_len) : std::string_view{};
+        first = false;
+        last_token.assign(bssid);
+        if (bssid != text) {
+            rebuilt.append(bssid);
+            rebuilt += ' ';
+        }
+    }
+    log_msg(0, log_lvl::error, "[%d] mac_str_cpy after delete:%s\n", site_deleted, rebuilt.c_str());
+    return rebuilt;
+}
+
+}  // namespace
+
+int ap2mac_update(const char* vap, const char* text, int op)
+{
+    size_t text_len = std::strlen(text);
+    if ((op != 0 && op != 1) || text_len == 0 || text_len > max_bssid_text) {
+        log_msg(0, log_lvl::error, "[dorvand] ap2mac_update refused: op %d, BSSID text \"%.32s\"\n", op, text);
+        return -1;
+    }
+    char key_buf[128];
+    snprintf(key_buf, sizeof key_buf, "%s_%s", "ap2_macaddr", vap);
+    const std::string key(key_buf);
+    if (!open_file(nb::ap2mac_path, "r")) {
+        if (op == 0)
+            return 0;
+        return append_line(key + "=" + text, site_new_file, true);
+    }
+    if (op == 1 && key_line_missing(key_buf) && append_line(key + "=" + text, site_new_line, false) == 0)
+        return 0;
+    std::string last_token;
+    return rewrite_ap2mac(tmp_msg::update, [&](std::string_view line) -> std::optional<std::string> {
+        log_msg(0, log_lvl::error, "[%d] mac_str:%s\n", site_read, std::string(line).c_str());
+        if (line.size() >= 2 && line.find(key) != std::string_view::npos)
+            return op == 1 ? add_to_line(line, text) : delete_from_line(line, key, text, last_token);
+        if (line.size() >= kept_line_min)
+            return std::string(line);
+        return std::nullopt;
+    });
+}
+
+int ap2mac_remove_vap(const char* key)
+{
+    return rewrite_ap2mac(tmp_msg::remove_vap, [&](std::string_view line) -> std::optional<std::string> {
+        if (line.find(key) != std::string_view::npos || line.size() < kept_line_min)
+            return std::nullopt;
+        std::string kept(line);
+        log_msg(0, log_lvl::error, "%d [dorvand] str:%s, buf:%s\n", site_vap_kept, kept.c_str(), key);
+        return kept;
+    });
+}

@@ -1,0 +1,236 @@
+// The key-holder record file, the key-change notes with the neighbour BSSIDs
+// they bring, and the transition script. Callers hold kh_lock.
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "core/files.h"
+#include "core/log.h"
+#include "core/shell.h"
+#include "core/state.h"
+#include "neighbours/nb_internal.h"
+
+namespace {
+
+using mac_bytes = std::array<uint8_t, 6>;
+
+// The MACs of every whole record on disk; empty when the file cannot be read.
+std::vector<mac_bytes> cached_macs()
+{
+    std::vector<mac_bytes> macs;
+    file_ptr f = open_file(nb::key_holder_path, "r");
+    if (!f)
+        return macs;
+    nb::key_holder_record rec{};
+    while (nb::read_record(f.get(), rec)) {
+        mac_bytes m;
+        std::memcpy(m.data(), rec.mac, m.size());
+        macs.push_back(m);
+    }
+    return macs;
+}
+
+bool contains(const std::vector<mac_bytes>& macs, const uint8_t mac[6])
+{
+    for (const mac_bytes& m : macs) {
+        if (std::memcmp(m.data(), mac, 6) == 0)
+            return true;
+    }
+    return false;
+}
+
+// Writes the record of every entry that `skip` does not hold; false (with
+// the error logged) at the first failed write.
+bool write_records(FILE* f, const std::vector<mac_bytes>& skip)
+{
+    for (const kh_entry* e = kh_list.next; e != &kh_list; e = e->next) {
+        if (contains(skip, e->mac)) {
+            log_msg(0, log_lvl::info, "%02x:%02x:%02x:%02x:%02x:%02x is already cached in MKH\n", e->mac[0],
+                    e->mac[1], e->mac[2], e->mac[3], e->mac[4], e->mac[5]);
+            continue;
+        }
+        nb::record_bytes bytes = nb::encode_record(*e);
+        if (fwrite(bytes.data(), bytes.size(), 1, f) != 1) {
+            int err = errno;
+            log_msg(0, log_lvl::error, "fwrite failed [%d | %s ]\n", err, strerror(err));
+            return false;
+        }
+    }
+    return true;
+}
+
+bool close_checked(file_ptr& f)
+{
+    FILE* raw = f.release();
+    if (fflush(raw) != 0 || ferror(raw)) {
+        int err = errno;
+        fclose(raw);
+        log_msg(0, log_lvl::error, "fwrite failed [%d | %s ]\n", err, strerror(err));
+        return false;
+    }
+    return fclose(raw) == 0;
+}
+
+// Mode "a": only entries not yet on disk are appended.
+void append_key_holders()
+{
+    std::vector<mac_bytes> on_disk = cached_macs();
+    file_ptr f = open_file(nb::key_holder_path, "a");
+    if (!f)
+        return;
+    if (write_records(f.get(), on_disk))
+        close_checked(f);
+}
+
+// Mode "w": the whole list goes to a temporary file that replaces the old
+// one only when complete, so readers never see a half-written file.
+void rewrite_key_holders()
+{
+    file_ptr f = open_file(nb::key_holder_tmp_path, "w");
+    if (!f)
+        return;
+    bool ok = write_records(f.get(), {});
+    if (ok)
+        ok = close_checked(f);
+    else
+        f.reset();
+    if (!ok || rename(nb::key_holder_tmp_path, nb::key_holder_path) != 0)
+        remove(nb::key_holder_tmp_path);
+}
+
+file_ptr open_key_change_file(const char* what)
+{
+    file_ptr f = open_file(nb::key_change_path, "a");
+    if (!f) {
+        int err = errno;
+        log_msg(0, log_lvl::error, "[dorvand] \n Failed to open the %s file \"(%s)\" [ Reason = %s(%d)]", what,
+                nb::key_change_path, strerror(err), err);
+    }
+    return f;
+}
+
+// Adds the three neighbour BSSIDs of a key holder whose last byte is `last`
+// to the ap2_macaddr line of VAP (r, v).
+void add_neighbour_bssids(const uint8_t mac[6], uint8_t last, int r, int v, const nb::vap_offsets& off)
+{
+    char name[16];
+    snprintf(name, sizeof name, "wifi%dvap%d", r, v);
+    for (int k = 0; k < 3; ++k) {
+        std::array<char, 18> text = nb::neighbour_bssid_text(mac, last, k, v, off);
+        log_msg(0, log_lvl::info, "%s - %s = %s\n", name, "ap2_macaddr", text.data());
+        if (ap2mac_update(name, text.data(), 1) != 0)
+            log_msg(1, log_lvl::error, "Failed to add ap2_macaddr to text file \n");
+    }
+}
+
+void log_mac(const char* prefix, const uint8_t m[6])
+{
+    log_msg(0, log_lvl::info, "%s%02x:%02x:%02x:%02x:%02x:%02x", prefix, m[0], m[1], m[2], m[3], m[4], m[5]);
+}
+
+bool vap_enabled(uint32_t mask, int r, int v)
+{
+    return (mask >> (10 * r + v)) & 1U;
+}
+
+}  // namespace
+
+bool key_holder_cached(const kh_entry& entry)
+{
+    return contains(cached_macs(), entry.mac);
+}
+
+void write_key_holders(const char* mode)
+{
+    log_msg(0, log_lvl::debug, "mode = %s \n", mode);
+    if (std::strcmp(mode, "a") == 0)
+        append_key_holders();
+    else if (std::strcmp(mode, "w") == 0)
+        rewrite_key_holders();
+    else
+        log_msg(0, log_lvl::error, "[dorvand] write_key_holders: unknown mode \"%s\"\n", mode);
+}
+
+void key_change_on_addition(const kh_candidate& candidate)
+{
+    const nb::vap_offsets off = nb::offsets_for(candidate.family);
+    log_msg(0, log_lvl::info, " ADDITION | family = %d | ethOffset = %X | wlanDiff = %X  | firstVapOffset = %X\n",
+            candidate.family, off.eth_offset, off.wlan_diff, off.first_vap_offset);
+    log_msg(0, log_lvl::info, "MAC = ");
+    log_mac("", candidate.mac);
+    file_ptr f = open_key_change_file("KEY_CHANGE");
+    if (!f)
+        return;
+    const uint32_t mask = ft_enabled_vaps.load();
+    for (int r = 0; r < radio_count && r < 3; ++r) {
+        for (int v = 0; v < 10; ++v) {
+            if (!vap_enabled(mask, r, v))
+                continue;
+            fprintf(f.get(), "%s_wifi%dvap%d=1,1\n", "ft_key_changed", r, v);
+            add_neighbour_bssids(candidate.mac, candidate.mac[5], r, v, off);
+        }
+    }
+}
+
+void key_change_on_deletion(int radio, uint8_t family, uint8_t mac[6])
+{
+    const nb::vap_offsets off = nb::offsets_for(family);
+    log_msg(0, log_lvl::info, "DELETION | family = %d | ethOffset = %X | wlanDiff = %X  | firstVapOffset = %X\n",
+            family, off.eth_offset, off.wlan_diff, off.first_vap_offset);
+    mac[5] = static_cast<uint8_t>((mac[5] & 0xF0) - static_cast<uint8_t>(radio * off.wlan_diff) + off.eth_offset);
+    file_ptr f = open_key_change_file("KEY_CHANGE");
+    if (!f)
+        return;
+    log_mac("MAC ", mac);
+    const uint32_t mask = ft_enabled_vaps.load();
+    for (int r = 0; r < radio_count && r < 3; ++r) {
+        for (int v = 0; v < 10; ++v) {
+            if (!vap_enabled(mask, r, v))
+                continue;
+            char name[16];
+            snprintf(name, sizeof name, "wifi%dvap%d", r, v);
+            fprintf(f.get(), "%s_wifi%dvap%d=1,0\n", "ft_key_changed", r, v);
+            for (int k = 0; k < 3; ++k) {
+                std::array<char, 18> text = nb::neighbour_bssid_text(mac, mac[5], k, v, off);
+                log_msg(0, log_lvl::info,
+                        "LSB =%02X | nbr_radIdx = %d | wlanDiff = %02X |  ethOffset = %02X |\t\t\t\t\t\t\t"
+                        "firstVapOffset =%02X\n",
+                        mac[5], k, off.wlan_diff, off.eth_offset, off.first_vap_offset);
+                log_msg(0, log_lvl::info, "wifi%dvap%d - %s = %s\n", r, v, "ap2_macaddr", text.data());
+                if (ap2mac_update(name, text.data(), 0) != 0)
+                    log_msg(1, log_lvl::error, "Failed to delete ap2_macaddr from text file \n");
+            }
+        }
+    }
+}
+
+void vap_ft_status_changed(int radio, int vap, const kh_entry& entry, int status)
+{
+    const nb::vap_offsets off = nb::offsets_for(entry.family);
+    log_msg(0, log_lvl::info,
+            " wifi%dvap%d | 11rStatus = %s | family = %d | ethOffset = %X | wlanDiff = %X  | firstVapOffset = %X\n",
+            radio, vap, status ? "ENABLE" : "DISABLE", entry.family, off.eth_offset, off.wlan_diff,
+            off.first_vap_offset);
+    log_msg(0, log_lvl::info, "MAC = ");
+    log_mac("", entry.mac);
+    file_ptr f = open_key_change_file("KEY CHANGE");
+    if (!f)
+        return;
+    fprintf(f.get(), "%s_wifi%dvap%d=1,%d\n", "ft_key_changed", radio, vap, status);
+    if (status == 0) {
+        char key[32];
+        snprintf(key, sizeof key, "%s_wifi%dvap%d", "ap2_macaddr", radio, vap);
+        ap2mac_remove_vap(key);
+    } else if (status == 1) {
+        add_neighbour_bssids(entry.mac, entry.mac[5], radio, vap, off);
+    }
+}
+
+void run_ft_script()
+{
+    if (shell_run(128, "%s", nb::ft_script_path) == -1) {
+        int err = errno;
+        log_msg(0, log_lvl::error, "Failed to run script [%d|%s]\n", err, strerror(err));
+    }
+}

@@ -1,0 +1,167 @@
+// Neighbour events: each type applied through handle_neighbour_event, short
+// and unknown datagrams, events for radios without a table, and the socket.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "nb_fixture.h"
+
+namespace {
+
+using testutil::log_count;
+using testutil::read_bytes;
+using testutil::script_runs;
+
+class event_socket_test : public neighbours_test {};
+
+void send_event(const mac_t& mac, uint8_t type, uint8_t family, uint8_t wlan)
+{
+    uint8_t buf[9] = {mac[0], mac[1], mac[2], mac[3], mac[4], mac[5], type, family, wlan};
+    handle_neighbour_event(buf, sizeof buf);
+}
+
+const mac_t neighbour = {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50};
+
+TEST_F(event_socket_test, ApAdditionFillsTheRadiosTableOnce)
+{
+    send_event(neighbour, AP_ADDITION, 0, 1);
+    EXPECT_EQ(log_count("AP_ADDITION [wlan1]\n"), 1);
+    EXPECT_EQ(log_count("\t\thash table for wlan1 \n"), 1);
+    EXPECT_EQ(table_rows(1), std::vector<std::string>{"0a:1b:2c:3d:4e:50 present = Yes | family = TRV "});
+    EXPECT_TRUE(table_rows(0).empty());
+
+    send_event(neighbour, AP_ADDITION, 1, 1);
+    EXPECT_EQ(table_rows(1), std::vector<std::string>{"0a:1b:2c:3d:4e:50 present = Yes | family = TRV "});
+    EXPECT_EQ(log_count("Duplicate entry at beginning A-1B-2C-3D-4E-50 \n"), 1);
+    EXPECT_TRUE(list_macs().empty());
+    EXPECT_EQ(script_runs(), 0);
+}
+
+TEST_F(event_socket_test, KhAdditionAddsOnceAndRunsTheScriptOnce)
+{
+    ft_enabled_vaps = 1;
+    send_event(neighbour, KH_ADDITION, 0, 2);
+    const mac_t kh = {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x3F};
+    EXPECT_EQ(list_macs(), std::vector<mac_t>{kh});
+    EXPECT_EQ(read_bytes("/var/roam_key_holders"), record_of(kh, 1, 0));
+    EXPECT_EQ(script_runs(), 1);
+    EXPECT_EQ(testutil::read_file("/tmp/ft_key_changed.txt"), "ft_key_changed_wifi0vap0=1,1\n");
+
+    send_event(neighbour, KH_ADDITION, 0, 2);
+    EXPECT_EQ(list_macs(), std::vector<mac_t>{kh});
+    EXPECT_EQ(read_bytes("/var/roam_key_holders"), record_of(kh, 1, 0));
+    EXPECT_EQ(script_runs(), 1);
+    EXPECT_EQ(testutil::read_file("/tmp/ft_key_changed.txt"), "ft_key_changed_wifi0vap0=1,1\n");
+}
+
+TEST_F(event_socket_test, ApDeletionRemovesDerivedKeyHoldersAndAlwaysRunsTheScript)
+{
+    ft_enabled_vaps = 1;
+    const mac_t other = {0x0A, 0x1B, 0x2C, 0x3D, 0x4F, 0x50};
+    send_event(neighbour, AP_ADDITION, 0, 0);
+    send_event(neighbour, KH_ADDITION, 0, 0);
+    send_event(neighbour, KH_ADDITION, 0, 1);
+    send_event(other, KH_ADDITION, 1, 0);
+    ASSERT_EQ(list_macs().size(), 3u);
+    ASSERT_EQ(script_runs(), 3);
+
+    send_event(neighbour, AP_DELETION, 0, 0);
+    const mac_t other_kh = {0x0A, 0x1B, 0x2C, 0x3D, 0x4F, 0x6F};
+    EXPECT_TRUE(table_rows(0).empty());
+    EXPECT_EQ(list_macs(), std::vector<mac_t>{other_kh});
+    EXPECT_EQ(read_bytes("/var/roam_key_holders"), record_of(other_kh, 1, 1));
+    EXPECT_EQ(log_count("Removing 0a:1b:2c:3d:4e:5f\n"), 1);
+    EXPECT_EQ(log_count("Removing 0a:1b:2c:3d:4e:4f\n"), 1);
+    EXPECT_EQ(script_runs(), 4);
+    std::string ap2mac = testutil::read_file("/tmp/ap2_macaddr.txt");
+    EXPECT_EQ(ap2mac.find("0A:1B:2C:3D:4E:50"), std::string::npos) << ap2mac;
+    EXPECT_NE(ap2mac.find("0A:1B:2C:3D:4F:51"), std::string::npos) << ap2mac;
+
+    // Nothing left to find: the script still runs.
+    send_event(neighbour, AP_DELETION, 0, 0);
+    EXPECT_EQ(list_macs(), std::vector<mac_t>{other_kh});
+    EXPECT_EQ(script_runs(), 5);
+}
+
+TEST_F(event_socket_test, ShortDatagramIsZeroFilled)
+{
+    append_key_holder({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, 1, 0);
+    handle_neighbour_event(neighbour.data(), 6);
+    EXPECT_EQ(log_count("Event received [0]\n"), 1);
+    EXPECT_EQ(log_count("AP_DELETION [wlan0]\n"), 1);
+    EXPECT_EQ(log_count("DELETION | family = 0 |"), 1);
+    EXPECT_TRUE(list_macs().empty());
+    EXPECT_EQ(script_runs(), 1);
+
+    handle_neighbour_event(nullptr, 0);
+    EXPECT_EQ(log_count("Event received [0]\n"), 2);
+    EXPECT_EQ(script_runs(), 2);
+}
+
+TEST_F(event_socket_test, BytesPastTheNinthAreIgnored)
+{
+    uint8_t buf[12] = {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50, AP_ADDITION, 1, 2, 0xFF, 0xFF, 0xFF};
+    handle_neighbour_event(buf, sizeof buf);
+    EXPECT_EQ(table_rows(2), std::vector<std::string>{"0a:1b:2c:3d:4e:50 present = Yes | family = TRM "});
+}
+
+TEST_F(event_socket_test, UnknownTypeChangesNothing)
+{
+    append_key_holder({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, 1, 0);
+    send_event(neighbour, 3, 0, 0);
+    send_event(neighbour, 0xFF, 0, 7);
+    EXPECT_EQ(log_count("default case \n"), 2);
+    EXPECT_EQ(list_macs().size(), 1u);
+    EXPECT_TRUE(table_rows(0).empty());
+    EXPECT_EQ(script_runs(), 0);
+    EXPECT_FALSE(testutil::exists("/var/roam_key_holders"));
+}
+
+TEST_F(event_socket_test, EventsForARadioWithoutTableAreRefused)
+{
+    radio_count = 2;
+    free_known_ap_table(known_ap_tables[2]);
+    known_ap_tables[2] = nullptr;
+    append_key_holder({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, 1, 0);
+    for (uint8_t wlan : {2, 3, 200}) {
+        for (uint8_t type : {AP_ADDITION, KH_ADDITION, AP_DELETION}) {
+            SCOPED_TRACE(testing::Message() << "wlan " << int(wlan) << " type " << int(type));
+            testutil::reset_sandbox();
+            testutil::install_fake_script();
+            send_event(neighbour, type, 0, wlan);
+            EXPECT_EQ(log_count("[dorvand] Event for wlan" + std::to_string(wlan) + " ignored: no such radio\n"), 1);
+            EXPECT_EQ(list_macs().size(), 1u);
+            EXPECT_EQ(script_runs(), 0);
+            EXPECT_FALSE(testutil::exists("/var/roam_key_holders"));
+            EXPECT_FALSE(testutil::exists("/tmp/ft_key_changed.txt"));
+        }
+    }
+    // A radio the board has but whose table could not be made.
+    radio_count = 3;
+    testutil::reset_sandbox();
+    send_event(neighbour, AP_ADDITION, 0, 2);
+    EXPECT_EQ(log_count("[dorvand] Event for wlan2 ignored: no such radio\n"), 1);
+}
+
+TEST_F(event_socket_test, SocketReplacesAStaleFile)
+{
+    testutil::write_file("/tmp/roam_sock", "stale");
+    int fd = open_event_socket();
+    ASSERT_GE(fd, 0);
+    struct stat st {};
+    ASSERT_EQ(stat("/tmp/roam_sock", &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    close(fd);
+}
+
+TEST_F(event_socket_test, BindFailureIsReported)
+{
+    ASSERT_EQ(mkdir("/tmp/roam_sock", 0755), 0);  // cannot be unlinked, so the bind fails
+    EXPECT_EQ(open_event_socket(), -1);
+    EXPECT_EQ(log_count(" Bind failed with return value [98|Address already in use]\n"), 1);
+}
+
+}  // namespace

@@ -1,0 +1,201 @@
+// Key-holder list: the MAC derivation, duplicates, scan matching and the
+// reload of the key-holder file.
+#include <string>
+
+#include "nb_fixture.h"
+
+namespace {
+
+using testutil::log_count;
+using testutil::read_file;
+using testutil::script_runs;
+
+class kh_list_test : public neighbours_test {};
+
+struct derive_case {
+    uint8_t family;
+    int radio;
+    uint8_t ap_type;
+    uint8_t channel;
+    uint8_t in;
+    uint8_t out;
+    const char* rule_line;  // the INFO line of the rule, or null for the default rule
+};
+
+constexpr const char* dbdr_trv = "add_to_kh_list: mac addr calculation for DBDR and TBTR APs\n";
+constexpr const char* dbdr_trm = "add_to_kh_list: mac addr calculation for DBDR APs and TBTR APs\n";
+constexpr const char* dbtr = "add_to_kh_list: mac addr calculation for DBTR APs\n";
+
+const derive_case derive_cases[] = {
+    // Default rule: + ethOffset - radio * wlanDiff.
+    {0, 0, 0, 0, 0x50, 0x5F, nullptr},
+    {0, 1, 0, 0, 0x50, 0x4F, nullptr},
+    {0, 2, 0, 0, 0x50, 0x3F, nullptr},
+    {1, 0, 0, 0, 0x50, 0x6F, nullptr},
+    {1, 1, 0, 0, 0x50, 0x4F, nullptr},
+    {1, 2, 0, 0, 0x50, 0x2F, nullptr},
+    {0, 1, 0, 0, 0x00, 0xFF, nullptr},  // wraps below 0x00, mac[4] unchanged
+    {1, 2, 0, 0, 0x10, 0xEF, nullptr},
+    {0, 0, 0, 0, 0xF5, 0x04, nullptr},  // wraps above 0xFF
+    // DBDR/TBTR (types 1 and 6) on channels 100..173: - 1 on every radio.
+    {0, 0, 1, 149, 0x50, 0x4F, dbdr_trv},
+    {0, 2, 6, 100, 0x50, 0x4F, dbdr_trv},
+    {1, 0, 6, 173, 0x50, 0x4F, dbdr_trm},
+    {1, 2, 1, 149, 0x00, 0xFF, dbdr_trm},
+    {0, 0, 1, 99, 0x50, 0x5F, nullptr},
+    {1, 0, 6, 174, 0x50, 0x6F, nullptr},
+    // DBTR (type 4) on channels 100..173, radio 1 only.
+    {0, 1, 4, 149, 0x50, 0x3F, dbtr},
+    {1, 1, 4, 100, 0x50, 0x2F, dbtr},
+    {0, 1, 4, 173, 0x05, 0xF4, dbtr},
+    {0, 0, 4, 149, 0x50, 0x5F, nullptr},
+    {1, 0, 4, 149, 0x50, 0x6F, nullptr},
+    {0, 2, 4, 149, 0x50, 0x3F, nullptr},
+    {1, 1, 4, 99, 0x50, 0x4F, nullptr},
+    {0, 1, 4, 174, 0x50, 0x4F, nullptr},
+    // Other codes take the default rule; unknown families derive nothing.
+    {0, 0, 2, 149, 0x50, 0x5F, nullptr},
+    {2, 0, 0, 0, 0x50, 0x50, nullptr},
+    {7, 1, 1, 149, 0x50, 0x50, nullptr},
+};
+
+TEST_F(kh_list_test, DerivationTable)
+{
+    for (const derive_case& c : derive_cases) {
+        SCOPED_TRACE(testing::Message() << "family " << int(c.family) << " radio " << c.radio << " type "
+                                        << int(c.ap_type) << " channel " << int(c.channel) << " in " << int(c.in));
+        reset_neighbour_state();
+        testutil::reset_sandbox();
+        kh_candidate cand{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, c.in}, 1, c.family, c.channel, c.ap_type};
+        uint8_t changed = 0;
+        add_to_kh_list(&cand, c.radio, &changed, KH_MODE_DERIVE);
+        EXPECT_EQ(changed, 1);
+        EXPECT_EQ(list_macs(), std::vector<mac_t>({{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, c.out}}));
+        EXPECT_EQ(log_count("mac addr calculation"), c.rule_line ? 1 : 0);
+        if (c.rule_line) {
+            EXPECT_EQ(log_count(c.rule_line), 1);
+        }
+    }
+}
+
+TEST_F(kh_list_test, StoredModeTakesTheMacAsItIs)
+{
+    kh_candidate cand{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50}, 0, 1, 149, 1};
+    uint8_t changed = 0;
+    add_to_kh_list(&cand, 1, &changed, KH_MODE_STORED);
+    ASSERT_EQ(list_macs(), std::vector<mac_t>({{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50}}));
+    EXPECT_EQ(kh_list.next->active, 0);
+    EXPECT_EQ(kh_list.next->family, 1);
+}
+
+TEST_F(kh_list_test, KnownKeyHolderChangesNothing)
+{
+    ft_enabled_vaps = 1;
+    kh_candidate first{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50}, 1, 0, 0, 0};
+    uint8_t changed = 0;
+    add_to_kh_list(&first, 0, &changed, KH_MODE_DERIVE);
+    ASSERT_EQ(changed, 1);
+    std::string key_changes = read_file("/tmp/ft_key_changed.txt");
+    std::string ap2mac = read_file("/tmp/ap2_macaddr.txt");
+
+    // A different neighbour byte that derives the same key holder on radio 1.
+    kh_candidate again{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x70}, 1, 0, 0, 0};
+    changed = 0;
+    add_to_kh_list(&again, 2, &changed, KH_MODE_DERIVE);
+    EXPECT_EQ(changed, 0);
+    EXPECT_EQ(list_macs().size(), 1u);
+    EXPECT_EQ(read_file("/tmp/ft_key_changed.txt"), key_changes);
+    EXPECT_EQ(read_file("/tmp/ap2_macaddr.txt"), ap2mac);
+}
+
+TEST_F(kh_list_test, TraversalPrintsTheListAndSetsTheFlag)
+{
+    traverse_kh_list();
+    EXPECT_EQ(kh_list_nonempty, 0);
+    append_key_holder({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, 1, 0);
+    append_key_holder({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x6F}, 0, 1);
+    size_t from = log_size();
+    traverse_kh_list();
+    EXPECT_EQ(kh_list_nonempty, 1);
+    EXPECT_EQ(log_messages(from), (std::vector<std::string>{"########## LIST TRAVERSAL ##############",
+                                                            "\t MAC \t\t ACTIVE\tFAMILY",
+                                                            "0a-1b-2c-3d-4e-5f | YES | TRV ",
+                                                            "0a-1b-2c-3d-4e-6f | NO | TRM "}));
+}
+
+TEST_F(kh_list_test, ScanMatchesOfOneKnownApAddOneKeyHolder)
+{
+    const mac_t ap = {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50};
+    add_to_ht(known_ap_tables[0], ap.data(), 1, 0, 0, 0);
+    scan_ap_record recs[3] = {
+        {{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x52}, 6, 0},
+        {{0x11, 0x22, 0x33, 0x44, 0x55, 0x66}, 6, 0},
+        {{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x53}, 6, 0},
+    };
+    match_known_aps(recs, 3, 0);
+    EXPECT_EQ(list_macs(), std::vector<mac_t>({{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}}));
+    EXPECT_EQ(file_macs(), list_macs());
+    EXPECT_EQ(script_runs(), 1);
+    EXPECT_EQ(log_count("[dorvand] 0a-1b-2c-3d-4e-50 TRV  \n"), 2);  // the known AP's MAC, not the BSSID
+    EXPECT_EQ(log_count("0a:1b:2c:3d:4e:5f is already cached in MKH\n"), 1);
+
+    // Nothing new: no script.
+    match_known_aps(recs, 3, 0);
+    EXPECT_EQ(script_runs(), 1);
+}
+
+TEST_F(kh_list_test, ScanMatchCarriesTheScannedChannelAndType)
+{
+    const mac_t ap = {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50};
+    add_to_ht(known_ap_tables[1], ap.data(), 1, 1, 0, 0);
+    scan_ap_record rec{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x55}, 149, 4};
+    match_known_aps(&rec, 1, 1);
+    EXPECT_EQ(list_macs(), std::vector<mac_t>({{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x2F}}));
+    EXPECT_EQ(log_count(" Scanned known AP: 0a:1b:2c:3d:4e:50 | Channel: 149 | VX AP type: 4\n"), 1);
+}
+
+TEST_F(kh_list_test, ReloadAddsWholeRecordsOnce)
+{
+    ft_enabled_vaps = 1;  // wifi0vap0
+    std::vector<unsigned char> bytes = record_of({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, 1, 0);
+    std::vector<unsigned char> second = record_of({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x6F}, 0, 1);
+    bytes.insert(bytes.end(), second.begin(), second.end());
+    bytes[0] = 0xAA;  // link words mean nothing to a reader
+    bytes.insert(bytes.end(), {0, 0, 0, 0, 0, 0, 0, 0, 0x0A, 0x1B});  // short last record
+    testutil::write_file("/var/roam_key_holders", std::string(bytes.begin(), bytes.end()));
+
+    reload_key_holders();
+    EXPECT_EQ(list_macs(), std::vector<mac_t>({{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F},
+                                               {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x6F}}));
+    EXPECT_EQ(kh_list.next->next->active, 0);
+    EXPECT_EQ(kh_list.next->next->family, 1);
+    EXPECT_EQ(log_count("0a:1b:2c:3d:4e:5f PRESENT | TRV \n"), 1);
+    EXPECT_EQ(log_count("0a:1b:2c:3d:4e:6f NOT PRESENT | TRM \n"), 1);
+    EXPECT_EQ(read_file("/tmp/ft_key_changed.txt"), "ft_key_changed_wifi0vap0=1,1\nft_key_changed_wifi0vap0=1,1\n");
+    EXPECT_EQ(script_runs(), 1);
+    EXPECT_EQ(kh_list_nonempty, 1);
+
+    reload_key_holders();
+    EXPECT_EQ(list_macs().size(), 2u);
+    EXPECT_EQ(script_runs(), 1);
+}
+
+TEST_F(kh_list_test, ReloadWithoutFileOnlyPrints)
+{
+    reload_key_holders();
+    EXPECT_TRUE(list_macs().empty());
+    EXPECT_EQ(script_runs(), 0);
+    EXPECT_EQ(log_count("########## LIST TRAVERSAL ##############\n"), 1);
+}
+
+TEST_F(kh_list_test, FreeLogsAndEmptiesTheList)
+{
+    append_key_holder({1, 2, 3, 4, 5, 6}, 1, 0);
+    append_key_holder({1, 2, 3, 4, 5, 7}, 1, 0);
+    free_kh_list();
+    EXPECT_TRUE(dlist_is_empty(&kh_list));
+    EXPECT_EQ(kh_list.prev, &kh_list);
+    EXPECT_EQ(log_messages(), (std::vector<std::string>{"Removing 01:02:03:04:05:06", "Removing 01:02:03:04:05:07"}));
+}
+
+}  // namespace

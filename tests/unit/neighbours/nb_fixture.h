@@ -1,0 +1,121 @@
+// Fixture and helpers shared by the neighbour module's tests: fresh tables
+// for three radios, an empty key-holder list and the fake transition script.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "core/state.h"
+#include "neighbours/neighbours.h"
+#include "test_util.h"
+
+using mac_t = std::array<uint8_t, 6>;
+
+inline void reset_neighbour_state()
+{
+    free_kh_list();
+    dlist_init(&kh_list);
+    kh_list_nonempty = 0;
+    for (auto& table : known_ap_tables) {
+        free_known_ap_table(table);
+        table = nullptr;
+    }
+    radio_count = 3;
+    for (int r = 0; r < 3; ++r)
+        known_ap_tables[r] = create_hash_table();
+    ft_enabled_vaps = 0;
+}
+
+class neighbours_test : public sandbox_test {
+protected:
+    void SetUp() override
+    {
+        reset_neighbour_state();
+        sandbox_test::SetUp();
+        testutil::install_fake_script();
+    }
+    void TearDown() override { reset_neighbour_state(); }
+};
+
+// The MACs of the key-holder list, in list order.
+inline std::vector<mac_t> list_macs()
+{
+    std::vector<mac_t> out;
+    for (const kh_entry* e = kh_list.next; e != &kh_list; e = e->next)
+        out.push_back({e->mac[0], e->mac[1], e->mac[2], e->mac[3], e->mac[4], e->mac[5]});
+    return out;
+}
+
+inline void append_key_holder(const mac_t& mac, uint8_t active, uint8_t family)
+{
+    auto* e = new kh_entry{};
+    std::copy(mac.begin(), mac.end(), e->mac);
+    e->active = active;
+    e->family = family;
+    dlist_append(&kh_list, e);
+}
+
+// The 16-byte file image of one key holder, link words zero.
+inline std::vector<unsigned char> record_of(const mac_t& mac, uint8_t active, uint8_t family)
+{
+    std::vector<unsigned char> r(16, 0);
+    for (size_t i = 0; i < mac.size(); ++i)
+        r[8 + i] = mac[i];
+    r[14] = active;
+    r[15] = family;
+    return r;
+}
+
+// The MACs of the whole records of /var/roam_key_holders.
+inline std::vector<mac_t> file_macs()
+{
+    std::vector<unsigned char> bytes = testutil::read_bytes("/var/roam_key_holders");
+    std::vector<mac_t> out;
+    for (size_t off = 0; off + 16 <= bytes.size(); off += 16) {
+        mac_t m;
+        std::copy(bytes.begin() + static_cast<long>(off) + 8, bytes.begin() + static_cast<long>(off) + 14, m.begin());
+        out.push_back(m);
+    }
+    return out;
+}
+
+// The messages logged after byte `from` of the log file, one per log line,
+// without the time stamp and level and without a trailing newline.
+inline std::vector<std::string> log_messages(size_t from = 0)
+{
+    std::string text = testutil::log_text();
+    std::vector<std::string> out;
+    size_t pos = from;
+    while (pos < text.size()) {
+        size_t end = text.find('\n', pos);
+        if (end == std::string::npos)
+            end = text.size();
+        std::string line = text.substr(pos, end - pos);
+        pos = end + 1;
+        size_t mark = line.find("] : ");
+        if (line.rfind("[", 0) == 0 && mark != std::string::npos)
+            out.push_back(line.substr(mark + 4));
+    }
+    return out;
+}
+
+inline size_t log_size()
+{
+    return testutil::log_text().size();
+}
+
+// The entry lines that traverse_hash_table prints for a table, in order.
+inline std::vector<std::string> table_rows(int radio)
+{
+    size_t from = log_size();
+    static const char* names[3] = {"wlan0", "wlan1", "wlan2"};
+    traverse_hash_table(known_ap_tables[radio], names[radio]);
+    std::vector<std::string> rows;
+    for (const std::string& m : log_messages(from)) {
+        if (m.find("present =") != std::string::npos)
+            rows.push_back(m);
+    }
+    return rows;
+}
