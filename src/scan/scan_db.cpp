@@ -1,0 +1,213 @@
+// The per-band scan databases: creation, and the channel and BSS upserts of
+// a scan's write cycles.
+#include "core/log.h"
+#include "scan/scan.h"
+#include "scan/scan_internal.h"
+
+#include <cstdio>
+#include <initializer_list>
+#include <memory>
+#include <utility>
+
+const char* const scan_db_files[3] = {"/tmp/scan_db_2g", "/tmp/scan_db_5g", "/tmp/scan_db_5gh"};
+const char* const scan_db_markers[3] = {"/tmp/DB2G_UPDATION_IN_PROGRESS", "/tmp/DB5G_UPDATION_IN_PROGRESS",
+                                        "/tmp/DB5GH_UPDATION_IN_PROGRESS"};
+
+namespace
+{
+
+// ---- Statements --------------------------------------------------------------
+
+constexpr const char* schema_sql =
+    "CREATE TABLE IF NOT EXISTS SCANNED_AP_DETAILS (MAC TEXT PRIMARY KEY,SSID TEXT,CHANNEL INTEGER,PHY_MODE "
+    "INTEGER,RSSI INTEGER,AP_TYPE INTEGER,TIMESTAMP TEXT,EPOCHTIMESTAMP TEXT);CREATE TABLE IF NOT EXISTS "
+    "CHANNEL_DETAILS (CHANNEL INT PRIMARY KEY,NBSS INT,RSSI INT,MINRSSI INT,NOISE_FLOOR INT,CH_LOAD INT,MAXRSSI "
+    "INT,SPECTRAL_LOAD INT,RANK INT);";
+constexpr const char* channel_select_sql = "SELECT * FROM CHANNEL_DETAILS WHERE CHANNEL=?";
+constexpr const char* channel_update_sql =
+    "UPDATE CHANNEL_DETAILS SET NBSS=?, RSSI=?, MINRSSI=?, NOISE_FLOOR=?, CH_LOAD=?, MAXRSSI=?, SPECTRAL_LOAD=?, "
+    "RANK=? WHERE CHANNEL=?";
+constexpr const char* channel_insert_sql = "INSERT INTO CHANNEL_DETAILS VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?);";
+constexpr const char* bss_select_sql = "SELECT * FROM SCANNED_AP_DETAILS WHERE MAC=?";
+constexpr const char* bss_update_sql =
+    "UPDATE SCANNED_AP_DETAILS SET SSID=?, CHANNEL=?, PHY_MODE=?, RSSI=?, AP_TYPE=?, TIMESTAMP=?, "
+    "EPOCHTIMESTAMP=? WHERE MAC=?";
+constexpr const char* bss_insert_sql = "INSERT INTO SCANNED_AP_DETAILS VALUES (?, ?, ?, ?, ?, ?, ?, ?);";
+
+// Fixed source lines carried by the diagnostics.
+constexpr int line_channel_select = 1301;
+constexpr int line_channel_insert = 1319;
+constexpr int line_channel_update = 1333;
+constexpr int line_channel_step = 1338;
+constexpr int line_bss_insert = 1456;
+constexpr int line_bss_update = 1469;
+
+constexpr uint32_t chan_load_max = 100;
+
+struct stmt_finalizer {
+    void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
+};
+using stmt_ptr = std::unique_ptr<sqlite3_stmt, stmt_finalizer>;
+
+stmt_ptr prepare(sqlite3* db, const char* sql)
+{
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK) {
+        sqlite3_finalize(stmt);
+        return nullptr;
+    }
+    return stmt_ptr(stmt);
+}
+
+// Binds integers to parameters first, first+1, ... in order.
+void bind_ints(sqlite3_stmt* stmt, int first, std::initializer_list<int32_t> values)
+{
+    int index = first;
+    for (int32_t v : values)
+        sqlite3_bind_int(stmt, index++, v);
+}
+
+void bind_text(sqlite3_stmt* stmt, int index, const char* text)
+{
+    // The texts outlive the step, so SQLite need not copy them.
+    sqlite3_bind_text(stmt, index, text, -1, SQLITE_STATIC);
+}
+
+// Runs a prepared existence query once; true when it found a row.
+bool row_exists(stmt_ptr stmt)
+{
+    return sqlite3_step(stmt.get()) == SQLITE_ROW;
+}
+
+int create_scan_db(int radio)
+{
+    sqlite3* raw = nullptr;
+    int rc = sqlite3_open(scan_db_files[radio], &raw);
+    sqlite_ptr db(raw);
+    if (rc != SQLITE_OK) {
+        log_msg(0, log_lvl::error, "Cannot open database: %s\n", sqlite3_errmsg(db.get()));
+        return rc;
+    }
+    log_msg(0, log_lvl::error, "Creating scan table\n");
+    rc = sqlite3_exec(db.get(), schema_sql, nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK) {
+        log_msg(0, log_lvl::error, "Cannot create tables: %s\n", sqlite3_errmsg(db.get()));
+        return rc;
+    }
+    return 0;
+}
+
+stmt_ptr prepare_channel_write(sqlite3* db, const channel_stats& s, bool exists)
+{
+    const int32_t min_rssi = s.min_rssi;
+    const auto load = static_cast<int32_t>(s.chan_load);
+    if (exists) {
+        stmt_ptr stmt = prepare(db, channel_update_sql);
+        if (!stmt) {
+            log_msg(0, log_lvl::error, "[%d]Failed to execute statement: %s\n", line_channel_update,
+                    sqlite3_errmsg(db));
+            return nullptr;
+        }
+        bind_ints(stmt.get(), 1,
+                  {s.chan_nbss, min_rssi, min_rssi, s.noise_floor, load, s.max_rssi, s.spectral_load, s.chan_rank,
+                   s.ieee_chan});
+        return stmt;
+    }
+    stmt_ptr stmt = prepare(db, channel_insert_sql);
+    if (!stmt) {
+        log_msg(0, log_lvl::error, "[%d]Failed to execute statement: %s\n", line_channel_insert, sqlite3_errmsg(db));
+        return nullptr;
+    }
+    bind_ints(
+        stmt.get(), 1,
+        {s.ieee_chan, s.chan_nbss, min_rssi, min_rssi, s.noise_floor, load, s.max_rssi, s.spectral_load, s.chan_rank});
+    return stmt;
+}
+
+stmt_ptr prepare_bss_write(sqlite3* db, const bss_row& row, const char* mac, bool exists)
+{
+    stmt_ptr stmt = prepare(db, exists ? bss_update_sql : bss_insert_sql);
+    if (!stmt) {
+        log_msg(0, log_lvl::error, "[%d]Failed to execute statement: %s\n", exists ? line_bss_update : line_bss_insert,
+                sqlite3_errmsg(db));
+        return nullptr;
+    }
+    // The update names the MAC last, the insert first; the rest share an order.
+    int first = exists ? 1 : 2;
+    bind_text(stmt.get(), exists ? 8 : 1, mac);
+    bind_text(stmt.get(), first, row.ssid);
+    bind_ints(stmt.get(), first + 1, {row.channel, row.phymode, row.rssi, row.ap_type});
+    bind_text(stmt.get(), first + 5, row.timestamp);
+    bind_text(stmt.get(), first + 6, row.epoch);
+    return stmt;
+}
+
+} // namespace
+
+int create_scan_db_2g()
+{
+    return create_scan_db(0);
+}
+
+int create_scan_db_5g()
+{
+    return create_scan_db(1);
+}
+
+int create_scan_db_5gh()
+{
+    return create_scan_db(2);
+}
+
+sqlite_ptr open_scan_db(int radio, int line)
+{
+    sqlite3* raw = nullptr;
+    int rc = sqlite3_open(scan_db_files[radio], &raw);
+    sqlite_ptr db(raw);
+    if (rc != SQLITE_OK) {
+        log_msg(0, log_lvl::error, "[%d]Error in opening Db \n", line);
+        return nullptr;
+    }
+    return db;
+}
+
+void upsert_channel(sqlite3* db, channel_stats stats)
+{
+    if (stats.chan_load > chan_load_max)
+        stats.chan_load = chan_load_max;
+    stmt_ptr query = prepare(db, channel_select_sql);
+    if (!query) {
+        log_msg(0, log_lvl::info, "[%d]Cannot run sql statement: %s\n", line_channel_select, sqlite3_errmsg(db));
+        return;
+    }
+    sqlite3_bind_int(query.get(), 1, stats.ieee_chan);
+    bool exists = row_exists(std::move(query));
+    stmt_ptr write = prepare_channel_write(db, stats, exists);
+    if (!write)
+        return;
+    if (sqlite3_step(write.get()) != SQLITE_DONE)
+        log_msg(0, log_lvl::error, "[%d] - Error in executing statement:%s\n", line_channel_step, sqlite3_errmsg(db));
+}
+
+void upsert_bss(int radio, const bss_row& row)
+{
+    sqlite_ptr db = open_scan_db(radio, DB_OPEN_LINE_BSS);
+    if (!db)
+        return;
+    char mac[20];
+    snprintf(mac, sizeof mac, "%02x:%02x:%02x:%02x:%02x:%02x", row.bssid[0], row.bssid[1], row.bssid[2], row.bssid[3],
+             row.bssid[4], row.bssid[5]);
+    stmt_ptr query = prepare(db.get(), bss_select_sql);
+    if (!query) {
+        log_msg(0, log_lvl::info, "Cannot run sql statement: %s\n", sqlite3_errmsg(db.get()));
+        return;
+    }
+    bind_text(query.get(), 1, mac);
+    bool exists = row_exists(std::move(query));
+    stmt_ptr write = prepare_bss_write(db.get(), row, mac, exists);
+    if (!write)
+        return;
+    if (sqlite3_step(write.get()) != SQLITE_DONE)
+        log_msg(0, log_lvl::error, "[%s] - Error in executing statement:%s\n", "process_scan_result",
+                sqlite3_errmsg(db.get()));
+}

@@ -1,0 +1,271 @@
+// Scan triggers and the reading of the ACS report, end to end against the
+// fake driver: requests made, rows written, hand-overs and failures.
+#include "fake_driver.h"
+#include "neighbours/neighbours.h"
+
+#include <gtest/gtest.h>
+#include <set>
+
+using namespace scantest;
+using testutil::log_count;
+
+namespace
+{
+
+using rows = std::vector<std::vector<std::string>>;
+constexpr const char* db2g = "/tmp/scan_db_2g";
+constexpr const char* handover_line = "\t #### SCAN RESULTS ### \n";
+
+fake_channel channel(uint8_t chan, size_t neighbours, uint32_t load = 20)
+{
+    fake_channel c;
+    c.ieee_chan = chan;
+    c.max_rssi = -30 - chan;
+    c.min_rssi = -90 + chan;
+    c.noise_floor = -100;
+    c.spectral_load = 3;
+    c.chan_load = load;
+    c.chan_rank = chan;
+    for (size_t i = 0; i < neighbours; ++i) {
+        uint8_t n = static_cast<uint8_t>(i);
+        c.neighbours.push_back(neighbour({0x02, 0x00, chan, 0x00, n, 0x10}, "ssid", -60 - n));
+    }
+    return c;
+}
+
+// Debug requests made with neighbour buffers, as (wanted, buffer length).
+std::vector<std::pair<int, uint32_t>> buffer_requests()
+{
+    std::vector<std::pair<int, uint32_t>> out;
+    for (const auto& c : fake.debug_calls)
+        if (c.has_buffer)
+            out.emplace_back(c.wanted, c.nbr_length);
+    return out;
+}
+
+class scan_result_test : public scan_test
+{
+  protected:
+    void SetUp() override
+    {
+        scan_test::SetUp();
+        for (auto& table : known_ap_tables)
+            if (!table)
+                table = create_hash_table();
+        ASSERT_EQ(create_scan_db_2g(), 0);
+        radio_with_vap0(0);
+        fake.report = {channel(1, 2), channel(6, 0), channel(11, 1, 250)};
+    }
+};
+
+TEST_F(scan_result_test, acs_scan_trigger)
+{
+    EXPECT_EQ(trigger_acs_scan("wifi0vap2"), 0);
+    ASSERT_EQ(fake.param_sets.size(), 1u);
+    EXPECT_STREQ(fake.param_sets[0].name, "wifi0vap2");
+    EXPECT_EQ(fake.param_sets[0].param, 318);
+    EXPECT_EQ(fake.param_sets[0].value, 4);
+
+    fake.param_set_errno = EBUSY;
+    errno = 0;
+    EXPECT_EQ(trigger_acs_scan("wifi0vap2"), -1);
+    EXPECT_EQ(errno, EBUSY); // left for the caller's message
+    EXPECT_EQ(log_count("wifi0vap2 | Failed to trigger ACS scan [Device or resource busy | 16 ]\n"), 1);
+}
+
+TEST_F(scan_result_test, single_channel_trigger)
+{
+    EXPECT_EQ(trigger_batch_scan(1, 36), 0);
+    ASSERT_EQ(fake.ext_calls.size(), 1u);
+    const ext_call& call = fake.ext_calls[0];
+    EXPECT_EQ(call.ifname, "wifi1");
+    EXPECT_EQ(call.cmd, 6u);
+    EXPECT_EQ(call.length, 56u);
+    EXPECT_EQ(call.scan.channel, 36);
+    EXPECT_EQ(call.scan.word[4], 1500u);
+    EXPECT_EQ(log_count("The ACS scan trigger for radio:1 on channel:36\n"), 1);
+
+    fake.ext_scan_fail = true;
+    EXPECT_EQ(trigger_batch_scan(1, 40), -1);
+    EXPECT_EQ(log_count("trigger_batch_scan: ioctl failed\n"), 1);
+}
+
+TEST_F(scan_result_test, full_scan_writes_every_channel)
+{
+    EXPECT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
+    EXPECT_EQ(query(db2g, "SELECT CHANNEL, NBSS, RSSI, MINRSSI, CH_LOAD FROM CHANNEL_DETAILS ORDER BY CHANNEL"),
+              (rows{{"1", "2", "-89", "-89", "20"}, {"6", "0", "-84", "-84", "20"}, {"11", "1", "-79", "-79", "100"}}));
+    EXPECT_EQ(query(db2g, "SELECT MAC, CHANNEL, RSSI FROM SCANNED_AP_DETAILS ORDER BY MAC"),
+              (rows{{"02:00:01:00:00:10", "1", "-60"},
+                    {"02:00:01:00:01:10", "1", "-61"},
+                    {"02:00:0b:00:00:10", "11", "-60"}}));
+    // One timestamp pair for the whole call, taken from date.
+    rows stamps = query(db2g, "SELECT DISTINCT TIMESTAMP, EPOCHTIMESTAMP FROM SCANNED_AP_DETAILS");
+    ASSERT_EQ(stamps.size(), 1u);
+    EXPECT_EQ(stamps[0][0].size(), 24u);
+    EXPECT_FALSE(stamps[0][1].empty());
+    // A hand-over per channel that has neighbours.
+    EXPECT_EQ(log_count(handover_line), 2);
+    EXPECT_EQ(log_count("mutex unlocked [process_scan_result] \n"), 1);
+}
+
+TEST_F(scan_result_test, every_entry_is_asked_twice)
+{
+    ASSERT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
+    std::vector<int> wanted;
+    for (const auto& c : fake.debug_calls) {
+        wanted.push_back(c.wanted);
+        EXPECT_EQ(c.cmd, 20);
+        EXPECT_EQ(c.ifname, "wifi0vap0");
+        EXPECT_EQ(c.report_length, sizeof(acs_report));
+    }
+    EXPECT_EQ(wanted, (std::vector<int>{0, 0, 1, 2, 0, 1, 2}));
+    EXPECT_EQ(buffer_requests(), (std::vector<std::pair<int, uint32_t>>{{0, 1664}, {1, 1664}, {2, 1664}}));
+}
+
+TEST_F(scan_result_test, batch_scan_touches_only_its_channel)
+{
+    ASSERT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
+    exec(db2g, "UPDATE CHANNEL_DETAILS SET NBSS=99; UPDATE SCANNED_AP_DETAILS SET RSSI=1;");
+    fake.report = {channel(1, 2), channel(6, 1), channel(11, 1)};
+    fake.debug_calls.clear();
+
+    ASSERT_EQ(process_scan_result(0, "wifi0", 6), 0);
+    EXPECT_EQ(query(db2g, "SELECT CHANNEL, NBSS FROM CHANNEL_DETAILS ORDER BY CHANNEL"),
+              (rows{{"1", "99"}, {"6", "1"}, {"11", "99"}}));
+    EXPECT_EQ(query(db2g, "SELECT MAC, RSSI FROM SCANNED_AP_DETAILS WHERE CHANNEL=6"),
+              (rows{{"02:00:06:00:00:10", "-60"}}));
+    EXPECT_EQ(query(db2g, "SELECT COUNT(*) FROM SCANNED_AP_DETAILS WHERE RSSI=1"), (rows{{"3"}}));
+    EXPECT_EQ(fake.debug_calls.size(), 7u); // all three entries, twice
+    EXPECT_EQ(log_count(handover_line), 2 + 1);
+}
+
+struct buffer_case {
+    const char* what;
+    size_t neighbours;
+    bool answer7; // the driver answers the first neighbour request with 7
+    std::vector<uint32_t> lengths;
+};
+
+void PrintTo(const buffer_case& c, std::ostream* os)
+{
+    *os << c.what;
+}
+
+const buffer_case buffer_cases[] = {
+    {"exactly_32", 32, false, {1664}},
+    {"33_needs_a_second_request", 33, false, {1664, 1716}},
+    {"255", 255, false, {1664, 255 * 52}},
+    {"result_7", 5, true, {1664, 260}},
+};
+
+class neighbour_buffer_test : public scan_result_test, public ::testing::WithParamInterface<buffer_case>
+{
+};
+
+TEST_P(neighbour_buffer_test, grows_when_the_driver_needs_it)
+{
+    const buffer_case& c = GetParam();
+    fake.report = {channel(36, c.neighbours)};
+    // Requests: the first read, the statistics, then the neighbours.
+    if (c.answer7)
+        fake.answer7_debug_call = 2;
+    ASSERT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
+    std::vector<uint32_t> lengths;
+    for (const auto& r : buffer_requests())
+        lengths.push_back(r.second);
+    EXPECT_EQ(lengths, c.lengths);
+    EXPECT_EQ(log_count("channel:36, neighbour count:"), c.lengths.size() > 1 ? 1 : 0);
+    char count[32];
+    snprintf(count, sizeof count, "%zu", c.neighbours);
+    EXPECT_EQ(query(db2g, "SELECT COUNT(*) FROM SCANNED_AP_DETAILS"), (rows{{count}}));
+}
+
+INSTANTIATE_TEST_SUITE_P(scan, neighbour_buffer_test, ::testing::ValuesIn(buffer_cases),
+                         [](const auto& p) { return std::string(p.param.what); });
+
+TEST_F(scan_result_test, empty_report)
+{
+    fake.report.clear();
+    EXPECT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
+    EXPECT_EQ(fake.debug_calls.size(), 1u);
+    EXPECT_EQ(query(db2g, "SELECT COUNT(*) FROM CHANNEL_DETAILS"), (rows{{"0"}}));
+    EXPECT_EQ(log_count(handover_line), 0);
+}
+
+TEST_F(scan_result_test, neighbour_entry_is_stored_as_given)
+{
+    acs_neighbour n = neighbour({0x00, 0x11, 0x00, 0x22, 0x00, 0x33}, "", -72, 21, 5);
+    memset(n.ssid, 'x', sizeof n.ssid); // no terminator from the driver
+    fake.report = {channel(6, 0)};
+    fake.report[0].neighbours = {n};
+    ASSERT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
+    EXPECT_EQ(query(db2g, "SELECT MAC, SSID, CHANNEL, PHY_MODE, RSSI, AP_TYPE FROM SCANNED_AP_DETAILS"),
+              (rows{{"00:11:00:22:00:33", std::string(32, 'x'), "6", "21", "-72", "5"}}));
+    EXPECT_EQ(log_count("Dorvand chan:  6\t chan_nbss:1\t ssid:" + std::string(32, 'x') +
+                        "\t bssid:00:11:00:22:00:33\t rssi:-72\t phymode:21 vx_ap_type:5\n"),
+              1);
+}
+
+TEST_F(scan_result_test, radio_name_resolves_to_the_fallback)
+{
+    fake.ifaces["wifi0vap0"] = DOWN;
+    fake.ifaces["ath0"] = UP;
+    ASSERT_EQ(process_scan_result(0, "wifi0", 0), 0);
+    ASSERT_FALSE(fake.debug_calls.empty());
+    for (const auto& c : fake.debug_calls)
+        EXPECT_EQ(c.ifname, "ath0");
+}
+
+struct failure_case {
+    const char* what;
+    const char* ifname;
+    int fail_call; // debug request that fails, -1 none
+    bool radio_down;
+    const char* log_line;
+    size_t requests;
+};
+
+void PrintTo(const failure_case& c, std::ostream* os)
+{
+    *os << c.what;
+}
+
+const failure_case failure_cases[] = {
+    {"first_request", "wifi0vap0", 0, false, "Dorvand error in ioctl \n", 1},
+    {"statistics_request", "wifi0vap0", 2, false, "Dorvand DBG req failed", 3},
+    {"neighbour_request", "wifi0vap0", 5, false, "Failed to return a value", 6},
+    {"name_too_long", "wifi0vap0_is_too_long", -1, false, "ifname too long: wifi0vap0_is_too_long\n", 0},
+    {"radio_without_vap", "wifi0", -1, true, "Dorvand error in ioctl \n", 1},
+};
+
+class scan_result_failure_test : public scan_result_test, public ::testing::WithParamInterface<failure_case>
+{
+};
+
+TEST_P(scan_result_failure_test, fails_and_releases_the_lock)
+{
+    const failure_case& c = GetParam();
+    fake.fail_debug_call = c.fail_call;
+    if (c.radio_down)
+        fake.ifaces["wifi0"] = DOWN;
+    EXPECT_EQ(process_scan_result(0, c.ifname, 0), -1);
+    EXPECT_EQ(log_count(c.log_line), 1) << testutil::log_text();
+    EXPECT_EQ(fake.debug_calls.size(), c.requests);
+    EXPECT_EQ(log_count("mutex unlocked [process_scan_result] \n"), 1);
+    ASSERT_TRUE(scan_result_lock.try_lock());
+    scan_result_lock.unlock();
+}
+
+INSTANTIATE_TEST_SUITE_P(scan, scan_result_failure_test, ::testing::ValuesIn(failure_cases),
+                         [](const auto& p) { return std::string(p.param.what); });
+
+TEST_F(scan_result_test, rows_before_a_failure_stay)
+{
+    fake.fail_debug_call = 5; // the neighbours of the second entry
+    EXPECT_EQ(process_scan_result(0, "wifi0vap0", 0), -1);
+    EXPECT_EQ(query(db2g, "SELECT COUNT(*) FROM CHANNEL_DETAILS"), (rows{{"3"}}));
+    EXPECT_EQ(query(db2g, "SELECT COUNT(*) FROM SCANNED_AP_DETAILS"), (rows{{"2"}}));
+}
+
+} // namespace

@@ -1,0 +1,327 @@
+// The per-band timer chain: which timer each handler leaves pending, after
+// how long, and what a scan did meanwhile.
+#include "fake_driver.h"
+#include "neighbours/neighbours.h"
+
+#include <cmath>
+#include <gtest/gtest.h>
+
+using namespace scantest;
+using testutil::log_count;
+
+namespace
+{
+
+struct band_handlers {
+    eloop_timeout_handler rogue, start, full, batch;
+};
+
+const band_handlers band_of[3] = {
+    {rogue_ap_check_2g, start_2g_scan_timer, trigger_2g_full_scan, trigger_2g_batch_scan},
+    {rogue_ap_check_5gl, start_5gl_scan_timer, trigger_5gl_full_scan, trigger_5gl_batch_scan},
+    {rogue_ap_check_5gh, start_5gh_scan_timer, trigger_5gh_full_scan, trigger_5gh_batch_scan},
+};
+
+struct pending {
+    eloop_timeout_handler handler;
+    intptr_t ctx1;
+    intptr_t ctx2;
+    long secs; // delay from now, rounded
+};
+
+// The band's pending timers, without disturbing them.
+std::vector<pending> band_timers(int radio)
+{
+    const band_handlers& b = band_of[radio];
+    std::vector<pending> out;
+    std::lock_guard<std::mutex> hold(eloop.lock);
+    uint32_t now = eloop_now_ticks();
+    for (const auto& t : eloop.timers) {
+        if (t.handler != b.rogue && t.handler != b.start && t.handler != b.full && t.handler != b.batch)
+            continue;
+        double secs = static_cast<int32_t>(t.expiry - now) / static_cast<double>(eloop.ticks_per_sec);
+        out.push_back({t.handler, t.ctx1, t.ctx2, std::lround(secs)});
+    }
+    return out;
+}
+
+// Exactly one timer of the band is pending: this handler, contexts 0 and
+// ctx2, due after `secs` seconds.
+void expect_next(int radio, eloop_timeout_handler handler, intptr_t ctx2, long secs)
+{
+    std::vector<pending> timers = band_timers(radio);
+    ASSERT_EQ(timers.size(), 1u);
+    EXPECT_EQ(timers[0].handler, handler);
+    EXPECT_EQ(timers[0].ctx1, 0);
+    EXPECT_EQ(timers[0].ctx2, ctx2);
+    EXPECT_NEAR(timers[0].secs, secs, 1);
+}
+
+void set_rogue(int wlan0, int wlan1, int wlan2)
+{
+    char text[512];
+    snprintf(text, sizeof text,
+             "system:wlanSettings:wlanSettingTable:wlan0:rogueApDetection %d\n"
+             "system:wlanSettings:wlanSettingTable:wlan1:rogueApDetection %d\n"
+             "system:wlanSettings:wlanSettingTable:wlan2:rogueApDetection %d\n",
+             wlan0, wlan1, wlan2);
+    testutil::write_file("/tmp/run/config", text);
+}
+
+class scheduler_test : public scan_test
+{
+  protected:
+    void SetUp() override
+    {
+        scan_test::SetUp();
+        for (auto& table : known_ap_tables)
+            if (!table)
+                table = create_hash_table();
+        testutil::write_file("/usr/sbin/wifitool", "#!/bin/sh\necho \"$@\" >> /tmp/wifitool_runs\n", 0755);
+        set_rogue(1, 1, 1);
+        for (int r = 0; r < 3; ++r)
+            radio_with_vap0(r);
+        fake.report = {fake_channel{}};
+        fake.report[0].ieee_chan = 36;
+        fake.chan_info = {36, 40};
+    }
+};
+
+TEST_F(scheduler_test, rogue_check_repeats_while_disabled)
+{
+    set_rogue(0, 0, 0);
+    ft_enabled_vaps = 0x7; // 802.11r plays no part in the first start
+    rogue_ap_check_5gl(0, 0);
+    expect_next(1, rogue_ap_check_5gl, 0, 5);
+    rogue_ap_check_5gl(0, 0);
+    expect_next(1, rogue_ap_check_5gl, 0, 5);
+    EXPECT_EQ(log_count("Rogue AP enabled"), 0);
+}
+
+TEST_F(scheduler_test, unreadable_rogue_setting_counts_as_enabled)
+{
+    testutil::write_file("/tmp/run/config", "");
+    rogue_ap_check_2g(0, 0);
+    EXPECT_EQ(log_count("[dorvand] Rogue AP enabled for 2.4GHz radio. Starting the scan\n"), 1);
+    expect_next(0, trigger_2g_full_scan, 0, rand_scan_timer);
+}
+
+TEST_F(scheduler_test, radio_down_retries_without_a_database)
+{
+    fake.ifaces["wifi1"] = DOWN;
+    rogue_ap_check_5gl(0, 0);
+    expect_next(1, start_5gl_scan_timer, 0, 10);
+    EXPECT_EQ(log_count("The radio wifi1 is down, initiating retry mechanism\n"), 1);
+    EXPECT_FALSE(testutil::exists("/tmp/scan_db_5g"));
+}
+
+TEST_F(scheduler_test, radio_up_creates_database_and_draws_delay)
+{
+    start_5gh_scan_timer();
+    EXPECT_TRUE(testutil::exists("/tmp/scan_db_5gh"));
+    EXPECT_GE(rand_scan_timer, 60);
+    EXPECT_LE(rand_scan_timer, 300);
+    EXPECT_EQ(rand_scan_timer % 10, 0);
+    expect_next(2, trigger_5gh_full_scan, 2, rand_scan_timer);
+    EXPECT_EQ(log_count("[dorvand] start_5gh_scan_timer : " + std::to_string(rand_scan_timer) + " seconds \n"), 1);
+    EXPECT_EQ(log_count("**** 1736 : rand_scan_timer: " + std::to_string(rand_scan_timer) + " seconds ****\n"), 1);
+}
+
+TEST_F(scheduler_test, high_band_runs_only_for_radio_type_1)
+{
+    set_rogue(0, 0, 0);
+    for (int32_t type : {0, 1, 2, -1}) {
+        SCOPED_TRACE(type);
+        eloop_init(0);
+        radio_type_val = type;
+        start_rogue_checks();
+        expect_next(0, rogue_ap_check_2g, 0, 5);
+        expect_next(1, rogue_ap_check_5gl, 0, 5);
+        EXPECT_EQ(band_timers(2).size(), type == 1 ? 1u : 0u);
+    }
+}
+
+struct full_case {
+    const char* what;
+    int radio;
+    void (*setup)();
+    eloop_timeout_handler next; // null: the band's own full scan
+    long secs;
+    const char* log_line;
+    size_t sleeps;
+    bool asks_cac;
+};
+
+void PrintTo(const full_case& c, std::ostream* os)
+{
+    *os << c.what;
+}
+
+void no_rogue_no_ft()
+{
+    set_rogue(0, 0, 0);
+}
+void no_vap()
+{
+    for (int m = 0; m < 10; ++m)
+        fake.ifaces["wifi1vap" + std::to_string(m)] = DOWN;
+    fake.ifaces["ath1"] = UP;
+}
+void voice()
+{
+    fake.voice.voice_bit = 1;
+}
+void cac()
+{
+    fake.cac_value = CAC_RUNNING;
+}
+void trigger_fails()
+{
+    fake.param_set_errno = EBUSY;
+}
+void results_fail()
+{
+    fake.fail_debug_call = 0;
+}
+void ft_only()
+{
+    set_rogue(0, 0, 0);
+    ft_enabled_vaps = 1u << 10;
+}
+void nothing() {}
+
+const full_case full_cases[] = {
+    {"not_started", 1, no_rogue_no_ft, nullptr, 10,
+     "The Rogue AP status: 0, 11R status: 0, active_vap_idx:0. Could not start scan on 5GHz radio\n", 0, false},
+    {"no_vap", 1, no_vap, nullptr, 10, "[dorvand] [2017] : No active vap found for scan on wifi1\n", 0, false},
+    {"voice", 1, voice, nullptr, 10,
+     "[dorvand] trigger_5gl_full_scan : Skipping the scan for wifi1 due to voice traffic\n", 0, false},
+    {"cac", 1, cac, nullptr, 60,
+     "[dorvand] trigger_5gl_full_scan: CAC timer running on the interface wifi1vap0, holding the scan trigger\n", 0,
+     true},
+    {"trigger_fails", 1, trigger_fails, nullptr, 10,
+     "[dorvand] trigger_5gl_full_scan :Failed to trigger the scan | 16 | Device or resource busy\n", 0, true},
+    {"results_fail", 1, results_fail, nullptr, 10,
+     "[dorvand] trigger_5gl_full_scan :Failed to process the scan result for wifi1\n", 1, true},
+    {"success", 1, nothing, trigger_5gl_batch_scan, 1800,
+     "[dorvand] trigger_5gl_full_scan :parsed scan result succesfully\n", 1, true},
+    {"ft_alone_suffices", 1, ft_only, trigger_5gl_batch_scan, 1800, "[dorvand] trigger_5gl_full_scan :scan success \n",
+     1, true},
+    {"no_cac_check_on_2g", 0, cac, trigger_2g_batch_scan, 1800, "[dorvand] trigger_2g_full_scan : scan success \n", 1,
+     false},
+    {"high_band_no_vap", 2,
+     []() {
+         fake.ifaces["wifi2vap0"] = DOWN;
+         fake.ifaces["ath2"] = DOWN;
+     },
+     nullptr, 10, "[dorvand][1953] No active vap found for scan on wifi2\n", 0, false},
+};
+
+class full_scan_test : public scheduler_test, public ::testing::WithParamInterface<full_case>
+{
+};
+
+TEST_P(full_scan_test, leaves_one_timer)
+{
+    const full_case& c = GetParam();
+    testutil::write_file("/usr/local/bin/ifconfig", "#!/bin/sh\n", 0755);
+    c.setup();
+    band_of[c.radio].full(0, c.radio);
+    expect_next(c.radio, c.next ? c.next : band_of[c.radio].full, c.radio, c.secs);
+    EXPECT_EQ(log_count(c.log_line), 1) << testutil::log_text();
+    ASSERT_EQ(sleeps.size(), c.sleeps);
+    if (c.sleeps) {
+        EXPECT_EQ(sleeps[0].seconds, 10u);
+        EXPECT_TRUE(sleeps[0].marker[c.radio]); // written while the results are read
+    }
+    EXPECT_FALSE(testutil::exists(scan_db_markers[c.radio]));
+    EXPECT_EQ(fake.param_gets.size(), c.asks_cac ? 1u : 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(scan, full_scan_test, ::testing::ValuesIn(full_cases),
+                         [](const auto& p) { return std::string(p.param.what); });
+
+TEST_F(scheduler_test, full_scan_success_learns_channels)
+{
+    ASSERT_EQ(create_scan_db_5g(), 0);
+    trigger_5gl_full_scan(0, 1);
+    EXPECT_EQ(scan_chan_list[1], (std::vector<int32_t>{36, 40}));
+    EXPECT_EQ(testutil::read_file("/tmp/wifitool_runs"), "wifi1vap0 setchanlist 0\n");
+    ASSERT_EQ(fake.param_sets.size(), 1u);
+    EXPECT_STREQ(fake.param_sets[0].name, "wifi1vap0");
+    EXPECT_EQ(query("/tmp/scan_db_5g", "SELECT CHANNEL FROM CHANNEL_DETAILS"),
+              (std::vector<std::vector<std::string>>{{"36"}}));
+}
+
+TEST_F(scheduler_test, batch_scan_walks_the_channel_list)
+{
+    scan_chan_list[0] = {1, 6, 11};
+    trigger_2g_batch_scan(0, 0);
+    expect_next(0, trigger_2g_batch_scan, 0, 1800);
+    std::vector<int> scanned;
+    for (const auto& call : fake.ext_calls)
+        if (call.cmd == EXT_CMD_CHAN_SCAN)
+            scanned.push_back(call.scan.channel);
+    EXPECT_EQ(scanned, (std::vector<int>{1, 6, 11}));
+    ASSERT_EQ(sleeps.size(), 3u);
+    for (const auto& s : sleeps) {
+        EXPECT_EQ(s.seconds, 5u);
+        EXPECT_TRUE(s.marker[0]);
+    }
+    EXPECT_FALSE(testutil::exists(scan_db_markers[0]));
+    EXPECT_EQ(log_count("[dorvand] trigger_2g_batch_scan: The total channel count is 3\n"), 1);
+    EXPECT_EQ(log_count("mutex unlocked [process_scan_result] \n"), 3);
+}
+
+TEST_F(scheduler_test, batch_scan_with_no_channels)
+{
+    trigger_5gh_batch_scan(0, 2);
+    expect_next(2, trigger_5gh_batch_scan, 2, 1800);
+    EXPECT_EQ(log_count("[dorvand] trigger_5gh_batch_scan: The total channel count is 0\n"), 1);
+    EXPECT_TRUE(sleeps.empty());
+    EXPECT_FALSE(testutil::exists(scan_db_markers[2]));
+}
+
+struct batch_case {
+    const char* what;
+    int radio;
+    void (*setup)();
+    long secs;
+    const char* log_line;
+};
+
+void PrintTo(const batch_case& c, std::ostream* os)
+{
+    *os << c.what;
+}
+
+const batch_case batch_cases[] = {
+    {"skip_2g_voice", 0, voice, 10, "[dorvand] trigger_2g_batch_scan: Skipping the scan for wifi0 [1:0]\n"},
+    {"skip_5g_no_rogue", 1, no_rogue_no_ft, 10,
+     "[dorvand] trigger_5gl_batch_scan: Skipping the scan for wifi1 [0:0] \n"},
+    {"skip_5g_fallback", 1, no_vap, 10, "[dorvand] trigger_5gl_batch_scan: Skipping the scan for wifi1 [1:0] \n"},
+    {"cac_5g", 1, cac, 60,
+     "[dorvand] trigger_5gl_batch_scan: CAC timer running on the interface wifi1vap0, holding the scan trigger\n"},
+};
+
+class batch_scan_test : public scheduler_test, public ::testing::WithParamInterface<batch_case>
+{
+};
+
+TEST_P(batch_scan_test, waits_and_retries)
+{
+    const batch_case& c = GetParam();
+    testutil::write_file("/usr/local/bin/ifconfig", "#!/bin/sh\n", 0755);
+    scan_chan_list[c.radio] = {1};
+    c.setup();
+    band_of[c.radio].batch(0, c.radio);
+    expect_next(c.radio, band_of[c.radio].batch, c.radio, c.secs);
+    EXPECT_EQ(log_count(c.log_line), 1) << testutil::log_text();
+    EXPECT_TRUE(sleeps.empty());
+    EXPECT_TRUE(fake.debug_calls.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(scan, batch_scan_test, ::testing::ValuesIn(batch_cases),
+                         [](const auto& p) { return std::string(p.param.what); });
+
+} // namespace
