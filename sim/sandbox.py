@@ -1,0 +1,531 @@
+"""Runs the unmodified daemon as root in private mount and network namespaces
+over a scratch root, with the simulated driver and clock preloaded.
+
+The host's /etc, /tmp, /var, /usr and /dev are never changed: the daemon is
+chrooted into SCRATCH/root, whose /usr is an overlay of the host's /usr (the
+upper layer holds the simulated tools), and whose /dev/log is a socket bound
+here. root/tmp, root/var and root/dorvsim are plain scratch directories, so the
+daemon's files and sockets are reachable from the host side directly.
+
+Scratch layout:
+    root/                 the daemon's /
+    root/dorvsim/         the simulator's own files (the daemon never looks):
+        state             driver state (sim/driver_state.py)
+        reqlog            every driver request, one key=value line each
+        calls/TOOL.log    arguments of each run of wifitool, ifconfig, ...
+        runs/SCRIPT/NNNNN copies of the key-holder files at each script run
+        ctl/              switches for the simulated tools
+    usr-upper/, usr-work/ the overlay's layers
+    out/                  ns_init config and status, its output, syslog.txt
+"""
+
+from __future__ import annotations
+
+import calendar
+import ctypes
+import json
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+from pathlib import Path
+
+from sim.driver_state import DriverState, write_atomic
+from sim.syslog_sink import SyslogSink
+
+SIM_DIR = Path(__file__).resolve().parent
+DAEMON_IN_ROOT = "/usr/sbin/dorvand"
+SIMLIB_IN_ROOT = "/usr/lib/dorvsim/libdorvsim.so"
+EXIT_SIGNAL = 10
+DEFAULT_SCALE = 100.0
+DEFAULT_LINKS = {"wifi0": True, "wifi0vap0": True, "wifi1": True, "wifi1vap0": True,
+                 "wifi2": True, "wifi2vap0": True}
+FAKE_TOOLS = {
+    "local/bin/fast_bss_transition.sh": "fast_bss_transition.sh",
+    "local/bin/check_configd_child": "check_configd_child",
+    "sbin/wifitool": "wifitool",
+    "sbin/ifconfig": "ifconfig",
+}
+DEVICES = ("/dev/null", "/dev/zero", "/dev/urandom")
+PATH_ENV = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
+LOG_PATH = "tmp/log/dorvand_log"
+PID_PATH = "tmp/dorvand.pid"
+SYSLOG_RE = re.compile(r"^<(\d+)>(\w{3} [ \d]\d \d\d:\d\d:\d\d) ([^:\[\s]+)(?:\[\d+\])?: (.*)$", re.S)
+LOG_TIME_RE = re.compile(r"^\[(\w{3} \w{3} [ \d]\d \d\d:\d\d:\d\d \d{4})\] ")
+UNIX_PATH_MAX = 107
+
+
+class SandboxError(Exception):
+    pass
+
+
+class Sandbox:
+    """One simulated access point. Use as a context manager, or call start()
+    and close(). Every process it starts is ended by close(), by pid."""
+
+    def __init__(self, dorvand, simlib, *, scratch=None, board: str | bytes | None = "TRM238",
+                 config: str = "", links: dict[str, bool] | None = None,
+                 driver: DriverState | dict | None = None, scale: float = DEFAULT_SCALE,
+                 configd: dict | None = None, keep: bool = False):
+        """board: the product id (or the raw bytes of /etc/board; None: no
+        file). config: text of /tmp/run/config. links: interface name -> up,
+        the board's radios and VAPs (default DEFAULT_LINKS). driver: the
+        simulated driver's answers. scale: daemon seconds per real second.
+        configd: the configuration store's table, served on /tmp/confd_get
+        (None: no configd). keep: leave the scratch folder behind."""
+        self.dorvand = Path(dorvand)
+        self.simlib = Path(simlib)
+        self.board = board
+        self.config = config
+        self.links = dict(DEFAULT_LINKS if links is None else links)
+        self.driver = driver if isinstance(driver, DriverState) else DriverState.from_dict(driver)
+        self.scale = float(scale)
+        self.configd_table = configd
+        self.keep = keep or scratch is not None
+        self.scratch = Path(scratch).resolve() if scratch else Path(tempfile.mkdtemp(prefix="dorvsim-"))
+        self.root = self.scratch / "root"
+        self.out = self.scratch / "out"
+        self.t0 = 0.0
+        self._proc: subprocess.Popen | None = None
+        self._ns_log = None
+        self._pid: int | None = None
+        self._syslog: SyslogSink | None = None
+        self.configd = None  # the ConfigdSim serving /tmp/confd_get, while running
+
+    # ---- life cycle -----------------------------------------------------------
+
+    def __enter__(self):
+        try:
+            return self.start()
+        except BaseException:
+            self.close()
+            raise
+
+    def __exit__(self, *exc):
+        self.close()
+
+    def start(self, wait: bool = True, timeout: float = 10.0) -> "Sandbox":
+        """Builds the root and starts the daemon; with `wait`, returns once
+        the daemon has written its pid file."""
+        self._build_root()
+        self._syslog = SyslogSink(_sock_path(self.path("/dev/log")), self.out / "syslog.txt")
+        self._syslog.start()
+        self._start_configd()
+        self.t0 = time.time()
+        cfg = self._ns_config()
+        cfg_path = self.out / "ns_init.json"
+        cfg_path.write_text(json.dumps(cfg, indent=1))
+        self._ns_log = open(self.out / "ns_init.log", "wb")
+        # Should this process die, unshare is killed and ns_init gets
+        # SIGTERM, on which it ends everything below it.
+        guard = ["setpriv", "--pdeathsig", "KILL"] if shutil.which("setpriv") else []
+        self._proc = subprocess.Popen(
+            guard + ["unshare", "-m", "-n", "--fork", "--kill-child=TERM", "/usr/bin/python3",
+                     str(SIM_DIR / "ns_init.py"), str(cfg_path)],
+            stdin=subprocess.DEVNULL, stdout=self._ns_log, stderr=subprocess.STDOUT)
+        if wait:
+            try:
+                self.wait_for(self._pid_file_written, timeout, "the detached daemon to write /tmp/dorvand.pid")
+            except BaseException:
+                self.terminate()
+                raise
+        return self
+
+    def stop(self, timeout: float = 10.0) -> int | None:
+        """Sends signal 10, waits for every process of the sandbox to end and
+        returns the daemon's exit code (None when it had to be killed)."""
+        pid = self.pid()
+        if pid and self.running() and self.exit_code() is None:
+            _kill(pid, EXIT_SIGNAL)
+        try:
+            self.wait_exit(timeout)
+        except SandboxError:
+            self.terminate()
+            return None
+        return self.exit_code()
+
+    def terminate(self) -> None:
+        """Ends every process of the sandbox without asking the daemon."""
+        if not self._proc:
+            return
+        init_pid = self.status().get("init_pid")
+        if self._proc.poll() is None and init_pid:
+            _kill(init_pid, signal.SIGTERM)  # ns_init kills what is below it
+            try:
+                self._proc.wait(3)
+            except subprocess.TimeoutExpired:
+                pass
+        if self._proc.poll() is None:
+            for pid in (self._pid, init_pid):
+                if pid and str(pid) not in self.status().get("exits", {}):
+                    _kill(pid, signal.SIGKILL)
+            self._proc.kill()
+            self._proc.wait(5)
+
+    def close(self) -> None:
+        """Ends whatever still runs and removes the scratch folder (unless kept)."""
+        try:
+            if self._proc and self._proc.poll() is None:
+                self.terminate()
+        finally:
+            self._stop_configd()
+            if self._syslog:
+                self._syslog.stop()
+            if self._ns_log:
+                self._ns_log.close()
+                self._ns_log = None
+            if not self.keep and not self.running():
+                shutil.rmtree(self.scratch, ignore_errors=True)
+
+    def running(self) -> bool:
+        """True while any process of the sandbox is alive."""
+        return self._proc is not None and self._proc.poll() is None
+
+    def wait_exit(self, timeout: float = 10.0) -> None:
+        """Waits until the daemon and everything below it have ended."""
+        if not self._proc:
+            return
+        try:
+            self._proc.wait(timeout)
+        except subprocess.TimeoutExpired:
+            raise SandboxError(f"the sandbox's processes still run after {timeout}s; "
+                               f"log tail:\n{self._log_tail()}") from None
+
+    def status(self) -> dict:
+        """ns_init's status: init_pid, daemon_pids, exits (pid -> exit code;
+        negative: killed by that signal), done."""
+        try:
+            return json.loads((self.out / "ns_status.json").read_text())
+        except (OSError, ValueError):
+            return {}
+
+    def exit_code(self) -> int | None:
+        """The daemon's exit code once it has ended, else None."""
+        st = self.status()
+        pid = self.pid()
+        code = st.get("exits", {}).get(str(pid)) if pid else None
+        return code
+
+    # ---- accessors ------------------------------------------------------------
+
+    def path(self, rel: str) -> Path:
+        """A path of the daemon's file system, e.g. path("/tmp/dorvand.pid")."""
+        return self.root / rel.lstrip("/")
+
+    def pid(self) -> int | None:
+        """The detached daemon's process id, as reaped by ns_init (None until
+        the daemon has detached)."""
+        if self._pid is None:
+            pids = self.status().get("daemon_pids") or []
+            self._pid = pids[0] if pids else None
+        return self._pid
+
+    def daemon_time(self, real: float | None = None) -> float:
+        """The daemon's wall clock (epoch seconds) at real time `real`."""
+        real = time.time() if real is None else real
+        return self.t0 + (real - self.t0) * self.scale
+
+    def sleep_daemon(self, seconds: float) -> None:
+        """Lets `seconds` of daemon time pass."""
+        time.sleep(seconds / self.scale)
+
+    def log_text(self) -> str:
+        """The daemon's log, backups first."""
+        parts = []
+        for rel in (LOG_PATH + ".1", LOG_PATH + ".0", LOG_PATH):
+            try:
+                parts.append(self.path(rel).read_bytes().decode("utf-8", "replace"))
+            except FileNotFoundError:
+                pass
+        return "".join(parts)
+
+    def log_times(self, text: str) -> list[float]:
+        """Daemon times (epoch seconds, whole seconds) of the log lines
+        containing `text`."""
+        out = []
+        for line in self.log_text().splitlines():
+            m = LOG_TIME_RE.match(line)
+            if m and text in line:
+                out.append(calendar.timegm(time.strptime(m.group(1), "%a %b %d %H:%M:%S %Y")))
+        return out
+
+    def syslog_records(self) -> list[tuple[int, str]]:
+        """(priority, message) of every syslog line received so far."""
+        out = []
+        for raw in self._syslog.lines() if self._syslog else []:
+            m = SYSLOG_RE.match(raw)
+            out.append((int(m.group(1)), m.group(4)) if m else (-1, raw))
+        return out
+
+    def syslog_lines(self) -> list[str]:
+        """The messages received on /dev/log, without their headers."""
+        return [msg for _, msg in self.syslog_records()]
+
+    def requests(self, req: str | None = None) -> list[dict]:
+        """The driver requests logged by the simulator (optionally only those
+        with req=`req`), as dicts of their key=value words."""
+        try:
+            text = self.path("/dorvsim/reqlog").read_text(errors="replace")
+        except FileNotFoundError:
+            return []
+        return [rec for rec in parse_reqlog(text) if req is None or rec.get("req") == req]
+
+    def tool_calls(self, tool: str) -> list[str]:
+        """Argument lines of every run of a simulated tool (wifitool, ifconfig,
+        check_configd_child)."""
+        try:
+            return self.path(f"/dorvsim/calls/{tool}.log").read_text().splitlines()
+        except FileNotFoundError:
+            return []
+
+    def script_runs(self, script: str = "fast_bss_transition.sh") -> list[dict[str, bytes | None]]:
+        """One dict per run of the transition script: what ap2_macaddr.txt,
+        ft_key_changed.txt and roam_key_holders held (None: absent)."""
+        base = self.path(f"/dorvsim/runs/{script}")
+        runs = []
+        for d in sorted(base.iterdir()) if base.is_dir() else []:
+            run = {}
+            for name in ("ap2_macaddr.txt", "ft_key_changed.txt", "roam_key_holders"):
+                f = d / name
+                run[name] = f.read_bytes() if f.exists() else None
+            runs.append(run)
+        return runs
+
+    # ---- actions --------------------------------------------------------------
+
+    def send_signal(self, sig: int, value: int | None = None) -> None:
+        """Sends `sig` to the daemon; with `value`, queued with that integer
+        (as a SIGRTMIN carrying a VAP mask is)."""
+        pid = self._need_pid()
+        if value is None:
+            os.kill(pid, sig)
+            return
+        libc = ctypes.CDLL(None, use_errno=True)
+
+        class sigval(ctypes.Union):
+            _fields_ = [("sival_int", ctypes.c_int), ("sival_ptr", ctypes.c_void_p)]
+
+        libc.sigqueue.argtypes = [ctypes.c_int, ctypes.c_int, sigval]
+        v = sigval()
+        v.sival_int = ctypes.c_int(value).value  # the low 32 bits, as the daemon reads them
+        if libc.sigqueue(pid, sig, v) != 0:
+            err = ctypes.get_errno()
+            raise OSError(err, f"sigqueue({pid}, {sig}): {os.strerror(err)}")
+
+    def set_link(self, name: str, up: bool) -> None:
+        """Brings an interface of the sandbox up or down."""
+        self._ip("link", "set", name, "up" if up else "down")
+
+    def add_link(self, name: str, up: bool = True) -> None:
+        self._ip("link", "add", name, "type", "veth", "peer", "name", f"dsx{name}"[:15])
+        if up:
+            self.set_link(name, True)
+
+    def del_link(self, name: str) -> None:
+        self._ip("link", "del", name)
+
+    def link_states(self) -> dict[str, bool]:
+        """Interface name -> administratively up, as the daemon sees them."""
+        out = self._ip("-j", "link", "show")
+        return {link["ifname"]: "UP" in link.get("flags", []) for link in json.loads(out)}
+
+    def send_event(self, data: bytes) -> None:
+        """Sends one datagram to the daemon's event socket /tmp/roam_sock."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
+            s.sendto(data, _sock_path(self.path("/tmp/roam_sock")))
+
+    def set_driver(self, driver: DriverState | dict) -> None:
+        """Replaces the driver's answers; the daemon's next request sees them."""
+        self.driver = driver if isinstance(driver, DriverState) else DriverState.from_dict(driver)
+        self.driver.write(self.path("/dorvsim/state"))
+
+    def set_tool_rc(self, tool: str, rc: int | None) -> None:
+        """Makes a simulated tool exit with `rc` (None: 0 again)."""
+        f = self.path(f"/dorvsim/ctl/{tool}.rc")
+        f.parent.mkdir(parents=True, exist_ok=True)
+        if rc is None:
+            f.unlink(missing_ok=True)
+        else:
+            write_atomic(f, f"{int(rc)}\n".encode())
+
+    def set_configd_busy(self, busy: bool) -> None:
+        """While busy, check_configd_child removes /tmp/FT_Configd_Child_Check."""
+        f = self.path("/dorvsim/ctl/configd_busy")
+        if busy:
+            f.parent.mkdir(parents=True, exist_ok=True)
+            f.touch()
+        else:
+            f.unlink(missing_ok=True)
+
+    # ---- waiting --------------------------------------------------------------
+
+    def wait_for(self, predicate, timeout: float, what: str, interval: float = 0.02):
+        """Polls `predicate` until it gives a true value, which is returned.
+        Fails with a message naming `what` and the log's tail."""
+        deadline = time.monotonic() + timeout
+        while True:
+            value = predicate()
+            if value:
+                return value
+            if time.monotonic() >= deadline:
+                raise AssertionError(f"timed out after {timeout}s waiting for {what}; "
+                                     f"sandbox {'running' if self.running() else 'ended'}, "
+                                     f"log tail:\n{self._log_tail()}\nns_init output:\n{self._ns_output()}")
+            if self._proc and self._proc.poll() is not None:
+                # Everything has ended: nothing new can appear.
+                deadline = min(deadline, time.monotonic() + 0.2)
+            time.sleep(interval)
+
+    def wait_for_log(self, text: str, timeout: float = 5.0, count: int = 1) -> str:
+        """Waits until `text` appears `count` times in the daemon's log."""
+        self.wait_for(lambda: self.log_text().count(text) >= count, timeout,
+                      f"{text!r} in the daemon log" + (f" {count} times" if count > 1 else ""))
+        return self.log_text()
+
+    def wait_for_syslog(self, text: str, timeout: float = 5.0) -> list[str]:
+        self.wait_for(lambda: any(text in m for m in self.syslog_lines()), timeout,
+                      f"{text!r} in syslog")
+        return self.syslog_lines()
+
+    def wait_for_request(self, req: str, timeout: float = 5.0, count: int = 1, **match) -> list[dict]:
+        """Waits for `count` driver requests of kind `req` whose fields equal
+        `match` (values compared as text)."""
+        def found():
+            recs = [r for r in self.requests(req) if all(r.get(k) == str(v) for k, v in match.items())]
+            return recs if len(recs) >= count else None
+        return self.wait_for(found, timeout, f"{count} driver request(s) {req} {match}")
+
+    # ---- set-up ---------------------------------------------------------------
+
+    def _build_root(self) -> None:
+        if (self.root / "usr").exists() and any((self.root / "usr").iterdir()):
+            raise SandboxError(f"{self.root}/usr is not empty: is another sandbox using {self.scratch}?")
+        for d in ("etc", "tmp/run", "tmp/log", "var", "dev", "usr", "dorvsim/calls", "dorvsim/runs",
+                  "dorvsim/ctl"):
+            (self.root / d).mkdir(parents=True, exist_ok=True)
+        for d in (self.scratch / "usr-upper", self.scratch / "usr-work", self.out):
+            d.mkdir(parents=True, exist_ok=True)
+        for link in ("bin", "lib", "lib64", "sbin"):
+            if not (self.root / link).is_symlink():
+                (self.root / link).symlink_to(f"usr/{link}")
+        for dev in DEVICES:
+            (self.root / dev.lstrip("/")).touch()
+        self.path("/tmp").chmod(0o1777)
+        (self.root / "etc/passwd").write_text("root:x:0:0:root:/root:/bin/sh\n")
+        (self.root / "etc/group").write_text("root:x:0:\n")
+        if self.board is not None:
+            board = self.board if isinstance(self.board, bytes) else f"ProductID={self.board}\n".encode()
+            (self.root / "etc/board").write_bytes(board)
+        self.path("/tmp/run/config").write_text(self.config)
+        self.driver.write(self.path("/dorvsim/state"))
+        self._install_upper()
+
+    def _install_upper(self) -> None:
+        upper = self.scratch / "usr-upper"
+        for rel, fake in FAKE_TOOLS.items():
+            dest = upper / rel
+            dest.parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy2(SIM_DIR / "fakes" / fake, dest)
+        for src, rel in ((self.dorvand, DAEMON_IN_ROOT), (self.simlib, SIMLIB_IN_ROOT)):
+            if not src.is_file():
+                raise SandboxError(f"missing {src}")
+            dest = upper / rel[len("/usr/"):]
+            dest.parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy2(src, dest)
+
+    def _ns_config(self) -> dict:
+        for name in self.links:
+            if not re.fullmatch(r"[A-Za-z0-9_.-]{1,15}", name) or name.startswith("dsim"):
+                raise SandboxError(f"bad interface name {name!r}")
+        return {
+            "root": str(self.root),
+            "usr_upper": str(self.scratch / "usr-upper"),
+            "usr_work": str(self.scratch / "usr-work"),
+            "binds": list(DEVICES),
+            "links": [[name, bool(up)] for name, up in self.links.items()],
+            "status": str(self.out / "ns_status.json"),
+            "daemon": DAEMON_IN_ROOT,
+            "env": {
+                "PATH": PATH_ENV,
+                "TZ": "UTC",
+                "LD_PRELOAD": SIMLIB_IN_ROOT,
+                "DORVSIM_STATE": "/dorvsim/state",
+                "DORVSIM_REQLOG": "/dorvsim/reqlog",
+                "DORVSIM_SCALE": repr(self.scale),
+                "DORVSIM_T0": f"{self.t0:.6f}",
+            },
+        }
+
+    def _start_configd(self) -> None:
+        if self.configd_table is None:
+            return
+        from sim.configd_sim import ConfigdSim
+        self.configd = ConfigdSim(str(self.path("/tmp/confd_get")), self.configd_table)
+        self.configd.start()
+
+    def _stop_configd(self) -> None:
+        if self.configd:
+            self.configd.stop()
+            self.configd = None  # the ConfigdSim serving /tmp/confd_get, while running
+
+    # ---- helpers --------------------------------------------------------------
+
+    def _read_pid_file(self) -> int | None:
+        try:
+            text = self.path("/" + PID_PATH).read_bytes().split(b"\0")[0].strip()
+            return int(text) if text.isdigit() and len(text) < 8 else None
+        except OSError:
+            return None
+
+    def _pid_file_written(self) -> bool:
+        pid = self.pid()
+        return pid is not None and self._read_pid_file() == pid
+
+    def _need_pid(self) -> int:
+        pid = self.pid()
+        if not pid:
+            raise SandboxError("the daemon's pid is not known (it has not detached yet)")
+        return pid
+
+    def _ip(self, *args: str) -> str:
+        init_pid = self.status().get("init_pid")
+        if not init_pid or not self.running():
+            raise SandboxError("the sandbox is not running")
+        r = subprocess.run(["nsenter", f"--net=/proc/{init_pid}/ns/net", "ip", *args], capture_output=True,
+                           text=True)
+        if r.returncode != 0:
+            raise SandboxError(f"ip {' '.join(args)}: {r.stderr.strip()}")
+        return r.stdout
+
+    def _log_tail(self, lines: int = 15) -> str:
+        return "\n".join(self.log_text().splitlines()[-lines:])
+
+    def _ns_output(self) -> str:
+        try:
+            return (self.out / "ns_init.log").read_text(errors="replace")[-2000:]
+        except OSError:
+            return ""
+
+
+def parse_reqlog(text: str) -> list[dict]:
+    """The simulator's request log as dicts of each line's key=value words
+    (quoted values keep their quotes)."""
+    return [dict(re.findall(r'(\w+)=("[^"]*"|\S*)', line)) for line in text.splitlines()]
+
+
+def _kill(pid: int, sig: int) -> None:
+    try:
+        os.kill(pid, sig)
+    except ProcessLookupError:
+        pass
+
+
+def _sock_path(path: Path) -> str:
+    s = str(path)
+    if len(s.encode()) > UNIX_PATH_MAX:
+        raise SandboxError(f"socket path too long for AF_UNIX ({len(s)} bytes): {s}; use a shorter scratch folder")
+    return s
