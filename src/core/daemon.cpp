@@ -221,6 +221,19 @@ void exit_handler(int)
     _exit(0);
 }
 
+void setup_signals()
+{
+    sigset_t set = daemon_signals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);  // inherited by every thread made later
+    if (!setup_signal_pipe())
+        log_msg(1, log_lvl::error, "[dorvand] Signal pipe failed [%d|%s]\n", errno, strerror(errno));
+    static struct sigaction exit_action {};
+    static struct sigaction info_action {};
+    register_exit_signal(&exit_action, exit_signal, exit_signal_handler);
+    register_info_signal(&info_action, SIGRTMIN, ft_status_signal_handler);
+    start_signal_thread();
+}
+
 void* eloop_thread(void*)
 {
     eloop_add_timer(3, 0, start_scan_scheduler, 0, 0);
@@ -273,15 +286,7 @@ int daemon_main()
     }
     init_tables();
 
-    sigset_t set = daemon_signals();
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);  // inherited by every thread below
-    if (!setup_signal_pipe())
-        log_msg(1, log_lvl::error, "[dorvand] Signal pipe failed [%d|%s]\n", errno, strerror(errno));
-    struct sigaction exit_action {};
-    struct sigaction info_action {};
-    register_exit_signal(&exit_action, exit_signal, exit_signal_handler);
-    register_info_signal(&info_action, SIGRTMIN, ft_status_signal_handler);
-    start_signal_thread();
+    setup_signals();
 
     log_msg(0, log_lvl::error, "[dorvand] invoke_threads()\n");
     pthread_t tids[std::size(thread_table)] = {};

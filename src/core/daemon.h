@@ -24,6 +24,12 @@ void register_exit_signal(struct sigaction* action, int signo, void (*handler)(i
 // Installs a SA_SIGINFO handler; on failure logs and returns.
 void register_info_signal(struct sigaction* action, int signo, void (*handler)(int, siginfo_t*, void*));
 
+// Blocks signal 10 and SIGRTMIN in the calling thread (and so in every thread
+// it starts later), installs their handlers, which only pass the signal on
+// through a pipe, and starts the signal thread that does their work. Main
+// thread, before the worker threads are created.
+void setup_signals();
+
 // Thread entries.
 void* eloop_thread(void* arg);
 void* signal_thread(void* arg);

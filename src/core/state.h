@@ -34,7 +34,8 @@ struct dbcom_handle;
 //                       /tmp/ft_key_changed.txt. Held for each whole update of
 //                       them (an event, a scan match, a reload, a status
 //                       change), never across a sleep or a configuration read.
-//                       The transition script runs after it is released.
+//                       The transition script runs while it is held, so the
+//                       script always sees a consistent set of files.
 //  4. ht_mutex          the known-AP tables, inside each table operation.
 //  (log_lock, inside log_msg, is a leaf: nothing is taken while holding it.)
 //

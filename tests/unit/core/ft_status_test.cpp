@@ -1,0 +1,184 @@
+// The 802.11r status refresh and the SIGRTMIN update, against a fake
+// configuration daemon.
+#include <csignal>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "configstore/dbcom.h"
+#include "core/daemon.h"
+#include "core/ft_status.h"
+#include "core/state.h"
+#include "fake_configd.h"
+#include "neighbours/neighbours.h"
+#include "test_util.h"
+
+using testutil::log_count;
+using testutil::read_file;
+
+namespace {
+
+std::string key(int radio, int vap)
+{
+    return "system:vapSettings:vapSettingTable:wlan" + std::to_string(radio) + ":vap" + std::to_string(vap) +
+           ":11rStatus";
+}
+
+class ft_status_test : public sandbox_test {
+protected:
+    void SetUp() override
+    {
+        sandbox_test::SetUp();
+        testutil::install_fake_script();
+        testutil::write_file("/usr/local/bin/check_configd_child", "#!/bin/sh\ntouch /tmp/FT_Configd_Child_Check\n",
+                             0755);
+        radio_count = 2;
+        ft_enabled_vaps = 0;
+        server_ = std::make_unique<fake_configd>();
+        for (int r = 0; r < 3; ++r)
+            for (int v = 0; v < 10; ++v)
+                server_->set(key(r, v), "0");
+        config_handle = dbcom_init(nullptr, nullptr, DBCOM_UNIX_STREAM);
+        ASSERT_NE(config_handle, nullptr);
+        init_tables();
+    }
+
+    void TearDown() override
+    {
+        free_kh_list();
+        for (auto*& t : known_ap_tables) {
+            free_known_ap_table(t);
+            t = nullptr;
+        }
+        dbcom_close(config_handle);
+        config_handle = nullptr;
+        server_.reset();
+    }
+
+    // One key holder for neighbour 0A:1B:2C:3D:4E:50 (family TRV, radio 0).
+    void add_key_holder()
+    {
+        std::lock_guard<std::timed_mutex> hold(kh_lock);
+        kh_candidate c{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50}, 1, FAMILY_TRV, 0, 0};
+        uint8_t changed = 0;
+        add_to_kh_list(&c, 0, &changed, KH_MODE_DERIVE);
+        traverse_kh_list();
+        write_key_holders("a");
+    }
+
+    std::unique_ptr<fake_configd> server_;
+};
+
+TEST_F(ft_status_test, RefreshSetsOnlyVapsWhoseStatusIsExactlyOne)
+{
+    server_->set(key(0, 0), "1");
+    server_->set(key(1, 2), "1");
+    server_->set(key(1, 3), "2");
+    ft_enabled_vaps = 1u << 5;  // wlan0 vap5 was on and now reads 0
+    refresh_ft_status();
+    EXPECT_EQ(ft_enabled_vaps.load(), 0x1001u);
+    EXPECT_EQ(log_count("ft_enabled_vaps  = 00001001 \n"), 1);
+    EXPECT_EQ(log_count("wlan1vap3 = 2\n"), 1);
+    EXPECT_EQ(server_->requests(), 20) << "two radios of ten VAPs, one read each";
+}
+
+TEST_F(ft_status_test, EmptyValueRetriesAreSharedByTheWholeRefresh)
+{
+    server_->set(key(0, 0), "");
+    server_->set(key(0, 1), "");
+    ft_enabled_vaps = 0x3;
+    refresh_ft_status();
+    // vap0 spends all three retries (four reads); vap1 then falls back to "0"
+    // at once (one read). An answer line without a value is one attempt.
+    EXPECT_EQ(log_count(" Assigning respto zero \n"), 2);
+    EXPECT_EQ(server_->requests(), 18 + 4 + 1);
+    EXPECT_EQ(ft_enabled_vaps.load(), 0u);
+}
+
+TEST_F(ft_status_test, ReadFailureKeepsTheBit)
+{
+    dbcom_close(config_handle);
+    config_handle = nullptr;
+    ft_enabled_vaps = 0x2;
+    refresh_ft_status();
+    EXPECT_EQ(ft_enabled_vaps.load(), 0x2u);
+    EXPECT_EQ(log_count("dbcom get failed for system:vapSettings:vapSettingTable:wlan"), 20);
+}
+
+TEST_F(ft_status_test, SwitchingAVapOffRemovesItsLineAndRunsScriptOnce)
+{
+    server_->set(key(0, 0), "1");
+    server_->set(key(1, 2), "1");
+    refresh_ft_status();
+    add_key_holder();
+    ASSERT_NE(read_file("/tmp/ap2_macaddr.txt").find("ap2_macaddr_wifi1vap2="), std::string::npos);
+    int runs_before = testutil::script_runs();
+
+    server_->set(key(1, 2), "0");
+    ft_status_update(SIGRTMIN, 1 << 12);
+    EXPECT_EQ(read_file("/tmp/ap2_macaddr.txt").find("ap2_macaddr_wifi1vap2="), std::string::npos);
+    EXPECT_NE(read_file("/tmp/ap2_macaddr.txt").find("ap2_macaddr_wifi0vap0="), std::string::npos);
+    EXPECT_NE(read_file("/tmp/ft_key_changed.txt").find("ft_key_changed_wifi1vap2=1,0\n"), std::string::npos);
+    EXPECT_EQ(testutil::script_runs(), runs_before + 1);
+    EXPECT_EQ(ft_enabled_vaps.load(), 0x1u);
+    EXPECT_EQ(log_count("ft_enabled_vaps = 00000001 \n"), 1);
+}
+
+TEST_F(ft_status_test, StatusTwoCountsAsEnabledInTheUpdateOnly)
+{
+    server_->set(key(0, 0), "1");
+    refresh_ft_status();
+    add_key_holder();
+    server_->set(key(0, 3), "2");
+    ft_status_update(SIGRTMIN, 1 << 3);
+    EXPECT_NE(read_file("/tmp/ft_key_changed.txt").find("ft_key_changed_wifi0vap3=1,1\n"), std::string::npos);
+    EXPECT_NE(read_file("/tmp/ap2_macaddr.txt").find("ap2_macaddr_wifi0vap3="), std::string::npos);
+    EXPECT_EQ(ft_enabled_vaps.load() & (1u << 3), 0u) << "the refresh keeps only exact 1";
+}
+
+TEST_F(ft_status_test, ValueZeroReadsNothingButRunsScriptForNonEmptyList)
+{
+    server_->set(key(0, 0), "1");
+    refresh_ft_status();
+    add_key_holder();
+    int requests = server_->requests();
+    int runs = testutil::script_runs();
+    ft_status_update(SIGRTMIN, 0);
+    EXPECT_EQ(testutil::script_runs(), runs + 1);
+    EXPECT_EQ(server_->requests(), requests + 20) << "only the closing refresh reads";
+}
+
+TEST_F(ft_status_test, BitsOfAMissingRadioAreIgnored)
+{
+    int requests = server_->requests();
+    ft_status_update(SIGRTMIN, 1 << 25);
+    EXPECT_EQ(server_->requests(), requests + 20);
+    EXPECT_EQ(log_count("wifi2vap5"), 0);
+    EXPECT_EQ(log_count("List is empty"), 0);
+}
+
+// Signals queued while the event-loop thread refreshes: the work runs on the
+// signal thread and never overlaps a refresh on the configuration handle.
+TEST_F(ft_status_test, ConcurrencyQueuedSignalsDuringRefresh)
+{
+    server_->set(key(0, 0), "1");
+    setup_signals();
+    constexpr int signals = 5;
+    std::thread loop([] {
+        for (int i = 0; i < 3; ++i)
+            refresh_ft_status();
+    });
+    for (int i = 0; i < signals; ++i) {
+        sigval v{};
+        v.sival_int = 1;
+        ASSERT_EQ(sigqueue(getpid(), SIGRTMIN, v), 0);
+    }
+    loop.join();
+    for (int i = 0; i < 600 && log_count("ft_enabled_vaps = ") < signals; ++i)
+        usleep(50000);
+    EXPECT_EQ(log_count("Received " + std::to_string(SIGRTMIN) + " signal | 1[1] \n"), signals);
+    EXPECT_EQ(log_count("ft_enabled_vaps = 00000001 \n"), signals);
+    EXPECT_EQ(ft_enabled_vaps.load(), 1u);
+}
+
+}  // namespace
