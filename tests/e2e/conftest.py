@@ -104,9 +104,9 @@ def driver_probe(simlib, tmp_path):
             (state if isinstance(state, DriverState) else DriverState.from_dict(state)).write(state_path)
         env = dict(os.environ, LD_PRELOAD=str(simlib), DORVSIM_PROCESS=active_for, DORVSIM_STATE=str(state_path),
                    DORVSIM_REQLOG=str(reqlog), DORVSIM_SCALE=str(scale))
-        spec = {"links": links if links is not None else {"wifi0": True, "wifi0vap0": True, "wifi1": True,
+        plan = {"links": links if links is not None else {"wifi0": True, "wifi0vap0": True, "wifi1": True,
                                                            "wifi1vap0": True}, "calls": calls}
-        r = subprocess.run(["unshare", "-n", "/usr/bin/python3", str(PROBE), json.dumps(spec)], env=env,
+        r = subprocess.run(["unshare", "-n", "/usr/bin/python3", str(PROBE), json.dumps(plan)], env=env,
                            capture_output=True, text=True, timeout=30)
         assert r.returncode == 0, f"probe failed: {r.stderr}"
         records = parse_reqlog(reqlog.read_text()) if reqlog.exists() else []

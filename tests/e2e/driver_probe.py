@@ -209,14 +209,14 @@ OPS = {
 
 
 def main():
-    spec = json.loads(sys.argv[1])
+    plan = json.loads(sys.argv[1])
     cmds = ["link set lo up"]
-    for i, (name, up) in enumerate(spec.get("links", {}).items()):
+    for i, (name, up) in enumerate(plan.get("links", {}).items()):
         cmds.append(f"link add {name} type veth peer name probe{i}")
         if up:
             cmds.append(f"link set {name} up")
     subprocess.run(["ip", "-batch", "-"], input="\n".join(cmds) + "\n", text=True, check=True)
-    print(json.dumps([OPS[c["op"]](c) for c in spec["calls"]]))
+    print(json.dumps([OPS[c["op"]](c) for c in plan["calls"]]))
 
 
 if __name__ == "__main__":
