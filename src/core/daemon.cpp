@@ -40,31 +40,57 @@ constexpr auto cleanup_config_wait = std::chrono::seconds(1);
 using thread_entry = void* (*)(void*);
 constexpr thread_entry thread_table[] = {eloop_thread, event_socket_thread};
 
-// Signal handlers write one note to this pipe; the signal thread reads it.
+// Signal handlers write one note to a pipe: signal 10 to exit_pipe, read by
+// the signal thread, SIGRTMIN to ft_pipe, read by the fast-transition
+// thread. They are kept apart so that an exit never waits behind an update
+// that may wait minutes for configd.
 struct signal_note {
     int32_t signo;
     int32_t value;
 };
-int signal_pipe[2] = {-1, -1};
+int exit_pipe[2] = {-1, -1};
+int ft_pipe[2] = {-1, -1};
 
-void post_signal_note(int signo, int32_t value)
+void post_signal_note(int fd, int signo, int32_t value)
 {
     int saved = errno;
     signal_note note{signo, value};
     // A full pipe drops the note: thousands of queued signals are already
     // waiting, and the handler must not block.
-    [[maybe_unused]] ssize_t n = write(signal_pipe[1], &note, sizeof note);
+    [[maybe_unused]] ssize_t n = write(fd, &note, sizeof note);
     errno = saved;
 }
 
 void exit_signal_handler(int signo)
 {
-    post_signal_note(signo, 0);
+    post_signal_note(exit_pipe[1], signo, 0);
 }
 
 void ft_status_signal_handler(int signo, siginfo_t* info, void*)
 {
-    post_signal_note(signo, info ? info->si_value.sival_int : 0);
+    post_signal_note(ft_pipe[1], signo, info ? info->si_value.sival_int : 0);
+}
+
+// Reads one whole note; false when the pipe is closed or broken.
+bool read_signal_note(int fd, signal_note& note)
+{
+    for (;;) {
+        ssize_t n = read(fd, &note, sizeof note);
+        if (n < 0 && errno == EINTR)
+            continue;
+        return n == static_cast<ssize_t>(sizeof note);
+    }
+}
+
+// The fast-transition thread: runs the SIGRTMIN updates one after another.
+// It keeps the daemon's signals blocked, like every thread but the signal
+// thread.
+void* ft_update_thread(void*)
+{
+    signal_note note{};
+    while (read_signal_note(ft_pipe[0], note))
+        ft_status_update(note.signo, note.value);
+    return nullptr;
 }
 
 // The daemon's own signals go to the signal thread only: every other thread
@@ -79,12 +105,17 @@ sigset_t daemon_signals()
     return set;
 }
 
-bool setup_signal_pipe()
+bool open_signal_pipe(int (&fds)[2])
 {
-    if (pipe2(signal_pipe, O_CLOEXEC) != 0)
+    if (pipe2(fds, O_CLOEXEC) != 0)
         return false;
-    fcntl(signal_pipe[1], F_SETFL, fcntl(signal_pipe[1], F_GETFL) | O_NONBLOCK);
+    fcntl(fds[1], F_SETFL, fcntl(fds[1], F_GETFL) | O_NONBLOCK);
     return true;
+}
+
+bool setup_signal_pipes()
+{
+    return open_signal_pipe(exit_pipe) && open_signal_pipe(ft_pipe);
 }
 
 void remove_daemon_file(const char* path)
@@ -149,10 +180,10 @@ void cancel_scan_timers()
     log_cancelled(__LINE__, eloop_cancel_timer(trigger_5gh_batch_scan, 0, ELOOP_ANY_CTX));
 }
 
-void start_signal_thread()
+void start_thread(thread_entry entry)
 {
     pthread_t tid;
-    int rc = pthread_create(&tid, nullptr, signal_thread, nullptr);
+    int rc = pthread_create(&tid, nullptr, entry, nullptr);
     if (rc != 0)
         log_msg(1, log_lvl::error, "Failed to create the thread [%d | %s ]\n", rc, strerror(rc));
 }
@@ -225,13 +256,14 @@ void setup_signals()
 {
     sigset_t set = daemon_signals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);  // inherited by every thread made later
-    if (!setup_signal_pipe())
+    if (!setup_signal_pipes())
         log_msg(1, log_lvl::error, "[dorvand] Signal pipe failed [%d|%s]\n", errno, strerror(errno));
     static struct sigaction exit_action {};
     static struct sigaction info_action {};
     register_exit_signal(&exit_action, exit_signal, exit_signal_handler);
     register_info_signal(&info_action, SIGRTMIN, ft_status_signal_handler);
-    start_signal_thread();
+    start_thread(signal_thread);
+    start_thread(ft_update_thread);
 }
 
 void* eloop_thread(void*)
@@ -245,18 +277,10 @@ void* signal_thread(void*)
 {
     sigset_t set = daemon_signals();
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-    for (;;) {
-        signal_note note{};
-        ssize_t n = read(signal_pipe[0], &note, sizeof note);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n != static_cast<ssize_t>(sizeof note))
-            return nullptr;
-        if (note.signo == exit_signal)
-            exit_handler(note.signo);
-        else
-            ft_status_update(note.signo, note.value);
-    }
+    signal_note note{};
+    while (read_signal_note(exit_pipe[0], note))
+        exit_handler(note.signo);
+    return nullptr;
 }
 
 int daemon_main()

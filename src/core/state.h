@@ -16,11 +16,15 @@ struct dbcom_handle;
 //                     the 802.11r refresh it runs, the rogue-AP checks and all
 //                     scans (which sleep on this thread).
 //  event-socket thread (event_socket_thread) neighbour events from the peer.
-//  signal thread      (signal_thread) the work of signal 10 and SIGRTMIN. The
-//                     handlers themselves only write the signal number and
-//                     value to a pipe (write(2) is async-signal-safe); this
-//                     thread reads the pipe and does the work, so no lock,
-//                     allocation or I/O ever happens in signal context.
+//  signal thread      (signal_thread) the work of signal 10: shutdown.
+//  fast-transition thread (ft_update_thread) the SIGRTMIN updates, one after
+//                     another. It is apart from the signal thread so that an
+//                     exit never waits behind an update stalled on configd.
+//  The signal handlers themselves only write the signal number and value to
+//  a pipe (write(2) is async-signal-safe): signal 10 to the signal thread's,
+//  SIGRTMIN to the fast-transition thread's. No lock, allocation or I/O ever
+//  happens in signal context. Both signals are blocked in every thread but
+//  the signal thread, so handlers only ever interrupt that one.
 //
 // Locks, always taken in this order (a thread holding one may take only the
 // ones below it):
