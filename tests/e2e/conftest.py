@@ -5,7 +5,6 @@ binaries under test. Tests are skipped where the host cannot run a sandbox
 """
 
 import functools
-import json
 import os
 import shutil
 import subprocess
@@ -18,11 +17,7 @@ REPO = Path(__file__).resolve().parents[2]
 if str(REPO) not in sys.path:
     sys.path.insert(0, str(REPO))
 
-from sim.driver_state import DriverState  # noqa: E402
-from sim.sandbox import Sandbox, parse_reqlog  # noqa: E402
-
-PROBE = Path(__file__).resolve().parent / "driver_probe.py"
-
+from sim.sandbox import Sandbox  # noqa: E402
 
 def pytest_addoption(parser):
     parser.addoption("--dorvand", default=str(REPO / "build" / "dorvand"), help="daemon binary under test")
@@ -87,29 +82,3 @@ def sandbox(dorvand, simlib):
             errors.append(e)
     if errors:
         raise errors[0]
-
-
-@pytest.fixture
-def driver_probe(simlib, tmp_path):
-    """Runs driver_probe.py with the simulated driver: probe(state, calls,
-    links) returns (results, request log records)."""
-
-    def run(state, calls, links=None, scale=1, active_for="python3"):
-        state_path = tmp_path / "state"
-        reqlog = tmp_path / "reqlog"
-        reqlog.unlink(missing_ok=True)
-        if isinstance(state, (str, bytes)):
-            state_path.write_bytes(state.encode() if isinstance(state, str) else state)
-        else:
-            (state if isinstance(state, DriverState) else DriverState.from_dict(state)).write(state_path)
-        env = dict(os.environ, LD_PRELOAD=str(simlib), DORVSIM_PROCESS=active_for, DORVSIM_STATE=str(state_path),
-                   DORVSIM_REQLOG=str(reqlog), DORVSIM_SCALE=str(scale))
-        plan = {"links": links if links is not None else {"wifi0": True, "wifi0vap0": True, "wifi1": True,
-                                                           "wifi1vap0": True}, "calls": calls}
-        r = subprocess.run(["unshare", "-n", "/usr/bin/python3", str(PROBE), json.dumps(plan)], env=env,
-                           capture_output=True, text=True, timeout=30)
-        assert r.returncode == 0, f"probe failed: {r.stderr}"
-        records = parse_reqlog(reqlog.read_text()) if reqlog.exists() else []
-        return json.loads(r.stdout), records
-
-    return run
