@@ -4,6 +4,8 @@
 set -euo pipefail
 packages=(g++ cmake make libgtest-dev libgmock-dev libsqlite3-dev sqlite3 python3 python3-pytest
           iproute2 util-linux procps)
+# The 32-bit layout check compiles with -m32.
+[ "$(dpkg --print-architecture)" = amd64 ] && packages+=(g++-multilib)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
