@@ -295,6 +295,22 @@ class Sandbox:
             runs.append(run)
         return runs
 
+    def script_run_times(self, script: str = "fast_bss_transition.sh") -> list[float | None]:
+        """The real time (epoch seconds) of each run of the transition script,
+        in the order of script_runs(); None where it was not recorded."""
+        base = self.path(f"/dorvsim/runs/{script}")
+        out = []
+        for d in sorted(base.iterdir()) if base.is_dir() else []:
+            try:
+                out.append(float((d / "time").read_text().strip()))
+            except (OSError, ValueError):
+                out.append(None)
+        return out
+
+    def daemon_seconds(self, real: float) -> float:
+        """Daemon seconds since the start at real time `real` (epoch seconds)."""
+        return (real - self.t0) * self.scale
+
     # ---- actions --------------------------------------------------------------
 
     def send_signal(self, sig: int, value: int | None = None) -> None:

@@ -13,4 +13,5 @@ for f in /tmp/ap2_macaddr.txt /tmp/ft_key_changed.txt /var/roam_key_holders; do
     [ -e "$f" ] && cp "$f" "$run/"
 done
 echo "$*" > "$run/args"
+date +%s.%N > "$run/time"
 exit "$(cat /dorvsim/ctl/fast_bss_transition.sh.rc 2>/dev/null || echo 0)"
