@@ -52,9 +52,11 @@ int read_key_value(const char* path, const char* key, char delim, char* out, siz
         if (!out)
             return atoi(value);
         size_t len = strlen(value);
-        size_t keep = len > 0 ? len - 1 : 0;  // the line's last character goes
-        if (out_size == 0)
+        // A copy bounded by the value's own length: the line's last character
+        // goes, and an empty value copies nothing, not even a terminator.
+        if (len == 0 || out_size == 0)
             return 0;
+        size_t keep = len - 1;
         if (keep > out_size - 1) {
             log_msg(0, log_lvl::error, "[roam_lib] Value of %s in %s is longer than %zu characters; cut\n", key,
                     path, out_size - 1);

@@ -17,10 +17,11 @@ extern const product_info product_table[product_table_rows];
 // Reads `key` from the key/value file at path: the value follows the first
 // `delim` of the first line containing the key, less one blank directly after
 // the delimiter, less its last character (the newline). With `out` (room for
-// out_size bytes) the value is copied there, cut to out_size-1 characters, and
-// 0 is returned whether or not the key was found; without it the value's atoi
-// (0 when not found) is returned. -1 when the file cannot be opened (out then
-// holds a single '"').
+// out_size bytes) the value is copied there, cut to out_size-1 characters (an
+// empty value, as at a last line ending in the delimiter, leaves out as it
+// was), and 0 is returned whether or not the key was found; without it the
+// value's atoi (0 when not found) is returned. -1 when the file cannot be
+// opened (out then holds a single '"').
 int read_key_value(const char* path, const char* key, char delim, char* out, size_t out_size);
 
 // Fills out (12 bytes) with the board's product identifier from /etc/board and

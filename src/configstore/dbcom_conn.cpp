@@ -126,7 +126,7 @@ std::optional<dbcom_addr> make_in_addr(const char* host, const char* service)
                                   static_cast<uint8_t>(d)};
         std::memcpy(&in->sin_addr, bytes, sizeof bytes);
     }
-    setservent(0);
+    getservent();  // opens the services database
     servent* se = getservbyname(service, nullptr);
     in->sin_port = se ? static_cast<in_port_t>(se->s_port) : htons(static_cast<uint16_t>(atol(service)));
     endservent();

@@ -161,8 +161,6 @@ int dbcom_build_request(const dbcom_handle* handle, uint8_t op, uint16_t flags, 
     if (items > DBCOM_MAX_BODY)
         return -2;
     std::size_t room = DBCOM_MAX_BODY - items;
-    if (data == nullptr)
-        len = 0;
     // A run of messages must make progress.
     if (room == 0 && len > 0)
         return -2;
@@ -178,7 +176,8 @@ int dbcom_build_request(const dbcom_handle* handle, uint8_t op, uint16_t flags, 
     uint8_t* p = msg->data() + DBCOM_HEADER_LEN;
     p += put_item(p, DBCOM_TLV_USER, user);
     p += put_item(p, DBCOM_TLV_ADDR, addr);
-    if (taken > 0)
+    // Without a data pointer the data bytes stay zero.
+    if (taken > 0 && data != nullptr)
         std::memcpy(p, data, taken);
     return static_cast<int>(taken);
 }
@@ -187,8 +186,6 @@ int dbcom_build_response(uint8_t op, uint16_t flags, uint16_t reserved, uint32_t
                          std::size_t len, std::vector<uint8_t>* msg)
 {
     msg->clear();
-    if (data == nullptr)
-        len = 0;
     std::size_t taken = len > DBCOM_MAX_BODY ? DBCOM_MAX_BODY : len;
     flags = len > DBCOM_MAX_BODY ? flags | DBCOM_FLAG_MORE : flags & ~DBCOM_FLAG_MORE;
     try {
@@ -198,7 +195,7 @@ int dbcom_build_response(uint8_t op, uint16_t flags, uint16_t reserved, uint32_t
     }
     dbcom_header hdr{DBCOM_MSG_RESPONSE, op, flags, static_cast<uint16_t>(taken), reserved, magic};
     dbcom_encode_header(hdr, msg->data());
-    if (taken > 0)
+    if (taken > 0 && data != nullptr)
         std::memcpy(msg->data() + DBCOM_HEADER_LEN, data, taken);
     return static_cast<int>(taken);
 }

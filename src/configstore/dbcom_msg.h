@@ -70,12 +70,14 @@ void dbcom_encode_header(const dbcom_header& hdr, uint8_t* out);
 // (a null handle sends both as absent) and as much of `data` as fits; sets
 // DBCOM_FLAG_MORE when not all of it did. Returns the number of data bytes
 // placed in the message, or -2 when it cannot be built (out of memory, or
-// items too long to leave room for data); `msg` then is empty.
+// items too long to leave room for data); `msg` then is empty. A null `data`
+// with a length places that many zero bytes.
 int dbcom_build_request(const dbcom_handle* handle, uint8_t op, uint16_t flags, uint16_t reserved, uint32_t magic,
                         const uint8_t* data, std::size_t len, std::vector<uint8_t>* msg);
 
-// The kind-2 counterpart: at most 65535 data bytes, DBCOM_FLAG_MORE when
-// more remain. Returns the data bytes placed, or -2 (out of memory).
+// The kind-2 counterpart: at most 65535 data bytes (zero bytes for a null
+// `data`), DBCOM_FLAG_MORE when more remain. Returns the data bytes placed,
+// or -2 (out of memory).
 int dbcom_build_response(uint8_t op, uint16_t flags, uint16_t reserved, uint32_t magic, const uint8_t* data,
                          std::size_t len, std::vector<uint8_t>* msg);
 

@@ -90,7 +90,8 @@ int send_request(dbcom_handle* handle, int which, uint8_t op, uint16_t flags, co
     std::size_t sent = 0;
     do {
         std::vector<uint8_t> msg;
-        int taken = dbcom_build_request(handle, op, flags, 0, DBCOM_MAGIC, data + sent, length - sent, &msg);
+        const uint8_t* rest = data != nullptr ? data + sent : nullptr;
+        int taken = dbcom_build_request(handle, op, flags, 0, DBCOM_MAGIC, rest, length - sent, &msg);
         if (taken < 0) {
             append_text(error, "dbcom_do_transaction: Unable to build request message.\n");
             dbcom_disconnect(handle, which);

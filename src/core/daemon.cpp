@@ -126,32 +126,51 @@ void remove_daemon_file(const char* path)
     }
 }
 
-void free_tables()
+// What the clean-up managed to lock. The locks are taken in the process-wide
+// order (configuration, key holders, tables), each with a bounded wait, so a
+// thread that holds a higher one while it waits for a lower one (a scan match
+// holds kh_lock and then takes ht_mutex) can finish and let go. None is ever
+// released: a thread waiting for one must not run on freed state before the
+// process ends.
+struct cleanup_locks {
+    bool config;
+    bool key_holders;
+    bool tables;
+};
+
+cleanup_locks take_cleanup_locks()
 {
-    if (!ht_mutex.try_lock_for(cleanup_lock_wait)) {
+    cleanup_locks held{};
+    held.config = config_lock.try_lock_for(cleanup_config_wait);
+    held.key_holders = kh_lock.try_lock_for(cleanup_lock_wait);
+    held.tables = ht_mutex.try_lock_for(cleanup_lock_wait);
+    return held;
+}
+
+void free_tables(bool locked)
+{
+    if (!locked) {
         log_msg(0, log_lvl::error, "[dorvand] known-AP tables busy; left to the end of the process\n");
         return;
     }
-    // Never unlocked: a thread waiting for the tables must not run on freed
-    // memory before the process ends.
     for (int r = 0; r < radio_count && r < 3; ++r) {
         free_known_ap_table(known_ap_tables[r]);
         known_ap_tables[r] = nullptr;
     }
 }
 
-void free_key_holders()
+void free_key_holders(bool locked)
 {
-    if (!kh_lock.try_lock_for(cleanup_lock_wait)) {
+    if (!locked) {
         log_msg(0, log_lvl::error, "[dorvand] key-holder list busy; left to the end of the process\n");
         return;
     }
-    free_kh_list();  // kh_lock stays held, as for the tables
+    free_kh_list();
 }
 
-void close_config_handle()
+void close_config_handle(bool locked)
 {
-    if (!config_lock.try_lock_for(cleanup_config_wait)) {
+    if (!locked) {
         log_msg(0, log_lvl::error, "[dorvand] configuration read in progress; handle left to the end of the process\n");
         return;
     }
@@ -243,10 +262,11 @@ void exit_handler(int)
     remove_daemon_file(pid_path);
     remove_daemon_file(event_sock_path);
     remove_daemon_file(key_holder_path);
-    free_tables();
-    free_key_holders();
+    const cleanup_locks held = take_cleanup_locks();
+    free_tables(held.tables);
+    free_key_holders(held.key_holders);
     cancel_scan_timers();
-    close_config_handle();
+    close_config_handle(held.config);
     log_msg(0, log_lvl::info, "[dorvand] Exiting from daemon\n");
     // The other threads are still running: end without static destructors.
     _exit(0);

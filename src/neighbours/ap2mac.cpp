@@ -133,8 +133,9 @@ std::string add_to_line(std::string_view line, const char* text)
 }
 
 // Rebuilds the line from the key and every BSSID but `text`, each followed
-// by one blank. `last_token` carries the BSSID last split off across lines,
-// for the diagnostic line only.
+// by one blank. `last_token` carries the token last split off (the whole
+// first token when the line had no other) across lines, for the diagnostic
+// line only.
 std::string delete_from_line(std::string_view line, const std::string& key, const char* text,
                              std::string& last_token)
 {
@@ -150,7 +151,7 @@ std::string delete_from_line(std::string_view line, const std::string& key, cons
         // The first token is the key, "=" and the first BSSID.
         std::string_view bssid = !first ? token : token.size() > key_len ? token.substr(key_len) : std::string_view{};
         first = false;
-        last_token.assign(bssid);
+        last_token.assign(token);
         if (bssid != text) {
             rebuilt.append(bssid);
             rebuilt += ' ';

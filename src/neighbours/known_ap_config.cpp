@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 #include "core/files.h"
@@ -18,7 +19,8 @@ constexpr size_t max_mac_text = 17;
 constexpr std::string_view blanks = " \t\r\n";
 
 // Attribute i of an entry is the first character of its i-th comma-separated
-// token minus '0'. Empty tokens are skipped, as are blanks at a token's start.
+// token minus '0', whatever that character is: " 0" and a lone newline give
+// non-zero values. Runs of commas count as one separator.
 void parse_attributes(std::string_view rest, uint8_t* attrs, size_t count)
 {
     size_t i = 0;
@@ -26,10 +28,9 @@ void parse_attributes(std::string_view rest, uint8_t* attrs, size_t count)
         size_t comma = rest.find(',');
         std::string_view token = rest.substr(0, comma);
         rest = comma == std::string_view::npos ? std::string_view{} : rest.substr(comma + 1);
-        size_t first = token.find_first_not_of(blanks);
-        if (first == std::string_view::npos)
+        if (token.empty())
             continue;
-        attrs[i++] = static_cast<uint8_t>(token[first] - '0');
+        attrs[i++] = static_cast<uint8_t>(token[0] - '0');
     }
 }
 
@@ -105,7 +106,8 @@ void load_known_aps(known_ap_table* table, const char* name)
     }
     std::array<char, max_config_line + 2> line{};
     for (;;) {
-        nb::line_status st = nb::read_line(f.get(), line.data(), max_config_line);
+        bool had_newline = false;
+        nb::line_status st = nb::read_line(f.get(), line.data(), max_config_line, &had_newline);
         if (st == nb::line_status::end)
             break;
         if (st == nb::line_status::too_long) {
@@ -115,7 +117,11 @@ void load_known_aps(known_ap_table* table, const char* name)
         }
         if (!std::strstr(line.data(), prefix))
             continue;
-        const char* entry = std::strrchr(line.data(), ':');  // the prefix holds one, so never null
-        parse_known_ap_line(table, entry + 1);
+        // The entry text keeps the line's newline: it ends the last attribute
+        // token, and a line ending in a blank or a comma makes it a token.
+        std::string entry(std::strrchr(line.data(), ':') + 1);  // the prefix holds a ':'
+        if (had_newline)
+            entry += '\n';
+        parse_known_ap_line(table, entry.c_str());
     }
 }

@@ -33,13 +33,17 @@ bool read_record(FILE* f, key_holder_record& out)
     return true;
 }
 
-line_status read_line(FILE* f, char* buf, size_t max_len)
+line_status read_line(FILE* f, char* buf, size_t max_len, bool* had_newline)
 {
+    if (had_newline)
+        *had_newline = false;
     if (!fgets(buf, static_cast<int>(max_len + 2), f))
         return line_status::end;
     size_t len = std::strlen(buf);
     if (len > 0 && buf[len - 1] == '\n') {
         buf[len - 1] = '\0';
+        if (had_newline)
+            *had_newline = true;
         return line_status::ok;
     }
     if (len <= max_len)

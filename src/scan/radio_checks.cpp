@@ -79,7 +79,11 @@ int try_fallback_vap(int fd, int radio)
 int append_channels(const drv_chan_info& reply, const char* ifname)
 {
     static const char* const radio_names[3] = {"wifi0", "wifi1", "wifi2"};
-    static const char* const band_names[3] = {"2.4GHz", "5GHz", "5GHz High"};
+    static const char* const no_memory_texts[3] = {"Memory allocation failed for 2.4GHz channel buffer\n",
+                                                   "Memory allocation failed for 5GHz channel buffer\n",
+                                                   "Memory allocation failed for 5GHz High channel buffer\n"};
+    static const char* const channel_texts[3] = {"The 2.4GHz channel is %d\n", "The 5GHz channel is %d\n",
+                                                 "The 5GHz High channel is %d\n"};
     int radio = -1;
     for (int r = 0; r < 3 && radio < 0; ++r) {
         if (strncmp(ifname, radio_names[r], 5) == 0)
@@ -94,10 +98,10 @@ int append_channels(const drv_chan_info& reply, const char* ifname)
             // push_back keeps every stored entry when growing fails.
             list.push_back(channel);
         } catch (const std::bad_alloc&) {
-            log_msg(0, log_lvl::error, "Memory allocation failed for %s channel buffer\n", band_names[radio]);
+            log_msg(0, log_lvl::error, "%s", no_memory_texts[radio]);
             return -1;
         }
-        log_msg(0, log_lvl::info, "The %s channel is %d\n", band_names[radio], channel);
+        log_msg(0, log_lvl::info, channel_texts[radio], channel);
     }
     return 0;
 }
@@ -172,7 +176,8 @@ int get_cac_state(const char* vap_name)
 
 void set_chanlist(const char* vap_name)
 {
-    check_command_ran(shell_run(256, "/usr/sbin/wifitool %s setchanlist 0", vap_name));
+    // A 256-byte buffer formatted with a bound of 255.
+    check_command_ran(shell_run(255, "/usr/sbin/wifitool %s setchanlist 0", vap_name));
 }
 
 int monitor_traffic(const char* ifname)

@@ -241,7 +241,7 @@ void full_scan(const band& b, intptr_t ctx2)
         return;
     }
     log_msg(0, log_lvl::info, b.triggered, b.full_name);
-    const char* marker = scan_db_markers[radio];
+    const char* marker = scan_db_markers[b.radio];
     touch_marker(marker);
     scan_sleep(full_scan_wait_secs);
     if (process_scan_result(radio, vap_name, 0) != -1) {
@@ -286,7 +286,7 @@ void batch_scan(const band& b, intptr_t ctx2)
             return;
         }
     }
-    const char* marker = scan_db_markers[radio];
+    const char* marker = scan_db_markers[b.radio];
     touch_marker(marker);
     const std::vector<int32_t>& channels = scan_chan_list[radio];
     log_msg(0, log_lvl::info, channel_count_text, b.batch_name, static_cast<int>(channels.size()));

@@ -57,13 +57,17 @@ TEST(product_table_test, TypesMatchRadioCounts)
     }
 }
 
-TEST_F(sandbox_test, ReadKeyValueWithoutBufferGivesInteger)
+TEST_F(sandbox_test, ReadKeyValueIntegerAndEmptyValue)
 {
-    write_file("/tmp/kv", "alpha=12\nbeta: 7\n");
+    write_file("/tmp/kv", "alpha=12\nbeta: 7\ndelta=");
     EXPECT_EQ(read_key_value("/tmp/kv", "alpha", '=', nullptr, 0), 12);
     EXPECT_EQ(read_key_value("/tmp/kv", "beta", ':', nullptr, 0), 7);
     EXPECT_EQ(read_key_value("/tmp/kv", "gamma", '=', nullptr, 0), 0);
     EXPECT_EQ(read_key_value("/tmp/missing", "alpha", '=', nullptr, 0), -1);
+    // An empty value at the end of the file copies nothing at all.
+    char out[8] = "old";
+    EXPECT_EQ(read_key_value("/tmp/kv", "delta", '=', out, sizeof out), 0);
+    EXPECT_STREQ(out, "old");
 }
 
 struct rogue_case {

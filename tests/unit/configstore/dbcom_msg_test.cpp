@@ -50,6 +50,12 @@ TEST_F(dbcom_msg_test, request_items_absent_or_present)
     expected.insert(expected.end(), addr.begin(), addr.end());
     EXPECT_EQ(tail, expected);
     EXPECT_EQ(msg[5], 16);
+
+    // A length without a data pointer still counts: that many zero bytes.
+    EXPECT_EQ(dbcom_build_request(&h, 1, 0, 0, DBCOM_MAGIC, nullptr, 3, &msg), 3);
+    ASSERT_EQ(msg.size(), 12u + 16u + 3u);
+    EXPECT_EQ(msg[5], 19);
+    EXPECT_EQ(bytes(msg.end() - 3, msg.end()), (bytes{0, 0, 0}));
 }
 
 struct split_case {

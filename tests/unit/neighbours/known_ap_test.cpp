@@ -184,9 +184,14 @@ TEST_F(known_ap_test, LoadTakesTheRadiosLinesAndOnlyAdds)
                          "system:apList:knownApTable:wlan0:2:0a1b2c3d4e00\n"
                          "system:apList:knownApTable:wlan0:3:0A1B2C3D4E10 0,1\n"
                          "system:apList:knownApTable:wlan0:4:ZZ1B2C3D4E20 1,1\n"
-                         "system:apList:knownApTable:wlan0:5:0A1B2C3D4E5F0A1B2C3D 1,1\n");
+                         "system:apList:knownApTable:wlan0:5:0A1B2C3D4E5F0A1B2C3D 1,1\n"
+                         // An attribute is its token's first character minus '0', a blank or
+                         // the line's newline included: both give a non-zero family.
+                         "system:apList:knownApTable:wlan0:6:0A1B2C3D4E30 1, 0\n"
+                         "system:apList:knownApTable:wlan0:7:0A1B2C3D4E40 0,\n");
     load_known_aps(known_ap_tables[0], "wlan0");
     std::vector<std::string> want = {row("0a:1b:2c:3d:4e:00", "Yes", "TRV"), row("0a:1b:2c:3d:4e:10", "No", "TRM"),
+                                     row("0a:1b:2c:3d:4e:30", "Yes", "TRM"), row("0a:1b:2c:3d:4e:40", "No", "TRM"),
                                      row("0a:1b:2c:3d:4e:5f", "Yes", "TRV")};
     EXPECT_EQ(table_rows(0), want);
     EXPECT_EQ(log_count("[dorvand] Known-AP entry ignored: bad MAC text \"ZZ1B2C3D4E20\"\n"), 1);
@@ -194,7 +199,7 @@ TEST_F(known_ap_test, LoadTakesTheRadiosLinesAndOnlyAdds)
 
     load_known_aps(known_ap_tables[0], "wlan0");
     EXPECT_EQ(table_rows(0), want);
-    EXPECT_EQ(log_count("Duplicate entry at"), 3);
+    EXPECT_EQ(log_count("Duplicate entry at"), 5);
 }
 
 TEST_F(known_ap_test, OverLongLineIsSkippedWithItsTail)
