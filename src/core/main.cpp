@@ -1,8 +1,13 @@
 // dorvand: neighbour key holders for fast roaming and background channel
 // scans of a wireless access point.
+#include <unistd.h>
+
 #include "core/daemon.h"
 
 int main()
 {
-    return daemon_main();
+    // The event-socket, signal and fast-transition threads are still running
+    // when the event loop has ended: leave without running static destructors
+    // under them. Nothing is buffered (the log is written line by line).
+    _exit(daemon_main());
 }
