@@ -433,12 +433,26 @@ class Sandbox:
         self.path("/tmp").chmod(0o1777)
         (self.root / "etc/passwd").write_text("root:x:0:0:root:/root:/bin/sh\n")
         (self.root / "etc/group").write_text("root:x:0:\n")
+        self._copy_alternatives()
         if self.board is not None:
             board = self.board if isinstance(self.board, bytes) else f"ProductID={self.board}\n".encode()
             (self.root / "etc/board").write_bytes(board)
         self.path("/tmp/run/config").write_text(self.config)
         self.driver.write(self.path("/dorvsim/state"))
         self._install_upper()
+
+    def _copy_alternatives(self) -> None:
+        """Debian reaches some tools through /etc/alternatives (awk is
+        /usr/bin/awk -> /etc/alternatives/awk -> /usr/bin/mawk); the root's
+        own /etc needs those links, or the daemon's shell pipelines fail."""
+        host = Path("/etc/alternatives")
+        if not host.is_dir():
+            return
+        dest = self.root / "etc/alternatives"
+        dest.mkdir(exist_ok=True)
+        for link in host.iterdir():
+            if link.is_symlink() and not (dest / link.name).is_symlink():
+                (dest / link.name).symlink_to(os.readlink(link))
 
     def _install_upper(self) -> None:
         upper = self.scratch / "usr-upper"

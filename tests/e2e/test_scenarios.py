@@ -1,0 +1,147 @@
+"""Every scenario of sim/scenarios run through the simulated access point,
+with its expectations checked by the same runner that sim/run uses; and the
+tool itself: scenarios with mistakes are refused by name, a failing
+expectation fails the run, and the report's charts are sound PNG files."""
+
+import struct
+import subprocess
+import sys
+import zlib
+from pathlib import Path
+
+import pytest
+
+from sim import report, scenario
+from sim.runner import Runner
+
+REPO = Path(__file__).resolve().parents[2]
+
+
+def png_size_and_pixels(path: Path) -> tuple[int, int, bytes]:
+    """Decodes an 8-bit RGB PNG without filters, checking every chunk's CRC."""
+    data = path.read_bytes()
+    assert data[:8] == b"\x89PNG\r\n\x1a\n", f"{path.name} is not a PNG"
+    pos, chunks = 8, {}
+    while pos < len(data):
+        length, kind = struct.unpack(">I4s", data[pos:pos + 8])
+        body = data[pos + 8:pos + 8 + length]
+        (crc,) = struct.unpack(">I", data[pos + 8 + length:pos + 12 + length])
+        assert crc == zlib.crc32(kind + body), f"bad CRC in the {kind!r} chunk of {path.name}"
+        chunks[kind] = chunks.get(kind, b"") + body
+        pos += 12 + length
+    width, height, depth, colour = struct.unpack(">IIBB", chunks[b"IHDR"][:10])
+    assert (depth, colour) == (8, 2)
+    raw = zlib.decompress(chunks[b"IDAT"])
+    stride = 1 + 3 * width
+    assert len(raw) == height * stride
+    assert all(raw[y * stride] == 0 for y in range(height))
+    return width, height, b"".join(raw[y * stride + 1:(y + 1) * stride] for y in range(height))
+
+
+@pytest.mark.parametrize("name", scenario.names())
+def test_scenario_expectations_hold(name, dorvand, simlib, tmp_path_factory):
+    sc = scenario.load(name)
+    out = tmp_path_factory.mktemp(name)
+    progress = []
+    result = Runner(sc, dorvand, simlib, out, echo=progress.append).run()
+    text = report.build(out)
+    assert result.passed, f"{name}:\n" + "\n".join(result.failures()) + "\n" + "\n".join(progress[-5:])
+    assert len(result.outcomes) == len(sc.expectations)
+    assert f"PASSED: scenario {name}" in text
+    for band in sc.scanning_bands():
+        width, height, pixels = png_size_and_pixels(out / f"chart_{band}.png")
+        assert bytes(report.LOAD_COLOR) in pixels and bytes(report.BSS_COLOR) in pixels, f"chart_{band}.png is blank"
+
+
+BAD_SCENARIOS = [
+    ("colour = 1\n", "the file: unknown key(s) colour"),
+    ("scale = \"fast\"\n", "scale must be a number"),
+    ("board = \"XR9000\"\n", "unknown product 'XR9000'"),
+    ("until = \"lunch\"\n", "until: unknown milestone 'lunch'"),
+    ("[[radio]]\nindex = 0\nvapz = []\n", "[[radio]] #1: unknown key(s) vapz"),
+    ("[[radio]]\nindex = 1\nvap = [{ index = 12 }]\n", "[[radio]] #1 vap #1: index"),
+    ("[[event]]\ndo = \"kh_add\"\nmac = \"0A:1B:2C:3D:4E\"\n", "[[event]] #1: '0A:1B:2C:3D:4E' is not a MAC address"),
+    ("[[event]]\ndo = \"reboot\"\n", "[[event]] #1: unknown event 'reboot'"),
+    ("[[event]]\nafter = \"lunch\"\ndo = \"voice\"\nradio = 0\non = true\n", "[[event]] #1: unknown milestone 'lunch'"),
+    ("[[radio]]\nindex = 0\n[[event]]\ndo = \"link\"\nnames = [\"wifi7\"]\nup = false\n",
+     "[[event]] #1: names must be interfaces"),
+    ("[[expect]]\nlog = \"x\"\nrunning = true\n", "[[expect]] #1: give exactly one of"),
+    ("[[expect]]\nexit_code = 0\nphase = \"end\"\n", "[[expect]] #1: phase"),
+    ("[[expect]]\nkey_holders = [\"0A:1B:2C:3D:4E:5F yes TRV\"]\n", "[[expect]] #1: key-holder records"),
+    ("[[expect]]\ndb = \"6g\"\ntable = \"CHANNEL_DETAILS\"\n", "[[expect]] #1: db is one of"),
+    ("[[radio]\nindex = 0\n", "not valid TOML"),
+]
+
+
+@pytest.mark.parametrize("text, message", BAD_SCENARIOS)
+def test_scenario_with_a_mistake_is_refused_naming_it(tmp_path, text, message):
+    path = tmp_path / "mistake.toml"
+    path.write_text(text)
+    with pytest.raises(scenario.ScenarioError) as err:
+        scenario.load(path)
+    assert str(err.value).startswith("mistake.toml: ")
+    assert message in str(err.value)
+
+
+FAILING = """
+description = "one key holder, one expectation that holds and two that do not"
+scale = 100
+until = "ready+20"
+
+[[radio]]
+index = 0
+rogue_ap = 0
+vap = [{ index = 0, ft = 1 }]
+
+[[radio]]
+index = 1
+rogue_ap = 0
+
+[[event]]
+after = "ready"
+at = 2
+do = "kh_add"
+mac = "0A:1B:2C:3D:4E:50"
+
+[[event]]
+after = "5g.full"
+do = "voice"
+radio = 1
+on = true
+
+[[expect]]
+key_holders = ["0A:1B:2C:3D:4E:5F 1 0"]
+
+[[expect]]
+file = "/tmp/ap2_macaddr.txt"
+lines = ["ap2_macaddr_wifi0vap0=0A:1B:2C:3D:4E:50 0A:1B:2C:3D:4E:60 0A:1B:2C:3D:4E:71"]
+
+[[expect]]
+script_runs = 2
+"""
+
+
+def test_failing_expectation_fails_the_run(tmp_path, dorvand, simlib):
+    path = tmp_path / "failing.toml"
+    path.write_text(FAILING)
+    out = tmp_path / "out"
+    r = subprocess.run([sys.executable, str(REPO / "sim/run"), str(path), "--out", str(out), "--dorvand", str(dorvand),
+                        "--simlib", str(simlib)], capture_output=True, text=True, timeout=120)
+    assert r.returncode == 1, r.stdout + r.stderr
+    lines = (out / "report.txt").read_text().splitlines()
+    assert any(ln.startswith("  ok    [[expect]] #1") for ln in lines)
+    failed = [ln for ln in lines if ln.startswith("  FAIL")]
+    assert any("[[expect]] #2" in ln and "0A:1B:2C:3D:4E:71" in ln for ln in failed), failed
+    assert any("[[expect]] #3" in ln and "1 script runs (expected 2)" in ln for ln in failed), failed
+    assert any("[[event]] #2" in ln and "never came due" in ln for ln in failed), failed
+    assert "FAILED: scenario failing" in r.stdout
+
+
+def test_sim_run_refuses_a_bad_scenario_before_running(tmp_path):
+    path = tmp_path / "typo.toml"
+    path.write_text("[[radio]]\nindex = 0\nrogue = 1\n")
+    r = subprocess.run([sys.executable, str(REPO / "sim/run"), str(path), "--out", str(tmp_path / "out")],
+                       capture_output=True, text=True, timeout=60)
+    assert r.returncode == 2
+    assert "typo.toml: [[radio]] #1: unknown key(s) rogue" in r.stderr
+    assert not (tmp_path / "out").exists()
