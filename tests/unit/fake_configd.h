@@ -1,33 +1,25 @@
 // A small configuration daemon for unit tests: serves gets on
-// /tmp/confd_get from a key/value table, on a thread of its own. Written from
-// the wire format, independently of the client, so that a mistake on one side
-// shows.
+// /tmp/confd_get from a key/value table, on a thread of its own.
 #pragma once
 
-#include <atomic>
 #include <map>
 #include <mutex>
 #include <string>
-#include <thread>
+
+#include "configstore/scripted_server.h"
 
 class fake_configd {
 public:
-    explicit fake_configd(const char* path = "/tmp/confd_get");
-    ~fake_configd();
+    fake_configd();
 
-    // Sets (or with an empty text, clears) the value answered for key.
+    // Sets the value answered for key; an empty text answers the key alone.
     void set(const std::string& key, const std::string& value);
-    int requests() const { return requests_.load(); }
+    int requests() { return static_cast<int>(server_.requests().size()); }
 
 private:
-    void serve();
-    bool answer(int fd);
+    cstest::reply_plan answer(const cstest::seen_request& req);
 
-    std::string path_;
-    int listen_fd_ = -1;
-    std::atomic<bool> stop_{false};
-    std::atomic<int> requests_{0};
     std::mutex lock_;
     std::map<std::string, std::string> table_;
-    std::thread thread_;
+    cstest::scripted_server server_;  // last, so that it stops before the table goes
 };

@@ -13,12 +13,7 @@
 
 namespace testutil {
 
-bool sandbox_active = false;
-
-bool sandboxed()
-{
-    return sandbox_active;
-}
+bool sandbox_active = false;  // set by main() once the private mounts are in place
 
 std::string read_file(const std::string& path)
 {

@@ -11,9 +11,6 @@
 
 namespace testutil {
 
-// True once main() has set up the private mounts.
-bool sandboxed();
-
 std::string read_file(const std::string& path);
 std::vector<unsigned char> read_bytes(const std::string& path);
 void write_file(const std::string& path, const std::string& text, unsigned mode = 0644);

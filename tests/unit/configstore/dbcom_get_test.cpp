@@ -63,7 +63,6 @@ protected:
 TEST_F(dbcom_client_test, get_sends_user_item_key_line_feed_and_nul)
 {
     scripted_server srv(get_path, always({reply(1, 0, "a 1\n")}));
-    ASSERT_TRUE(srv.running());
     opt value;
     opt error;
     ASSERT_EQ(dbcom_get(handle_, "a", &value, &error), 0);
@@ -114,11 +113,13 @@ TEST_F(dbcom_client_test, long_data_goes_out_as_a_run_of_messages)
 
 struct answer_case {
     const char* name;
-    std::vector<bytes> replies;  // sent for every request
+    std::vector<bytes> replies;  // sent for every request after the first `silent` ones
     int rc;
     opt value;
     opt error;
     size_t requests;
+    int conns;  // connections used: a failed attempt closes the channel
+    int silent = 0;
 };
 
 void PrintTo(const answer_case& c, std::ostream* os)
@@ -126,83 +127,55 @@ void PrintTo(const answer_case& c, std::ostream* os)
     *os << c.name;
 }
 
-std::string answer_case_name(const ::testing::TestParamInfo<answer_case>& p)
-{
-    std::string n = p.param.name;
-    for (char& ch : n)
-        if (ch == ' ')
-            ch = '_';
-    return n;
-}
-
 class get_answer_test : public dbcom_client_test, public ::testing::WithParamInterface<answer_case> {};
 
 TEST_P(get_answer_test, value_error_and_attempts)
 {
     const answer_case& c = GetParam();
-    scripted_server srv(get_path, always(c.replies));
+    scripted_server srv(get_path, [&c](const seen_request&, int n) {
+        return n < c.silent ? reply_plan{} : reply_plan{c.replies, false};
+    });
     opt value = "stale";
     opt error = "stale";
     EXPECT_EQ(dbcom_get(handle_, "key", &value, &error), c.rc);
     EXPECT_EQ(value, c.value);
     EXPECT_EQ(error, c.error);
-    EXPECT_EQ(srv.requests().size(), c.requests);
+    srv.wait_for(c.requests);
+    auto reqs = srv.requests();
+    ASSERT_FALSE(reqs.empty());
+    EXPECT_EQ(reqs.size(), c.requests);
+    EXPECT_EQ(reqs.back().conn, c.conns);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     answers, get_answer_test,
     ::testing::Values(
-        answer_case{"plain", {reply(1, 0, "key 1\n")}, 0, "1", std::nullopt, 1},
-        answer_case{"unescaped", {reply(1, 0, "key a\\:b\\ c\\xd\\\\e\n")}, 0, "a:b c\\xd\\e", std::nullopt, 1},
-        answer_case{"no result text", {reply(1, 0, "")}, 0, std::nullopt, std::nullopt, 3},
-        answer_case{"key line without value", {reply(1, 0, "key\n")}, 0, std::nullopt, std::nullopt, 1},
-        answer_case{"other op first", {reply(2, 0, "key wrong\n"), reply(1, 0, "key right\n")}, 0, "right",
-                    std::nullopt, 1},
-        answer_case{"three parts",
+        answer_case{"plain", {reply(1, 0, "key 1\n")}, 0, "1", std::nullopt, 1, 1},
+        answer_case{"unescaped", {reply(1, 0, "key a\\:b\\ c\\xd\\\\e\n")}, 0, "a:b c\\xd\\e", std::nullopt, 1, 1},
+        answer_case{"no_result_text", {reply(1, 0, "")}, 0, std::nullopt, std::nullopt, 3, 1},
+        answer_case{"key_line_without_value", {reply(1, 0, "key\n")}, 0, std::nullopt, std::nullopt, 1, 1},
+        answer_case{"other_op_first", {reply(2, 0, "key wrong\n"), reply(1, 0, "key right\n")}, 0, "right",
+                    std::nullopt, 1, 1},
+        answer_case{"three_parts",
                     {reply(1, 0x1000, "key v"), reply(1, 0x1000, "al"), reply(1, 0, "ue\n")},
                     0,
                     "value",
                     std::nullopt,
+                    1,
                     1},
-        answer_case{"diagnostic only", {reply(1, 0x0002, "no such key\n")}, 0, std::nullopt,
-                    times3("no such key\n"), 3},
-        answer_case{"diagnostic then value", {reply(1, 0x1002, "note\n"), reply(1, 0, "key 5\n")}, 0, "5",
-                    std::nullopt, 1},
-        answer_case{"failure", {reply(1, 0x0001, "denied\n")}, 1, std::nullopt, times3("denied\n"), 3}),
-    answer_case_name);
-
-// --- transaction details ----------------------------------------------------
-
-struct flag_case {
-    uint16_t flags;
-    int rc;
-    opt result;
-    int open_after;
-};
-
-void PrintTo(const flag_case& c, std::ostream* os)
-{
-    *os << "flags " << std::hex << c.flags;
-}
-
-class diagnostic_flag_test : public dbcom_client_test, public ::testing::WithParamInterface<flag_case> {};
-
-TEST_P(diagnostic_flag_test, failure_bit_decides_after_the_answer_is_complete)
-{
-    const flag_case& c = GetParam();
-    scripted_server srv(get_path, always({reply(1, c.flags | 0x1000, "diag\n"), reply(1, 0, "k v\n")}));
-    opt result;
-    opt error;
-    EXPECT_EQ(transaction("k\n", &result, &error), c.rc);
-    EXPECT_EQ(result, c.result);
-    EXPECT_EQ(error, opt("diag\n"));
-    EXPECT_EQ(handle_->get.open, c.open_after);
-}
-
-INSTANTIATE_TEST_SUITE_P(flags, diagnostic_flag_test,
-                         ::testing::Values(flag_case{0x0002, 0, "k v\n", 1}, flag_case{0x0004, 0, "k v\n", 1},
-                                           flag_case{0x0001, 1, std::nullopt, 0},
-                                           flag_case{0x0003, 1, std::nullopt, 0}));
+        answer_case{"diagnostic_only", {reply(1, 0x0002, "no such key\n")}, 0, std::nullopt,
+                    times3("no such key\n"), 3, 1},
+        answer_case{"diagnostic_then_value", {reply(1, 0x1002, "see also\n"), reply(1, 0, "key 5\n")}, 0, "5",
+                    std::nullopt, 1, 1},
+        answer_case{"text_flag_4_then_value", {reply(1, 0x1004, "see also\n"), reply(1, 0, "key 6\n")}, 0, "6",
+                    std::nullopt, 1, 1},
+        answer_case{"failure", {reply(1, 0x0001, "denied\n")}, 1, std::nullopt, times3("denied\n"), 3, 3},
+        // 0x0001 fails the attempt even when a value follows it.
+        answer_case{"failure_then_value", {reply(1, 0x1003, "diag\n"), reply(1, 0, "key 7\n")}, 1, std::nullopt,
+                    times3("diag\n"), 3, 3},
+        answer_case{"stalled", {}, 1, std::nullopt, times3(timeout_text), 3, 3, 3},
+        answer_case{"answer_after_one_timeout", {reply(1, 0, "key on\n")}, 0, "on", std::nullopt, 2, 2, 1}),
+    [](const auto& p) { return std::string(p.param.name); });
 
 TEST_F(dbcom_client_test, reconnects_once_when_the_server_closed_the_idle_connection)
 {
@@ -213,7 +186,7 @@ TEST_F(dbcom_client_test, reconnects_once_when_the_server_closed_the_idle_connec
     opt error;
     ASSERT_EQ(transaction("k\n", &result, &error), 0);
     EXPECT_EQ(result, opt("k 0\n"));
-    srv.wait_closed(1);
+    ASSERT_TRUE(srv.wait_for(1, 1));
 
     result.reset();
     ASSERT_EQ(transaction("k\n", &result, &error), 0);
@@ -222,35 +195,6 @@ TEST_F(dbcom_client_test, reconnects_once_when_the_server_closed_the_idle_connec
     auto reqs = srv.requests();
     ASSERT_EQ(reqs.size(), 2u);
     EXPECT_EQ(reqs[1].conn, 2);
-}
-
-TEST_F(dbcom_client_test, stalled_server_times_out_on_every_attempt)
-{
-    scripted_server srv(get_path, always({}));
-    opt value;
-    opt error;
-    EXPECT_EQ(dbcom_get(handle_, "key", &value, &error), 1);
-    EXPECT_EQ(value, std::nullopt);
-    EXPECT_EQ(error, opt(times3(timeout_text)));
-    // Each failure closes the channel, so every attempt connects anew.
-    srv.wait_requests(3);
-    auto reqs = srv.requests();
-    ASSERT_EQ(reqs.size(), 3u);
-    EXPECT_EQ(reqs[2].conn, 3);
-    EXPECT_EQ(handle_->get.open, 0);
-}
-
-TEST_F(dbcom_client_test, answer_after_one_timeout_wins)
-{
-    scripted_server srv(get_path, [](const seen_request&, int n) {
-        return n == 0 ? reply_plan{} : reply_plan{{reply(1, 0, "key on\n")}, false};
-    });
-    opt value;
-    opt error;
-    EXPECT_EQ(dbcom_get(handle_, "key", &value, &error), 0);
-    EXPECT_EQ(value, opt("on"));
-    EXPECT_EQ(error, std::nullopt);
-    EXPECT_EQ(srv.requests().size(), 2u);
 }
 
 TEST_F(dbcom_client_test, bad_magic_fails_the_transaction_and_closes_the_channel)
@@ -361,67 +305,44 @@ TEST_F(dbcom_dgram_test, get_over_datagrams)
 
 // --- text lines ---------------------------------------------------------------
 
-struct line_case {
-    std::string line;
-    opt key;
-    opt value;
-    std::optional<std::string> rest;
-};
-
-void PrintTo(const line_case& c, std::ostream* os)
+TEST(dbcom_text_lines, parse_line_splits_and_unescapes)
 {
-    *os << ::testing::PrintToString(c.line);
-}
-
-class parse_line_test : public ::testing::TestWithParam<line_case> {};
-
-TEST_P(parse_line_test, splits_and_unescapes)
-{
-    const line_case& c = GetParam();
-    opt key = "stale";
-    opt value = "stale";
-    std::optional<std::string_view> rest;
-    ASSERT_EQ(dbcom_parse_line(&c.line, &key, &value, &rest), 0);
-    EXPECT_EQ(key, c.key);
-    EXPECT_EQ(value, c.value);
-    EXPECT_EQ(rest ? std::optional<std::string>(std::string(*rest)) : std::nullopt, c.rest);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    lines, parse_line_test,
-    ::testing::Values(line_case{"key 1\n", "key", "1", std::nullopt},
-                      line_case{"key\n", "key\n", std::nullopt, std::nullopt},
-                      line_case{"a\\ b c\\ d\n", "a b", "c d", std::nullopt},
-                      line_case{"k\\\nx v\n", "k\nx", "v", std::nullopt},
-                      line_case{"k\\: v\n", "k\\:", "v", std::nullopt},
-                      line_case{"k a\\:b\n", "k", "a:b", std::nullopt},
-                      line_case{"k a\\xb\n", "k", "a\\xb", std::nullopt},
-                      line_case{"k a\\\\b\n", "k", "a\\b", std::nullopt},
-                      line_case{"k a\\\nb\n", "k", "a\nb", std::nullopt},
-                      line_case{"k a b\n", "k", "a b", std::nullopt},
-                      line_case{"k v\nnext 2\n", "k", "v", "next 2\n"},
-                      line_case{std::string("k v\n\0junk", 9), "k", "v", std::nullopt},
-                      line_case{std::string("k v\0w\n", 6), "k", "v", std::nullopt},
-                      line_case{"k v", "k", "v", std::nullopt},
-                      line_case{"k \n", "k", std::nullopt, std::nullopt},
-                      line_case{"", std::nullopt, std::nullopt, std::nullopt}));
-
-TEST(dbcom_text_lines, escape_and_missing_arguments)
-{
-    const std::pair<const char*, const char*> cases[] = {{"a b", "a\\ b"}, {"", ""}, {"  ", "\\ \\ "}, {"a:b", "a:b"}};
-    for (const auto& [in, out] : cases) {
-        SCOPED_TRACE(in);
-        std::string copy = "stale";
-        ASSERT_EQ(dbcom_escape_spaces(in, &copy), 0);
-        EXPECT_EQ(copy, out);
+    const struct {
+        std::string line;
+        opt key;
+        opt value;
+        opt rest;
+    } cases[] = {
+        {"key 1\n", "key", "1", std::nullopt},
+        {"key\n", "key\n", std::nullopt, std::nullopt},
+        {"a\\ b c\\ d\n", "a b", "c d", std::nullopt},
+        {"k\\\nx v\n", "k\nx", "v", std::nullopt},
+        {"k\\: v\n", "k\\:", "v", std::nullopt},
+        {"k a\\:b\n", "k", "a:b", std::nullopt},
+        {"k a\\xb\n", "k", "a\\xb", std::nullopt},
+        {"k a\\\\b\n", "k", "a\\b", std::nullopt},
+        {"k a\\\nb\n", "k", "a\nb", std::nullopt},
+        {"k a b\n", "k", "a b", std::nullopt},
+        {"k v\nnext 2\n", "k", "v", "next 2\n"},
+        {std::string("k v\n\0junk", 9), "k", "v", std::nullopt},
+        {std::string("k v\0w\n", 6), "k", "v", std::nullopt},
+        {"k v", "k", "v", std::nullopt},
+        {"k \n", "k", std::nullopt, std::nullopt},
+        {"", std::nullopt, std::nullopt, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::PrintToString(c.line));
+        opt key = "stale";
+        opt value = "stale";
+        std::optional<std::string_view> rest;
+        ASSERT_EQ(dbcom_parse_line(&c.line, &key, &value, &rest), 0);
+        EXPECT_EQ(key, c.key);
+        EXPECT_EQ(value, c.value);
+        EXPECT_EQ(rest ? opt(std::string(*rest)) : std::nullopt, c.rest);
     }
+    EXPECT_EQ(dbcom_parse_line(nullptr, nullptr, nullptr, nullptr), 1);
     std::string copy;
     EXPECT_EQ(dbcom_escape_spaces(nullptr, &copy), 1);
-    EXPECT_EQ(dbcom_parse_line(nullptr, nullptr, nullptr, nullptr), 1);
-    std::string line = "k v\nk2 w\n";
-    opt value;
-    EXPECT_EQ(dbcom_line_value(&line, &value), 0);
-    EXPECT_EQ(value, opt("v"));
 }
 
 }  // namespace

@@ -1,14 +1,20 @@
-// A configd stand-in for the client's unit tests: a thread serving a unix
-// stream socket one connection at a time, recording every request and
-// answering each with scripted bytes.
+// A configd stand-in for the unit tests: a thread serving a unix stream
+// socket one connection at a time, recording every request and answering
+// each as the test's responder says. Requests are read from the wire format
+// here, not with the client's own parser, so that a mistake on one side shows.
 #pragma once
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
@@ -27,17 +33,11 @@ namespace cstest {
 // builders are not trusted to make the replies it is tested against.
 inline std::vector<uint8_t> wire(uint8_t kind, uint8_t op, uint16_t flags, uint32_t magic, const std::string& body)
 {
-    std::vector<uint8_t> m(DBCOM_HEADER_LEN + body.size());
-    m[0] = kind;
-    m[1] = op;
-    m[2] = static_cast<uint8_t>(flags >> 8);
-    m[3] = static_cast<uint8_t>(flags);
-    m[4] = static_cast<uint8_t>(body.size() >> 8);
-    m[5] = static_cast<uint8_t>(body.size());
+    std::vector<uint8_t> m = {kind, op, static_cast<uint8_t>(flags >> 8), static_cast<uint8_t>(flags),
+                              static_cast<uint8_t>(body.size() >> 8), static_cast<uint8_t>(body.size()), 0, 0};
     for (int i = 0; i < 4; ++i)
-        m[8 + i] = static_cast<uint8_t>(magic >> (24 - 8 * i));
-    for (size_t i = 0; i < body.size(); ++i)
-        m[DBCOM_HEADER_LEN + i] = static_cast<uint8_t>(body[i]);
+        m.push_back(static_cast<uint8_t>(magic >> (24 - 8 * i)));
+    m.insert(m.end(), body.begin(), body.end());
     return m;
 }
 
@@ -50,9 +50,7 @@ inline std::vector<uint8_t> reply(uint8_t op, uint16_t flags, const std::string&
 struct seen_request {
     int conn = 0;  // 1 for the first accepted connection
     std::vector<std::vector<uint8_t>> messages;
-    uint8_t op = 0;
-    std::string user;
-    std::string data;  // the data of all messages, joined
+    std::string data;  // the data of all messages (what follows the user and address items), joined
 };
 
 struct reply_plan {
@@ -68,18 +66,18 @@ public:
     scripted_server(const char* path, responder r) : path_(path), respond_(std::move(r))
     {
         int p[2];
-        if (pipe2(p, O_CLOEXEC) != 0)
-            return;
-        stop_rd_.reset(p[0]);
-        stop_wr_.reset(p[1]);
         listen_.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         sockaddr_un addr{};
         addr.sun_family = AF_UNIX;
         std::strncpy(addr.sun_path, path, sizeof addr.sun_path - 1);
         unlink(path);
-        if (bind(listen_.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-            listen(listen_.get(), 8) != 0)
+        if (pipe2(p, O_CLOEXEC) != 0 || bind(listen_.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+            listen(listen_.get(), 8) != 0) {
+            ADD_FAILURE() << "scripted server cannot listen on " << path;
             return;
+        }
+        stop_rd_.reset(p[0]);
+        stop_wr_.reset(p[1]);
         thread_ = std::thread([this] { run(); });
     }
 
@@ -92,48 +90,28 @@ public:
         unlink(path_.c_str());
     }
 
-    bool running() const { return thread_.joinable(); }
-
     std::vector<seen_request> requests()
     {
         std::lock_guard lock(mu_);
         return seen_;
     }
 
-    int connections()
-    {
-        std::lock_guard lock(mu_);
-        return conns_;
-    }
-
-    // Blocks until `n` requests have arrived (for requests left unanswered,
-    // which the client may give up on before the server has recorded them).
-    void wait_requests(size_t n)
+    // Waits up to ten seconds until `n` requests have arrived and the server
+    // has closed `closed` connections on its own (a client may give up on a
+    // request before the server has recorded it). False if they never did.
+    bool wait_for(size_t n, int closed = 0)
     {
         std::unique_lock lock(mu_);
-        cv_.wait(lock, [&] { return seen_.size() >= n; });
-    }
-
-    // Blocks until the server has closed `n` connections on its own.
-    void wait_closed(int n)
-    {
-        std::unique_lock lock(mu_);
-        cv_.wait(lock, [&] { return closed_ >= n; });
+        return cv_.wait_for(lock, std::chrono::seconds(10), [&] { return seen_.size() >= n && closed_ >= closed; });
     }
 
 private:
-    // Waits for fd (or the stop pipe). False on stop.
-    bool wait_readable(int fd)
-    {
-        pollfd p[2] = {{fd, POLLIN, 0}, {stop_rd_.get(), POLLIN, 0}};
-        return poll(p, 2, -1) > 0 && !(p[1].revents & POLLIN);
-    }
-
+    // Reads exactly n bytes, waiting on fd and the stop pipe. False on stop or close.
     bool read_exact(int fd, uint8_t* buf, size_t n)
     {
-        size_t got = 0;
-        while (got < n) {
-            if (!wait_readable(fd))
+        for (size_t got = 0; got < n;) {
+            pollfd p[2] = {{fd, POLLIN, 0}, {stop_rd_.get(), POLLIN, 0}};
+            if (poll(p, 2, -1) <= 0 || (p[1].revents & POLLIN))
                 return false;
             ssize_t r = recv(fd, buf + got, n - got, 0);
             if (r <= 0)
@@ -146,25 +124,22 @@ private:
     // Reads one run of request messages (until one without 0x1000).
     bool read_request(int fd, seen_request* req)
     {
-        for (;;) {
+        for (bool more = true; more;) {
             std::vector<uint8_t> msg(DBCOM_HEADER_LEN);
             if (!read_exact(fd, msg.data(), msg.size()))
                 return false;
-            size_t body = (msg[4] << 8) | msg[5];
-            msg.resize(DBCOM_HEADER_LEN + body);
-            if (body && !read_exact(fd, msg.data() + DBCOM_HEADER_LEN, body))
+            msg.resize(DBCOM_HEADER_LEN + ((msg[4] << 8) | msg[5]));
+            if (!read_exact(fd, msg.data() + DBCOM_HEADER_LEN, msg.size() - DBCOM_HEADER_LEN))
                 return false;
-            dbcom_request_view view;
-            if (dbcom_parse_request(msg, &view) == 0) {
-                req->op = view.header.op;
-                req->user.assign(view.user.value.begin(), view.user.value.end());
-                req->data.append(view.data.begin(), view.data.end());
-            }
-            bool more = msg[2] & 0x10;
+            size_t pos = DBCOM_HEADER_LEN;
+            for (int item = 0; item < 2 && pos + 4 <= msg.size(); ++item)
+                pos += 4 + ((msg[pos + 2] << 8) | msg[pos + 3]);
+            if (pos < msg.size())
+                req->data.append(msg.begin() + static_cast<long>(pos), msg.end());
+            more = msg[2] & 0x10;
             req->messages.push_back(std::move(msg));
-            if (!more)
-                return true;
         }
+        return true;
     }
 
     // Serves one connection. True when the server closed it on purpose.
@@ -193,16 +168,18 @@ private:
 
     void run()
     {
-        for (int conn = 1; wait_readable(listen_.get()); ++conn) {
-            unique_fd fd(accept4(listen_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-            if (!fd.valid())
+        // Signals meant for the code under test (SIGRTMIN, signal 10) must not
+        // land here and cut a poll or recv short.
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, nullptr);
+        for (int conn = 1;; ++conn) {
+            pollfd p[2] = {{listen_.get(), POLLIN, 0}, {stop_rd_.get(), POLLIN, 0}};
+            if (poll(p, 2, -1) <= 0 || (p[1].revents & POLLIN))
                 return;
-            {
-                std::lock_guard lock(mu_);
-                conns_ = conn;
-            }
-            bool closed_by_us = serve(fd.get(), conn);
-            fd.reset();
+            unique_fd fd(accept4(listen_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+            bool closed_by_us = fd.valid() && serve(fd.get(), conn);
+            fd.reset();  // closed before anyone waiting for it is told
             if (closed_by_us) {
                 std::lock_guard lock(mu_);
                 ++closed_;
@@ -220,7 +197,6 @@ private:
     std::mutex mu_;
     std::condition_variable cv_;
     std::vector<seen_request> seen_;
-    int conns_ = 0;
     int closed_ = 0;
 };
 

@@ -39,51 +39,39 @@ protected:
     }
 };
 
-TEST_F(eloop_test, SameDelayRunsInRegistrationOrderThenLoopEnds)
+// Expiry order first, registration order within a tick; 9,999 microseconds
+// is less than one tick at 100 ticks per second, so b7 (added before b3)
+// shares b3's tick and runs first. The loop ends when no timer is left.
+TEST_F(eloop_test, ExpiryThenRegistrationOrderThenLoopEnds)
 {
+    eloop_add_timer(0, 30000, record_b, 2, 0);
     eloop_add_timer(0, 20000, record_a, 1, 0);
+    eloop_add_timer(0, 9999, record_b, 7, 0);
     eloop_add_timer(0, 20000, record_a, 2, 0);
     eloop_add_timer(0, 0, record_b, 3, 0);
     eloop_run();
-    EXPECT_EQ(fired, (std::vector<std::string>{"b3", "a1:0", "a2:0"}));
+    EXPECT_EQ(fired, (std::vector<std::string>{"b7", "b3", "a1:0", "a2:0", "b2"}));
     EXPECT_TRUE(eloop.timers.empty());
 }
 
-TEST_F(eloop_test, SubTickDelayRunsInNextPass)
+TEST_F(eloop_test, CancelMatchesContextsWithWildcards)
 {
-    eloop_add_timer(0, 9999, record_b, 7, 0);
-    // 9,999 microseconds is less than one tick at 100 ticks per second.
-    EXPECT_LE(static_cast<int32_t>(eloop.timers.front().expiry - eloop_now_ticks()), 0);
-    eloop_run();
-    EXPECT_EQ(fired, std::vector<std::string>{"b7"});
-}
-
-struct cancel_case {
-    intptr_t ctx1, ctx2;
-    int removed;
-};
-
-class eloop_cancel_test : public eloop_test, public ::testing::WithParamInterface<cancel_case> {};
-
-TEST_P(eloop_cancel_test, CancelMatchesContextsWithWildcards)
-{
-    eloop_add_timer(100, 0, record_a, 0, 0);
-    eloop_add_timer(100, 0, record_a, 0, 1);
-    eloop_add_timer(100, 0, record_a, 5, 1);
-    eloop_add_timer(100, 0, record_b, 0, 0);
-    const cancel_case& c = GetParam();
-    EXPECT_EQ(eloop_cancel_timer(record_a, c.ctx1, c.ctx2), c.removed);
-    EXPECT_EQ(static_cast<int>(eloop.timers.size()), 4 - c.removed);
-    EXPECT_EQ(eloop_cancel_timer(record_b, -1, -1), 1);
-}
-
-INSTANTIATE_TEST_SUITE_P(Contexts, eloop_cancel_test,
-                         ::testing::Values(cancel_case{-1, -1, 3}, cancel_case{0, -1, 2}, cancel_case{-1, 1, 2},
-                                           cancel_case{5, 1, 1}, cancel_case{9, -1, 0}));
-
-TEST_F(eloop_test, CancelWithNothingPendingReturnsZero)
-{
-    EXPECT_EQ(eloop_cancel_timer(record_a, -1, -1), 0);
+    const struct {
+        intptr_t ctx1, ctx2;
+        int removed;
+    } cases[] = {{-1, -1, 3}, {0, -1, 2}, {-1, 1, 2}, {5, 1, 1}, {9, -1, 0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.ctx1 << "," << c.ctx2);
+        eloop_add_timer(100, 0, record_a, 0, 0);
+        eloop_add_timer(100, 0, record_a, 0, 1);
+        eloop_add_timer(100, 0, record_a, 5, 1);
+        eloop_add_timer(100, 0, record_b, 0, 0);
+        EXPECT_EQ(eloop_cancel_timer(record_a, c.ctx1, c.ctx2), c.removed);
+        EXPECT_EQ(static_cast<int>(eloop.timers.size()), 4 - c.removed);
+        EXPECT_EQ(eloop_cancel_timer(record_b, -1, -1), 1);
+        EXPECT_EQ(eloop_cancel_timer(record_b, -1, -1), 0) << "nothing pending";
+        eloop_init(0);
+    }
 }
 
 TEST_F(eloop_test, HandlerThatCancelsAndReaddsItselfKeepsRunning)
@@ -107,14 +95,6 @@ TEST_F(eloop_test, OrderSurvivesTickCounterWrap)
     EXPECT_GT(eloop.timers.front().expiry, eloop.timers.back().expiry) << "the later timer wrapped past zero";
     EXPECT_EQ(eloop.timers.front().ctx1, 1);
     EXPECT_EQ(eloop.timers.back().ctx1, 2);
-}
-
-TEST_F(eloop_test, LaterTimerAddedFirstStillRunsSecond)
-{
-    eloop_add_timer(0, 30000, record_b, 2, 0);
-    eloop_add_timer(0, 0, record_b, 1, 0);
-    eloop_run();
-    EXPECT_EQ(fired, (std::vector<std::string>{"b1", "b2"}));
 }
 
 }  // namespace

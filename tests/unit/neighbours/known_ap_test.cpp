@@ -22,63 +22,46 @@ std::string row(const std::string& mac, const char* present, const char* family)
 
 class known_ap_test : public neighbours_test {};
 
+// The known AP sits second in slot 5's chain, behind 01:02:03:04:05:51. A
+// match updates the entry with the scanned record's channel and type.
 TEST_F(known_ap_test, MatchAgreesOnAllButTheLowNibbleOfTheLastByte)
 {
+    const mac_t head = {1, 2, 3, 4, 5, 0x51};
+    add(0, head);
     add(0, known);
     struct {
         mac_t bssid;
-        bool found;
+        const mac_t* found;
     } cases[] = {
-        {{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50}, true},
-        {{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x57}, true},
-        {{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, true},
-        {{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x67}, false},
-        {{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x40}, false},
-        {{0x0B, 0x1B, 0x2C, 0x3D, 0x4E, 0x50}, false},
-        {{0x0A, 0x1B, 0x2C, 0x3D, 0x4F, 0x50}, false},
+        {{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50}, &known}, {{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x57}, &known},
+        {{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, &known}, {{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x67}, nullptr},
+        {{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x40}, nullptr}, {{0x0B, 0x1B, 0x2C, 0x3D, 0x4E, 0x50}, nullptr},
+        {{0x0A, 0x1B, 0x2C, 0x3D, 0x4F, 0x50}, nullptr}, {{1, 2, 3, 4, 5, 0x5A}, &head},
     };
+    uint8_t channel = 1;
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << std::hex << int(c.bssid[0]) << "..." << int(c.bssid[4]) << ":"
                                         << int(c.bssid[5]));
         scan_ap_record rec[2] = {};
         std::copy(c.bssid.begin(), c.bssid.end(), rec[1].bssid);
-        rec[1].channel = 149;
+        rec[1].channel = ++channel;
         rec[1].ap_type = 6;
         auto found = find_known_ap(rec, 0, 1);
-        ASSERT_EQ(found != nullptr, c.found);
+        ASSERT_EQ(found != nullptr, c.found != nullptr);
         if (found) {
             EXPECT_EQ(mac_t({found->mac[0], found->mac[1], found->mac[2], found->mac[3], found->mac[4],
                              found->mac[5]}),
-                      known);
-            EXPECT_EQ(found->channel, 149);
+                      *c.found);
+            EXPECT_EQ(found->channel, channel);
             EXPECT_EQ(found->ap_type, 6);
-            EXPECT_EQ(found->next, nullptr);
         }
     }
+    EXPECT_EQ(log_count("Found @ traversal of 5\t\t\t\t\t\t\t\tslot \n"), 3);
+    EXPECT_EQ(log_count("Found @ beginning of 5 slot \n"), 1);
     // Only radio 0's table holds the AP.
     scan_ap_record rec{};
     std::copy(known.begin(), known.end(), rec.bssid);
     EXPECT_EQ(find_known_ap(&rec, 1, 0), nullptr);
-}
-
-TEST_F(known_ap_test, MatchInTheChainAndAtTheHead)
-{
-    add(0, {1, 2, 3, 4, 5, 0x51});
-    add(0, known);
-    scan_ap_record rec{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x52}, 36, 4};
-    auto found = find_known_ap(&rec, 0, 0);
-    ASSERT_TRUE(found);
-    EXPECT_EQ(found->mac[5], 0x50);
-    EXPECT_EQ(log_count("Found @ traversal of 5\t\t\t\t\t\t\t\tslot \n"), 1);
-    EXPECT_EQ(found->channel, 36);
-    EXPECT_EQ(found->ap_type, 4);
-
-    scan_ap_record head_rec{{1, 2, 3, 4, 5, 0x5A}, 11, 1};
-    auto head = find_known_ap(&head_rec, 0, 0);
-    ASSERT_TRUE(head);
-    EXPECT_EQ(head->mac[5], 0x51);
-    EXPECT_EQ(head->channel, 11);
-    EXPECT_EQ(log_count("Found @ beginning of 5 slot \n"), 1);
 }
 
 TEST_F(known_ap_test, MissingTableIsReportedByFindAndTraverse)
@@ -178,6 +161,10 @@ TEST_F(known_ap_test, ParseMacFormats)
 
 TEST_F(known_ap_test, LoadTakesTheRadiosLinesAndOnlyAdds)
 {
+    load_known_aps(known_ap_tables[0], "wlan0");
+    EXPECT_EQ(log_count("file pointer not opened [2|No such file or directory]\n"), 1);
+    EXPECT_TRUE(table_rows(0).empty());
+
     testutil::write_file("/tmp/run/config",
                          "system:apList:knownApTable:wlan0:1:0A-1B-2C-3D-4E-5F 1,0\n"
                          "system:apList:knownApTable:wlan1:1:0A1B2C3D4E6F 1,1\n"
@@ -214,14 +201,6 @@ TEST_F(known_ap_test, OverLongLineIsSkippedWithItsTail)
     load_known_aps(known_ap_tables[0], "wlan0");
     EXPECT_EQ(table_rows(0), (std::vector<std::string>{row("0a:1b:2c:3d:4e:70", "Yes", "TRM")}));
     EXPECT_EQ(log_count("[dorvand] Skipped a line of /tmp/run/config longer than 255 characters\n"), 1);
-}
-
-TEST_F(known_ap_test, MissingConfigLeavesTheTableAlone)
-{
-    add(0, known);
-    load_known_aps(known_ap_tables[0], "wlan0");
-    EXPECT_EQ(log_count("file pointer not opened [2|No such file or directory]\n"), 1);
-    EXPECT_EQ(table_rows(0).size(), 1u);
 }
 
 }  // namespace

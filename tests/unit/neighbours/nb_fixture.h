@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -85,15 +86,9 @@ inline std::vector<mac_t> file_macs()
 // without the time stamp and level and without a trailing newline.
 inline std::vector<std::string> log_messages(size_t from = 0)
 {
-    std::string text = testutil::log_text();
+    std::istringstream in(testutil::log_text().substr(from));
     std::vector<std::string> out;
-    size_t pos = from;
-    while (pos < text.size()) {
-        size_t end = text.find('\n', pos);
-        if (end == std::string::npos)
-            end = text.size();
-        std::string line = text.substr(pos, end - pos);
-        pos = end + 1;
+    for (std::string line; std::getline(in, line);) {
         size_t mark = line.find("] : ");
         if (line.rfind("[", 0) == 0 && mark != std::string::npos)
             out.push_back(line.substr(mark + 4));

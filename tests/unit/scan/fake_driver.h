@@ -1,6 +1,6 @@
 // A fake wireless driver for the scan module's unit tests: it answers the
 // requests that reach driver_ioctl, records what was asked, and can fail
-// on demand. Also the module's test fixture.
+// on demand. Also the module's test fixture and database helpers.
 #pragma once
 
 #include "core/files.h"
@@ -36,9 +36,7 @@ struct debug_call {
     std::string ifname;
     uint8_t cmd;
     uint8_t wanted;
-    uint32_t report_length;
-    uint32_t nbr_length;
-    bool has_buffer;
+    uint32_t nbr_length; // 0 without a neighbour buffer
 };
 
 struct ext_call {
@@ -52,13 +50,10 @@ struct fake_driver {
     // Interface flags by name; a name not present fails with ENODEV.
     std::map<std::string, int16_t> ifaces;
     int32_t cac_value = 0;
-    bool cac_fail = false;
     drv_voice_stats voice{};
-    bool voice_fail = false;
     std::vector<uint8_t> chan_info;
-    bool chan_info_fail = false;
     int param_set_errno = 0; // nonzero: the ACS start fails with it
-    bool ext_scan_fail = false;
+    bool fail_io = false;    // CAC, voice, channel-info and channel-scan requests fail
     std::vector<fake_channel> report;
     int fail_debug_call = -1;    // index of the debug request that fails
     int answer7_debug_call = -1; // index of the debug request answered with 7
@@ -68,8 +63,7 @@ struct fake_driver {
     std::vector<drv_param_req> param_sets;
     std::vector<drv_param_req> param_gets;
     std::vector<ext_call> ext_calls;
-    std::vector<std::string> chan_info_names;
-    std::vector<uint16_t> chan_info_lengths;
+    std::vector<std::pair<std::string, uint16_t>> chan_info_calls; // name, buffer length
 };
 
 inline fake_driver fake;
@@ -87,34 +81,12 @@ inline int fail_with(int err)
 
 inline int answer_flags(drv_ifreq& req)
 {
-    std::string name = name_of(req.name);
-    fake.flag_queries.push_back(name);
-    auto it = fake.ifaces.find(name);
+    fake.flag_queries.push_back(name_of(req.name));
+    auto it = fake.ifaces.find(name_of(req.name));
     if (it == fake.ifaces.end())
         return fail_with(ENODEV);
     req.u.flags = it->second;
     return 0;
-}
-
-inline void fill_report_entry(acs_report& r)
-{
-    r.count = static_cast<uint8_t>(fake.report.size());
-    if (r.wanted >= fake.report.size())
-        return;
-    const fake_channel& c = fake.report[r.wanted];
-    r.ieee_chan = c.ieee_chan;
-    r.chan_nbss = static_cast<uint8_t>(c.neighbours.size());
-    r.max_rssi = c.max_rssi;
-    r.min_rssi = c.min_rssi;
-    r.noise_floor = c.noise_floor;
-    r.spectral_load = c.spectral_load;
-    r.chan_load = c.chan_load;
-    r.chan_rank = c.chan_rank;
-    if (r.nbr.pointer) {
-        size_t room = r.nbr_length / sizeof(acs_neighbour);
-        for (size_t i = 0; i < room && i < c.neighbours.size(); ++i)
-            r.nbr.pointer[i] = c.neighbours[i];
-    }
 }
 
 inline int answer_debug(drv_iwreq& req)
@@ -122,11 +94,23 @@ inline int answer_debug(drv_iwreq& req)
     auto* block = static_cast<drv_debug_block*>(req.u.data.pointer);
     acs_report& r = *block->report;
     int index = static_cast<int>(fake.debug_calls.size());
-    fake.debug_calls.push_back(
-        {name_of(req.name), block->cmd, r.wanted, block->report_length, r.nbr_length, r.nbr.pointer != nullptr});
-    if (index == fake.fail_debug_call || req.name[0] == '\0')
+    fake.debug_calls.push_back({name_of(req.name), block->cmd, r.wanted, r.nbr.pointer ? r.nbr_length : 0});
+    if (index == fake.fail_debug_call || req.name[0] == '\0') // no interface of that name
         return fail_with(EINVAL);
-    fill_report_entry(r);
+    r.count = static_cast<uint8_t>(fake.report.size());
+    if (r.wanted < fake.report.size()) {
+        const fake_channel& c = fake.report[r.wanted];
+        r.ieee_chan = c.ieee_chan;
+        r.chan_nbss = static_cast<uint8_t>(c.neighbours.size());
+        r.max_rssi = c.max_rssi;
+        r.min_rssi = c.min_rssi;
+        r.noise_floor = c.noise_floor;
+        r.spectral_load = c.spectral_load;
+        r.chan_load = c.chan_load;
+        r.chan_rank = c.chan_rank;
+        for (size_t i = 0; r.nbr.pointer && i < r.nbr_length / sizeof(acs_neighbour) && i < c.neighbours.size(); ++i)
+            r.nbr.pointer[i] = c.neighbours[i];
+    }
     return index == fake.answer7_debug_call ? 7 : 0;
 }
 
@@ -137,20 +121,17 @@ inline int answer_ext(drv_ifreq& req)
     if (cmd->cmd == EXT_CMD_CHAN_SCAN)
         memcpy(&call.scan, cmd->data, sizeof call.scan);
     fake.ext_calls.push_back(call);
-    if (cmd->cmd == EXT_CMD_VOICE_STATS) {
-        if (fake.voice_fail)
-            return fail_with(EIO);
+    if (fake.fail_io)
+        return fail_with(EIO);
+    if (cmd->cmd == EXT_CMD_VOICE_STATS)
         memcpy(cmd->data, &fake.voice, sizeof fake.voice);
-        return 0;
-    }
-    return fake.ext_scan_fail ? fail_with(EIO) : 0;
+    return 0;
 }
 
 inline int answer_chan_info(drv_iwreq& req)
 {
-    fake.chan_info_names.push_back(name_of(req.name));
-    fake.chan_info_lengths.push_back(req.u.data.length);
-    if (fake.chan_info_fail)
+    fake.chan_info_calls.emplace_back(name_of(req.name), req.u.data.length);
+    if (fake.fail_io)
         return fail_with(EIO);
     auto* reply = static_cast<drv_chan_info*>(req.u.data.pointer);
     reply->count = static_cast<uint8_t>(fake.chan_info.size());
@@ -163,6 +144,7 @@ inline int fake_ioctl(int fd, unsigned long request, void* arg)
 {
     if (fd < 0)
         return fail_with(EBADF);
+    auto* param = static_cast<drv_param_req*>(arg);
     switch (request) {
     case DRV_SIOCGIFFLAGS:
         return answer_flags(*static_cast<drv_ifreq*>(arg));
@@ -173,16 +155,12 @@ inline int fake_ioctl(int fd, unsigned long request, void* arg)
     case DRV_REQ_CHAN_INFO:
         return answer_chan_info(*static_cast<drv_iwreq*>(arg));
     case DRV_REQ_PARAM_SET:
-        fake.param_sets.push_back(*static_cast<drv_param_req*>(arg));
+        fake.param_sets.push_back(*param);
         return fake.param_set_errno ? fail_with(fake.param_set_errno) : 0;
-    case DRV_REQ_PARAM_GET: {
-        auto* req = static_cast<drv_param_req*>(arg);
-        fake.param_gets.push_back(*req);
-        if (fake.cac_fail)
-            return fail_with(EIO);
-        req->param = fake.cac_value;
-        return 0;
-    }
+    case DRV_REQ_PARAM_GET:
+        fake.param_gets.push_back(*param);
+        param->param = fake.cac_value;
+        return fake.fail_io ? fail_with(EIO) : 0;
     default:
         return fail_with(ENOTTY);
     }
@@ -197,10 +175,8 @@ inline std::vector<sleep_call> sleeps;
 
 inline unsigned fake_sleep(unsigned seconds)
 {
-    sleep_call call{seconds, {}};
-    for (int r = 0; r < 3; ++r)
-        call.marker[r] = file_exists(scan_db_markers[r]);
-    sleeps.push_back(call);
+    sleeps.push_back(
+        {seconds, {file_exists(scan_db_markers[0]), file_exists(scan_db_markers[1]), file_exists(scan_db_markers[2])}});
     return 0;
 }
 
@@ -228,41 +204,26 @@ inline acs_neighbour neighbour(std::vector<uint8_t> bssid, const char* ssid, int
     return n;
 }
 
-// Rows of a query on a database file, every value as text ("NULL" for null).
-inline std::vector<std::vector<std::string>> query(const char* path, const char* sql)
-{
-    std::vector<std::vector<std::string>> rows;
-    sqlite3* db = nullptr;
-    if (sqlite3_open(path, &db) != SQLITE_OK) {
-        sqlite3_close(db);
-        ADD_FAILURE() << "cannot open " << path;
-        return rows;
-    }
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK)
-        ADD_FAILURE() << sql << ": " << sqlite3_errmsg(db);
-    while (stmt && sqlite3_step(stmt) == SQLITE_ROW) {
-        std::vector<std::string> row;
-        for (int i = 0; i < sqlite3_column_count(stmt); ++i) {
-            const unsigned char* text = sqlite3_column_text(stmt, i);
-            row.emplace_back(text ? reinterpret_cast<const char*>(text) : "NULL");
-        }
-        rows.push_back(row);
-    }
-    sqlite3_finalize(stmt);
-    sqlite3_close(db);
-    return rows;
-}
+using rows = std::vector<std::vector<std::string>>;
 
-inline void exec(const char* path, const char* sql)
+// Runs sql on a database file; the rows it returns, every value as text
+// ("NULL" for null).
+inline rows query(const char* path, const char* sql)
 {
+    rows out;
     sqlite3* db = nullptr;
-    sqlite3_open(path, &db);
     char* err = nullptr;
-    if (sqlite3_exec(db, sql, nullptr, nullptr, &err) != SQLITE_OK)
-        ADD_FAILURE() << sql << ": " << (err ? err : "?");
+    auto add_row = [](void* p, int n, char** values, char**) {
+        auto& r = static_cast<rows*>(p)->emplace_back();
+        for (int i = 0; i < n; ++i)
+            r.emplace_back(values[i] ? values[i] : "NULL");
+        return 0;
+    };
+    if (sqlite3_open(path, &db) != SQLITE_OK || sqlite3_exec(db, sql, add_row, &out, &err) != SQLITE_OK)
+        ADD_FAILURE() << path << ": " << sql << ": " << (err ? err : sqlite3_errmsg(db));
     sqlite3_free(err);
     sqlite3_close(db);
+    return out;
 }
 
 } // namespace scantest
@@ -277,28 +238,11 @@ class scan_test : public sandbox_test
         sandbox_test::SetUp();
         scantest::fake = scantest::fake_driver{};
         scantest::sleeps.clear();
-        saved_ioctl_ = driver_ioctl;
-        saved_sleep_ = scan_sleep;
         driver_ioctl = scantest::fake_ioctl;
         scan_sleep = scantest::fake_sleep;
         for (auto& list : scan_chan_list)
             list.clear();
         eloop_init(0);
         ft_enabled_vaps = 0;
-        saved_radio_type_ = radio_type_val;
     }
-    void TearDown() override
-    {
-        driver_ioctl = saved_ioctl_;
-        scan_sleep = saved_sleep_;
-        radio_type_val = saved_radio_type_;
-        for (auto& list : scan_chan_list)
-            list.clear();
-        eloop_init(0);
-    }
-
-  private:
-    driver_ioctl_fn saved_ioctl_ = nullptr;
-    scan_sleep_fn saved_sleep_ = nullptr;
-    int32_t saved_radio_type_ = 0;
 };

@@ -141,10 +141,22 @@ TEST_F(scheduler_test, high_band_runs_only_for_radio_type_1)
     }
 }
 
+// What a scan handler meets, set up before it runs.
+using condition = void (*)();
+const condition none = [] {};
+const condition no_rogue = [] { set_rogue(0, 0, 0); };
+const condition no_vap = [] { // wifi1's VAPs down, the fallback up
+    for (int m = 0; m < 10; ++m)
+        fake.ifaces["wifi1vap" + std::to_string(m)] = DOWN;
+    fake.ifaces["ath1"] = UP;
+};
+const condition voice = [] { fake.voice.voice_bit = 1; };
+const condition cac = [] { fake.cac_value = CAC_RUNNING; };
+
 struct full_case {
     const char* what;
     int radio;
-    void (*setup)();
+    condition setup;
     eloop_timeout_handler next; // null: the band's own full scan
     long secs;
     const char* log_line;
@@ -157,41 +169,8 @@ void PrintTo(const full_case& c, std::ostream* os)
     *os << c.what;
 }
 
-void no_rogue_no_ft()
-{
-    set_rogue(0, 0, 0);
-}
-void no_vap()
-{
-    for (int m = 0; m < 10; ++m)
-        fake.ifaces["wifi1vap" + std::to_string(m)] = DOWN;
-    fake.ifaces["ath1"] = UP;
-}
-void voice()
-{
-    fake.voice.voice_bit = 1;
-}
-void cac()
-{
-    fake.cac_value = CAC_RUNNING;
-}
-void trigger_fails()
-{
-    fake.param_set_errno = EBUSY;
-}
-void results_fail()
-{
-    fake.fail_debug_call = 0;
-}
-void ft_only()
-{
-    set_rogue(0, 0, 0);
-    ft_enabled_vaps = 1u << 10;
-}
-void nothing() {}
-
 const full_case full_cases[] = {
-    {"not_started", 1, no_rogue_no_ft, nullptr, 10,
+    {"not_started", 1, no_rogue, nullptr, 10,
      "The Rogue AP status: 0, 11R status: 0, active_vap_idx:0. Could not start scan on 5GHz radio\n", 0, false},
     {"no_vap", 1, no_vap, nullptr, 10, "[dorvand] [2017] : No active vap found for scan on wifi1\n", 0, false},
     {"voice", 1, voice, nullptr, 10,
@@ -199,18 +178,23 @@ const full_case full_cases[] = {
     {"cac", 1, cac, nullptr, 60,
      "[dorvand] trigger_5gl_full_scan: CAC timer running on the interface wifi1vap0, holding the scan trigger\n", 0,
      true},
-    {"trigger_fails", 1, trigger_fails, nullptr, 10,
+    {"trigger_fails", 1, [] { fake.param_set_errno = EBUSY; }, nullptr, 10,
      "[dorvand] trigger_5gl_full_scan :Failed to trigger the scan | 16 | Device or resource busy\n", 0, true},
-    {"results_fail", 1, results_fail, nullptr, 10,
+    // The marker goes even so, and the retry triggers a new ACS scan.
+    {"results_fail", 1, [] { fake.fail_debug_call = 0; }, nullptr, 10,
      "[dorvand] trigger_5gl_full_scan :Failed to process the scan result for wifi1\n", 1, true},
-    {"success", 1, nothing, trigger_5gl_batch_scan, 1800,
+    {"success", 1, none, trigger_5gl_batch_scan, 1800,
      "[dorvand] trigger_5gl_full_scan :parsed scan result succesfully\n", 1, true},
-    {"ft_alone_suffices", 1, ft_only, trigger_5gl_batch_scan, 1800, "[dorvand] trigger_5gl_full_scan :scan success \n",
-     1, true},
+    {"ft_alone_suffices", 1,
+     [] {
+         set_rogue(0, 0, 0);
+         ft_enabled_vaps = 1u << 10;
+     },
+     trigger_5gl_batch_scan, 1800, "[dorvand] trigger_5gl_full_scan :scan success \n", 1, true},
     {"no_cac_check_on_2g", 0, cac, trigger_2g_batch_scan, 1800, "[dorvand] trigger_2g_full_scan : scan success \n", 1,
      false},
     {"high_band_no_vap", 2,
-     []() {
+     [] {
          fake.ifaces["wifi2vap0"] = DOWN;
          fake.ifaces["ath2"] = DOWN;
      },
@@ -249,8 +233,7 @@ TEST_F(scheduler_test, full_scan_success_learns_channels)
     EXPECT_EQ(testutil::read_file("/tmp/wifitool_runs"), "wifi1vap0 setchanlist 0\n");
     ASSERT_EQ(fake.param_sets.size(), 1u);
     EXPECT_STREQ(fake.param_sets[0].name, "wifi1vap0");
-    EXPECT_EQ(query("/tmp/scan_db_5g", "SELECT CHANNEL FROM CHANNEL_DETAILS"),
-              (std::vector<std::vector<std::string>>{{"36"}}));
+    EXPECT_EQ(query("/tmp/scan_db_5g", "SELECT CHANNEL FROM CHANNEL_DETAILS"), (rows{{"36"}}));
 }
 
 TEST_F(scheduler_test, batch_scan_walks_the_channel_list)
@@ -273,19 +256,11 @@ TEST_F(scheduler_test, batch_scan_walks_the_channel_list)
     EXPECT_EQ(log_count("mutex unlocked [process_scan_result] \n"), 3);
 }
 
-TEST_F(scheduler_test, batch_scan_with_no_channels)
-{
-    trigger_5gh_batch_scan(0, 2);
-    expect_next(2, trigger_5gh_batch_scan, 2, 1800);
-    EXPECT_EQ(log_count("[dorvand] trigger_5gh_batch_scan: The total channel count is 0\n"), 1);
-    EXPECT_TRUE(sleeps.empty());
-    EXPECT_FALSE(testutil::exists(scan_db_markers[2]));
-}
-
+// Batch scans that read nothing: skipped or held, or with no channel learned.
 struct batch_case {
     const char* what;
     int radio;
-    void (*setup)();
+    condition setup;
     long secs;
     const char* log_line;
 };
@@ -297,18 +272,19 @@ void PrintTo(const batch_case& c, std::ostream* os)
 
 const batch_case batch_cases[] = {
     {"skip_2g_voice", 0, voice, 10, "[dorvand] trigger_2g_batch_scan: Skipping the scan for wifi0 [1:0]\n"},
-    {"skip_5g_no_rogue", 1, no_rogue_no_ft, 10,
-     "[dorvand] trigger_5gl_batch_scan: Skipping the scan for wifi1 [0:0] \n"},
+    {"skip_5g_no_rogue", 1, no_rogue, 10, "[dorvand] trigger_5gl_batch_scan: Skipping the scan for wifi1 [0:0] \n"},
     {"skip_5g_fallback", 1, no_vap, 10, "[dorvand] trigger_5gl_batch_scan: Skipping the scan for wifi1 [1:0] \n"},
     {"cac_5g", 1, cac, 60,
      "[dorvand] trigger_5gl_batch_scan: CAC timer running on the interface wifi1vap0, holding the scan trigger\n"},
+    {"no_channels", 2, [] { scan_chan_list[2].clear(); }, 1800,
+     "[dorvand] trigger_5gh_batch_scan: The total channel count is 0\n"},
 };
 
 class batch_scan_test : public scheduler_test, public ::testing::WithParamInterface<batch_case>
 {
 };
 
-TEST_P(batch_scan_test, waits_and_retries)
+TEST_P(batch_scan_test, reads_nothing_and_leaves_one_timer)
 {
     const batch_case& c = GetParam();
     testutil::write_file("/usr/local/bin/ifconfig", "#!/bin/sh\n", 0755);
@@ -319,6 +295,7 @@ TEST_P(batch_scan_test, waits_and_retries)
     EXPECT_EQ(log_count(c.log_line), 1) << testutil::log_text();
     EXPECT_TRUE(sleeps.empty());
     EXPECT_TRUE(fake.debug_calls.empty());
+    EXPECT_FALSE(testutil::exists(scan_db_markers[c.radio]));
 }
 
 INSTANTIATE_TEST_SUITE_P(scan, batch_scan_test, ::testing::ValuesIn(batch_cases),
