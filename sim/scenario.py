@@ -164,8 +164,8 @@ class Scenario:
     def known_macs(self, radio: int) -> list[bytes]:
         """The MACs a radio's known-AP table holds by the scenario's own
         account: the configuration file's and those of AP_ADDITION events."""
-        spec = self.radio(radio)
-        macs = [ap.mac for ap in spec.known_aps] if spec else []
+        rs = self.radio(radio)
+        macs = [ap.mac for ap in rs.known_aps] if rs else []
         for ev in self.events:
             if ev.do == "ap_add" and ev.args["radio"] == radio:
                 macs.append(ev.args["mac"])
@@ -285,31 +285,31 @@ def check_milestone(name: str, where: str) -> None:
 
 
 def _radio(t: Table) -> RadioSpec:
-    spec = RadioSpec(index=_int_in(t.get("index", int, required=True), 0, 2, f"{t.where}: index"))
-    spec.up = t.get("up", bool, True)
+    rs = RadioSpec(index=_int_in(t.get("index", int, required=True), 0, 2, f"{t.where}: index"))
+    rs.up = t.get("up", bool, True)
     rogue = t.get("rogue_ap", (int, str))
-    spec.rogue_ap = None if rogue is None else str(rogue)
-    d = spec.driver
+    rs.rogue_ap = None if rogue is None else str(rogue)
+    d = rs.driver
     d.voice_bit = int(t.get("voice", bool, False))
     chan_info = t.get("chan_info", list)
     if chan_info is not None:
         d.chan_info = [_int_in(c, 0, 255, f"{t.where}: chan_info") for c in chan_info]
     for i, vt in enumerate(t.get("vap", list, []), 1):
-        spec.vaps.append(_vap(Table(vt, f"{t.where} vap #{i}"), spec.index))
+        rs.vaps.append(_vap(Table(vt, f"{t.where} vap #{i}"), rs.index))
     for i, kt in enumerate(t.get("known_ap", list, []), 1):
         kt = Table(kt, f"{t.where} known_ap #{i}")
-        spec.known_aps.append(KnownAp(parse_mac(kt.get("mac", str, required=True), kt.where),
+        rs.known_aps.append(KnownAp(parse_mac(kt.get("mac", str, required=True), kt.where),
                                       _int_in(kt.get("present", int, 1), 0, 9, f"{kt.where}: present"),
                                       _int_in(kt.get("family", int, 0), 0, 9, f"{kt.where}: family")))
         kt.done()
     for i, ct in enumerate(t.get("channel", list, []), 1):
-        d.channels.append(_channel(Table(ct, f"{t.where} channel #{i}"), spec.index))
+        d.channels.append(_channel(Table(ct, f"{t.where} channel #{i}"), rs.index))
     t.done()
     if len({c.ieee for c in d.channels}) != len(d.channels):
         raise ScenarioError(f"{t.where}: a channel is given twice")
-    if len({v.index for v in spec.vaps}) != len(spec.vaps):
+    if len({v.index for v in rs.vaps}) != len(rs.vaps):
         raise ScenarioError(f"{t.where}: a VAP index is given twice")
-    return spec
+    return rs
 
 
 def _vap(t: Table, radio: int) -> Vap:
