@@ -4,8 +4,11 @@
 set -euo pipefail
 packages=(g++ cmake make libgtest-dev libgmock-dev libsqlite3-dev sqlite3 python3 python3-pytest
           iproute2 util-linux procps)
-# The 32-bit layout check compiles with -m32.
-[ "$(dpkg --print-architecture)" = amd64 ] && packages+=(g++-multilib)
+# The armhf build: Debian's cross compiler, and qemu-arm to run what it builds.
+packages+=(g++-arm-linux-gnueabihf qemu-user)
+# The 32-bit layout check compiles with -m32. g++-multilib would remove the
+# cross compiler; g++-12-multilib lives beside it.
+[ "$(dpkg --print-architecture)" = amd64 ] && packages+=(g++-12-multilib)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
@@ -16,3 +19,5 @@ if [ ${#missing[@]} -gt 0 ]; then
     apt-get update -qq
     apt-get install -y -qq "${missing[@]}" >/dev/null
 fi
+# SQLite and GoogleTest for armhf, unpacked beside the project.
+"$(dirname "$0")/armhf-sysroot.sh"
