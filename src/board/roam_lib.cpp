@@ -7,9 +7,10 @@
 #include <cstring>
 #include <string>
 
-#include "core/files.h"
-#include "core/log.h"
-#include "core/shell.h"
+#include "base/files.h"
+#include "base/log.h"
+#include "base/spawn.h"
+#include "base/paths.h"
 
 const product_info product_table[product_table_rows] = {
     {"TRV118", 2, 0},  {"TRV113", 2, 0},  {"TRV146", 3, 1}, {"TRV162", 3, 1},  {"TRM204", 2, 0},
@@ -18,7 +19,6 @@ const product_info product_table[product_table_rows] = {
 };
 
 namespace {
-constexpr const char* board_file = "/etc/board";
 constexpr size_t line_bound = 256;
 constexpr size_t rogue_word_max = 7;
 }  // namespace
@@ -81,7 +81,7 @@ const product_info* match_product(const char* id)
 
 int get_radio_type(char (&out)[12])
 {
-    read_key_value(board_file, "ProductID", '=', out, sizeof out);
+    read_key_value(paths::board_file, "ProductID", '=', out, sizeof out);
     const product_info* row = match_product(out);
     if (!row)
         return -1;
@@ -94,8 +94,8 @@ int get_rogue_ap_detection(const char* wlan)
 {
     char cmd[128];
     snprintf(cmd, sizeof cmd,
-             "grep system:wlanSettings:wlanSettingTable:%s:rogueApDetection /tmp/run/config | awk '{print $2}' | head -1",
-             wlan);
+             "grep system:wlanSettings:wlanSettingTable:%s:rogueApDetection %s | awk '{print $2}' | head -1",
+             wlan, paths::config_file);
     std::string output;
     if (shell_read(cmd, output, 256) != 0) {
         log_msg(0, log_lvl::error, "Getting Neighbor AP status failed\n");

@@ -12,11 +12,10 @@
 #include <vector>
 
 #include "configstore/dbcom_msg.h"
+#include "base/paths.h"
 
 namespace {
 
-constexpr const char* default_get_server = "/tmp/confd_get";
-constexpr const char* default_set_server = "/tmp/confd_set";
 constexpr int request_attempts = 3;
 
 std::optional<dbcom_addr> inet_server(const char* name)
@@ -42,8 +41,8 @@ bool set_addresses(dbcom_handle* h, const char* get_server, const char* set_serv
     switch (h->protocol) {
     case DBCOM_UNIX_STREAM:
     case DBCOM_UNIX_DGRAM:
-        h->set.server_addr = make_un_addr(set_server ? set_server : default_set_server);
-        h->get.server_addr = make_un_addr(get_server ? get_server : default_get_server);
+        h->set.server_addr = make_un_addr(set_server ? set_server : paths::configd_set_socket);
+        h->get.server_addr = make_un_addr(get_server ? get_server : paths::configd_get_socket);
         if (h->protocol == DBCOM_UNIX_DGRAM) {
             h->set.local_un_addr = local_path("/tmp/dls_%d");
             h->get.local_un_addr = local_path("/tmp/dlg_%d");

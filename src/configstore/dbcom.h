@@ -3,7 +3,7 @@
 //
 // Not re-entrant: transactions share process-wide buffers, so at most one
 // call may run at a time in the whole process (the daemon serialises its
-// callers with config_lock, see core/state.h).
+// callers with config_lock, see daemon/threads.h).
 #pragma once
 
 #include <optional>

@@ -18,7 +18,8 @@
 #include <vector>
 
 #include "configstore/dbcom.h"
-#include "core/files.h"
+#include "base/files.h"
+#include "base/paths.h"
 
 // ---------------------------------------------------------------------------
 // Message format
@@ -129,7 +130,6 @@ long dbcom_recv_timed(int fd, uint8_t* buf, std::size_t count, int budget_ms);
 // unit tests lower it.
 extern int dbcom_response_wait;
 
-inline constexpr const char* DBCOM_STUCK_MARKER = "/tmp/run/configd_stuck_notify";
 
 // A socket address owned by the handle, with its length.
 struct dbcom_addr {

@@ -11,6 +11,7 @@
 #include <ctime>
 
 #include "configstore/dbcom_msg.h"
+#include "base/paths.h"
 
 int dbcom_response_wait = 300;
 
@@ -137,8 +138,8 @@ void check_stuck(time_t* last)
     if (idle <= static_cast<unsigned long>(dbcom_response_wait))
         return;
     syslog(LOG_ERR, "Configd Stuck Detected: No New Connection happened for last %lu seconds\n", idle);
-    if (touch_file(DBCOM_STUCK_MARKER) != 0)
-        syslog(LOG_ERR, "Failure in Configd Stuck Handling Sequence, Unable to touch %s\n", DBCOM_STUCK_MARKER);
+    if (touch_file(paths::configd_stuck_marker) != 0)
+        syslog(LOG_ERR, "Failure in Configd Stuck Handling Sequence, Unable to touch %s\n", paths::configd_stuck_marker);
     *last = now;
 }
 

@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <new>
 
-#include "core/log.h"
+#include "base/log.h"
 
 eloop_data eloop;
 

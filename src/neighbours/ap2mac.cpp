@@ -6,9 +6,9 @@
 #include <string>
 #include <string_view>
 
-#include "core/files.h"
-#include "core/log.h"
-#include "core/shell.h"
+#include "base/files.h"
+#include "base/log.h"
+#include "base/spawn.h"
 #include "neighbours/nb_internal.h"
 
 namespace {
@@ -40,10 +40,10 @@ void log_open_failure(const char* path, int err)
 // Appends one line; logs it as written.
 int append_line(const std::string& line, int site, bool report_failure)
 {
-    file_ptr f = open_file(nb::ap2mac_path, "a");
+    file_ptr f = open_file(paths::ap2mac, "a");
     if (!f) {
         if (report_failure)
-            log_open_failure(nb::ap2mac_path, errno);
+            log_open_failure(paths::ap2mac, errno);
         return -1;
     }
     fprintf(f.get(), "%s\n", line.c_str());
@@ -56,7 +56,7 @@ int append_line(const std::string& line, int site, bool report_failure)
 bool key_line_missing(const char* key)
 {
     char cmd[256];
-    snprintf(cmd, sizeof cmd, "grep \"%s\" %s", key, nb::ap2mac_path);
+    snprintf(cmd, sizeof cmd, "grep \"%s\" %s", key, paths::ap2mac);
     std::string out;
     if (shell_read(cmd, out) != 0)
         return false;
@@ -71,21 +71,21 @@ bool key_line_missing(const char* key)
 template <typename Edit>
 int rewrite_ap2mac(tmp_msg which, Edit edit)
 {
-    file_ptr in = open_file(nb::ap2mac_path, "r");
+    file_ptr in = open_file(paths::ap2mac, "r");
     if (!in) {
-        log_open_failure(nb::ap2mac_path, errno);
+        log_open_failure(paths::ap2mac, errno);
         return -1;
     }
-    file_ptr out = open_file(nb::ap2mac_tmp_path, "w");
+    file_ptr out = open_file(paths::ap2mac_tmp, "w");
     if (!out) {
         int err = errno;
         if (which == tmp_msg::update)
             log_msg(0, log_lvl::error, "[dorvand] \n Failed to open the TMP AP2MAC file \"(%s)\" [ Reason = %s(%d)]",
-                    nb::ap2mac_tmp_path, strerror(err), err);
+                    paths::ap2mac_tmp, strerror(err), err);
         else
             log_msg(0, log_lvl::error,
                     "[dorvand] \n Failed to open the TMP AP2MAC file \"(%s)\"  [ Reason = %s(%d)]",
-                    nb::ap2mac_tmp_path, strerror(err), err);
+                    paths::ap2mac_tmp, strerror(err), err);
         return -1;
     }
     char line[max_line + 2];
@@ -93,7 +93,7 @@ int rewrite_ap2mac(tmp_msg which, Edit edit)
     while ((st = nb::read_line(in.get(), line, max_line)) != nb::line_status::end) {
         if (st == nb::line_status::too_long) {
             log_msg(0, log_lvl::error, "[dorvand] Dropped a line of %s longer than %zu characters\n",
-                    nb::ap2mac_path, max_line);
+                    paths::ap2mac, max_line);
             continue;
         }
         if (std::optional<std::string> kept = edit(std::string_view(line)))
@@ -106,12 +106,12 @@ int rewrite_ap2mac(tmp_msg which, Edit edit)
     written = fclose(raw) == 0 && written;
     if (!written) {
         log_msg(0, log_lvl::error, "[dorvand] \n Failed to write the TMP AP2MAC file \"(%s)\" [ Reason = %s(%d)]",
-                nb::ap2mac_tmp_path, strerror(err), err);
-        remove(nb::ap2mac_tmp_path);
+                paths::ap2mac_tmp, strerror(err), err);
+        remove(paths::ap2mac_tmp);
         return -1;
     }
-    if (rename(nb::ap2mac_tmp_path, nb::ap2mac_path) != 0) {
-        remove(nb::ap2mac_tmp_path);
+    if (rename(paths::ap2mac_tmp, paths::ap2mac) != 0) {
+        remove(paths::ap2mac_tmp);
         return -1;
     }
     return 0;
@@ -173,7 +173,7 @@ int ap2mac_update(const char* vap, const char* text, int op)
     char key_buf[128];
     snprintf(key_buf, sizeof key_buf, "%s_%s", "ap2_macaddr", vap);
     const std::string key(key_buf);
-    if (!open_file(nb::ap2mac_path, "r")) {
+    if (!open_file(paths::ap2mac, "r")) {
         if (op == 0)
             return 0;
         return append_line(key + "=" + text, site_new_file, true);

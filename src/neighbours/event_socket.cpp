@@ -12,14 +12,15 @@
 #include <cstring>
 #include <mutex>
 
-#include "core/files.h"
-#include "core/log.h"
-#include "core/state.h"
+#include "base/files.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "board/board.h"
+#include "neighbours/neighbours.h"
 #include "neighbours/nb_internal.h"
 
 namespace {
 
-constexpr const char* event_sock_path = "/tmp/roam_sock";
 
 // The datagram: bytes only, so no padding and no byte order.
 struct neighbour_event {
@@ -45,9 +46,9 @@ void log_mac(const uint8_t m[6])
 known_ap_table* event_table(uint8_t wlan)
 {
     known_ap_table* table = nullptr;
-    if (wlan < radio_count && wlan < 3) {
-        std::lock_guard<std::timed_mutex> hold(ht_mutex);
-        table = known_ap_tables[wlan];
+    if (wlan < board().radio_count && wlan < 3) {
+        std::lock_guard<std::timed_mutex> hold(neighbours().ht_mutex);
+        table = neighbours().known_ap_tables[wlan];
     }
     if (!table)
         log_msg(0, log_lvl::error, "[dorvand] Event for wlan%d ignored: no such radio\n", wlan);
@@ -75,7 +76,7 @@ void on_kh_addition(const neighbour_event& ev)
     log_msg(0, log_lvl::info, "KH_ADDITION [wlan%d]\n", ev.wlan);
     // The script runs under kh_lock too, so it never sees a half-done update
     // of the files by the other thread.
-    std::lock_guard<std::timed_mutex> hold(kh_lock);
+    std::lock_guard<std::timed_mutex> hold(neighbours().kh_lock);
     add_to_kh_list(&c, ev.wlan, &changed, KH_MODE_DERIVE);
     write_key_holders("a");
     if (changed)
@@ -88,7 +89,7 @@ void on_ap_deletion(const neighbour_event& ev, known_ap_table* table)
     log_mac(ev.mac);
     del_from_ht(table, ev.mac);
     traverse_hash_table(table, nb::radio_names[ev.wlan]);
-    std::lock_guard<std::timed_mutex> hold(kh_lock);
+    std::lock_guard<std::timed_mutex> hold(neighbours().kh_lock);
     remove_key_holder(ev.mac);
     traverse_kh_list();
     write_key_holders("w");
@@ -109,11 +110,11 @@ int open_event_socket()
         errno = err;
         return -1;
     }
-    if (access(event_sock_path, F_OK) == 0)
-        unlink(event_sock_path);
+    if (access(paths::event_socket, F_OK) == 0)
+        unlink(paths::event_socket);
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, event_sock_path, 107);
+    std::strncpy(addr.sun_path, paths::event_socket, 107);
     if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
         int err = errno;
         log_msg(1, log_lvl::error, " Bind failed with return value [%d|%s]\n", err, strerror(err));
@@ -148,8 +149,8 @@ void* event_socket_thread(void*)
 
 void remove_key_holder(const uint8_t mac[6])
 {
-    kh_entry* e = kh_list.next;
-    while (e != &kh_list) {
+    kh_entry* e = neighbours().kh_list.next;
+    while (e != &neighbours().kh_list) {
         kh_entry* next = e->next;
         if (std::memcmp(e->mac, mac, 5) == 0) {
             log_msg(0, log_lvl::info, "Removing %02x:%02x:%02x:%02x:%02x:%02x\n", e->mac[0], e->mac[1], e->mac[2],

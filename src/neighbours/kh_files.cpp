@@ -5,10 +5,11 @@
 #include <cstring>
 #include <vector>
 
-#include "core/files.h"
-#include "core/log.h"
-#include "core/shell.h"
-#include "core/state.h"
+#include "base/files.h"
+#include "base/log.h"
+#include "base/spawn.h"
+#include "board/board.h"
+#include "neighbours/neighbours.h"
 #include "neighbours/nb_internal.h"
 
 namespace {
@@ -19,7 +20,7 @@ using mac_bytes = std::array<uint8_t, 6>;
 std::vector<mac_bytes> cached_macs()
 {
     std::vector<mac_bytes> macs;
-    file_ptr f = open_file(nb::key_holder_path, "r");
+    file_ptr f = open_file(paths::key_holders, "r");
     if (!f)
         return macs;
     nb::key_holder_record rec{};
@@ -44,7 +45,7 @@ bool contains(const std::vector<mac_bytes>& macs, const uint8_t mac[6])
 // the error logged) at the first failed write.
 bool write_records(FILE* f, const std::vector<mac_bytes>& skip)
 {
-    for (const kh_entry* e = kh_list.next; e != &kh_list; e = e->next) {
+    for (const kh_entry* e = neighbours().kh_list.next; e != &neighbours().kh_list; e = e->next) {
         if (contains(skip, e->mac)) {
             log_msg(0, log_lvl::info, "%02x:%02x:%02x:%02x:%02x:%02x is already cached in MKH\n", e->mac[0],
                     e->mac[1], e->mac[2], e->mac[3], e->mac[4], e->mac[5]);
@@ -76,7 +77,7 @@ bool close_checked(file_ptr& f)
 void append_key_holders()
 {
     std::vector<mac_bytes> on_disk = cached_macs();
-    file_ptr f = open_file(nb::key_holder_path, "a");
+    file_ptr f = open_file(paths::key_holders, "a");
     if (!f)
         return;
     if (write_records(f.get(), on_disk))
@@ -87,7 +88,7 @@ void append_key_holders()
 // one only when complete, so readers never see a half-written file.
 void rewrite_key_holders()
 {
-    file_ptr f = open_file(nb::key_holder_tmp_path, "w");
+    file_ptr f = open_file(paths::key_holders_tmp, "w");
     if (!f)
         return;
     bool ok = write_records(f.get(), {});
@@ -95,17 +96,17 @@ void rewrite_key_holders()
         ok = close_checked(f);
     else
         f.reset();
-    if (!ok || rename(nb::key_holder_tmp_path, nb::key_holder_path) != 0)
-        remove(nb::key_holder_tmp_path);
+    if (!ok || rename(paths::key_holders_tmp, paths::key_holders) != 0)
+        remove(paths::key_holders_tmp);
 }
 
 file_ptr open_key_change_file(const char* what)
 {
-    file_ptr f = open_file(nb::key_change_path, "a");
+    file_ptr f = open_file(paths::key_changes, "a");
     if (!f) {
         int err = errno;
         log_msg(0, log_lvl::error, "[dorvand] \n Failed to open the %s file \"(%s)\" [ Reason = %s(%d)]", what,
-                nb::key_change_path, strerror(err), err);
+                paths::key_changes, strerror(err), err);
     }
     return f;
 }
@@ -162,8 +163,8 @@ void key_change_on_addition(const kh_candidate& candidate)
     file_ptr f = open_key_change_file("KEY_CHANGE");
     if (!f)
         return;
-    const uint32_t mask = ft_enabled_vaps.load();
-    for (int r = 0; r < radio_count && r < 3; ++r) {
+    const uint32_t mask = neighbours().ft_enabled_vaps.load();
+    for (int r = 0; r < board().radio_count && r < 3; ++r) {
         for (int v = 0; v < 10; ++v) {
             if (!vap_enabled(mask, r, v))
                 continue;
@@ -183,8 +184,8 @@ void key_change_on_deletion(int radio, uint8_t family, uint8_t mac[6])
     if (!f)
         return;
     log_mac("MAC ", mac);
-    const uint32_t mask = ft_enabled_vaps.load();
-    for (int r = 0; r < radio_count && r < 3; ++r) {
+    const uint32_t mask = neighbours().ft_enabled_vaps.load();
+    for (int r = 0; r < board().radio_count && r < 3; ++r) {
         for (int v = 0; v < 10; ++v) {
             if (!vap_enabled(mask, r, v))
                 continue;
@@ -229,7 +230,7 @@ void vap_ft_status_changed(int radio, int vap, const kh_entry& entry, int status
 
 void run_ft_script()
 {
-    if (shell_run(128, "%s", nb::ft_script_path) == -1) {
+    if (shell_run(128, "%s", paths::ft_script) == -1) {
         int err = errno;
         log_msg(0, log_lvl::error, "Failed to run script [%d|%s]\n", err, strerror(err));
     }

@@ -5,13 +5,17 @@
 #include <memory>
 #include <new>
 
-#include "core/files.h"
-#include "core/log.h"
-#include "core/state.h"
+#include "base/files.h"
+#include "base/log.h"
+#include "board/board.h"
+#include "neighbours/neighbours.h"
 #include "neighbours/nb_internal.h"
 
-kh_entry kh_list{&kh_list, &kh_list, {}, 0, 0};
-uint8_t kh_list_nonempty = 0;
+neighbour_state& neighbours()
+{
+    static neighbour_state state;
+    return state;
+}
 
 namespace {
 
@@ -87,7 +91,7 @@ bool dlist_is_empty(const kh_entry* head)
 
 bool is_new_key_holder(const uint8_t mac[6])
 {
-    for (const kh_entry* e = kh_list.next; e != &kh_list; e = e->next) {
+    for (const kh_entry* e = neighbours().kh_list.next; e != &neighbours().kh_list; e = e->next) {
         log_msg(0, log_lvl::info,
                 "[dorvand] mac and ptr1 mac: %02x-%02x-%02x-%02x-%02x-%02x,%02x-%02x-%02x-%02x-%02x-%02x \n", mac[0],
                 mac[1], mac[2], mac[3], mac[4], mac[5], e->mac[0], e->mac[1], e->mac[2], e->mac[3], e->mac[4],
@@ -126,15 +130,15 @@ void add_to_kh_list(kh_candidate* candidate, int radio, uint8_t* changed, int mo
     entry->active = c.active;
     entry->family = c.family;
     key_change_on_addition(c);
-    dlist_append(&kh_list, entry.release());
+    dlist_append(&neighbours().kh_list, entry.release());
 }
 
 void traverse_kh_list()
 {
-    kh_list_nonempty = dlist_is_empty(&kh_list) ? 0 : 1;
+    neighbours().kh_list_nonempty = dlist_is_empty(&neighbours().kh_list) ? 0 : 1;
     log_msg(0, log_lvl::info, "########## LIST TRAVERSAL ##############\n");
     log_msg(0, log_lvl::info, "\t MAC \t\t ACTIVE\tFAMILY\n");
-    for (const kh_entry* e = kh_list.next; e != &kh_list; e = e->next)
+    for (const kh_entry* e = neighbours().kh_list.next; e != &neighbours().kh_list; e = e->next)
         log_mac_dashes(e->mac, e->active ? "YES" : "NO", e->family ? "TRM" : "TRV");
 }
 
@@ -172,7 +176,7 @@ void print_scan_list(int count, const scan_ap_record* records)
 void reload_key_holders()
 {
     uint8_t changed = 0;
-    if (file_ptr f = open_file(nb::key_holder_path, "r")) {
+    if (file_ptr f = open_file(paths::key_holders, "r")) {
         nb::key_holder_record rec{};
         while (nb::read_record(f.get(), rec)) {
             const uint8_t* m = rec.mac;
@@ -182,7 +186,7 @@ void reload_key_holders()
             std::memcpy(c.mac, rec.mac, 6);
             c.active = rec.active;
             c.family = rec.family;
-            for (int radio = 0; radio < radio_count && radio < 3; ++radio)
+            for (int radio = 0; radio < board().radio_count && radio < 3; ++radio)
                 add_to_kh_list(&c, radio, &changed, KH_MODE_STORED);
         }
     }
@@ -193,8 +197,8 @@ void reload_key_holders()
 
 void free_kh_list()
 {
-    kh_entry* e = kh_list.next;
-    while (e != &kh_list) {
+    kh_entry* e = neighbours().kh_list.next;
+    while (e != &neighbours().kh_list) {
         kh_entry* next = e->next;
         log_msg(0, log_lvl::debug, "Removing %02x:%02x:%02x:%02x:%02x:%02x\n", e->mac[0], e->mac[1], e->mac[2],
                 e->mac[3], e->mac[4], e->mac[5]);

@@ -5,11 +5,9 @@
 #include <mutex>
 #include <new>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "neighbours/neighbours.h"
 
-known_ap_table* known_ap_tables[3] = {nullptr, nullptr, nullptr};
-std::timed_mutex ht_mutex;
 
 // The slot of a MAC is one nibble, so only slots 0..15 of the 256 heads ever
 // hold entries; walks and teardown visit just those.
@@ -103,7 +101,7 @@ void add_to_ht(known_ap_table* table, const uint8_t mac[6], uint8_t present, uin
     static constexpr const char* who = "add_to_ht";
     if (refuse_missing(table, who))
         return;
-    std::unique_lock<std::timed_mutex> hold(ht_mutex);
+    std::unique_lock<std::timed_mutex> hold(neighbours().ht_mutex);
     log_locked(who);
     int slot = slot_of(mac);
     known_ap_entry*& head = table->slots[slot];
@@ -139,7 +137,7 @@ void del_from_ht(known_ap_table* table, const uint8_t mac[6])
     static constexpr const char* who = "del_from_ht";
     if (refuse_missing(table, who))
         return;
-    std::unique_lock<std::timed_mutex> hold(ht_mutex);
+    std::unique_lock<std::timed_mutex> hold(neighbours().ht_mutex);
     log_locked(who);
     int slot = slot_of(mac);
     known_ap_entry*& head = table->slots[slot];
@@ -168,7 +166,7 @@ void del_from_ht(known_ap_table* table, const uint8_t mac[6])
 void traverse_hash_table(known_ap_table* table, const char* name)
 {
     static constexpr const char* who = "traverse_hash_table";
-    std::unique_lock<std::timed_mutex> hold(ht_mutex);
+    std::unique_lock<std::timed_mutex> hold(neighbours().ht_mutex);
     log_locked(who);
     if (!table) {
         log_msg(0, log_lvl::info, "hash table is empty for %s \n", name);
@@ -187,8 +185,8 @@ std::unique_ptr<known_ap_entry> find_known_ap(const scan_ap_record* records, int
 {
     const scan_ap_record& rec = records[i];
     int slot = slot_of(rec.bssid);
-    std::lock_guard<std::timed_mutex> hold(ht_mutex);
-    known_ap_table* table = radio >= 0 && radio < 3 ? known_ap_tables[radio] : nullptr;
+    std::lock_guard<std::timed_mutex> hold(neighbours().ht_mutex);
+    known_ap_table* table = radio >= 0 && radio < 3 ? neighbours().known_ap_tables[radio] : nullptr;
     if (!table) {
         log_msg(1, log_lvl::error, "[dorvand] ht for wlan%d is not created\t\t\t\t\n", radio);
         return nullptr;

@@ -6,13 +6,13 @@
 #include <string>
 #include <string_view>
 
-#include "core/files.h"
-#include "core/log.h"
+#include "base/files.h"
+#include "base/log.h"
+#include "base/paths.h"
 #include "neighbours/nb_internal.h"
 
 namespace {
 
-constexpr const char* config_path = "/tmp/run/config";
 constexpr const char* known_ap_key = "system:apList:knownApTable";
 constexpr size_t max_config_line = 255;
 constexpr size_t max_mac_text = 17;
@@ -98,7 +98,7 @@ void load_known_aps(known_ap_table* table, const char* name)
 {
     char prefix[255];
     snprintf(prefix, sizeof prefix, "%s:%s:", known_ap_key, name);
-    file_ptr f = open_file(config_path, "r");
+    file_ptr f = open_file(paths::config_file, "r");
     if (!f) {
         int err = errno;
         log_msg(1, log_lvl::error, "file pointer not opened [%d|%s]\n", err, strerror(err));
@@ -111,7 +111,7 @@ void load_known_aps(known_ap_table* table, const char* name)
         if (st == nb::line_status::end)
             break;
         if (st == nb::line_status::too_long) {
-            log_msg(0, log_lvl::error, "[dorvand] Skipped a line of %s longer than %zu characters\n", config_path,
+            log_msg(0, log_lvl::error, "[dorvand] Skipped a line of %s longer than %zu characters\n", paths::config_file,
                     max_config_line);
             continue;
         }

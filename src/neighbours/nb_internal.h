@@ -8,15 +8,10 @@
 #include <cstdio>
 
 #include "neighbours/neighbours.h"
+#include "base/paths.h"
 
 namespace nb {
 
-inline constexpr const char* key_holder_path = "/var/roam_key_holders";
-inline constexpr const char* key_holder_tmp_path = "/var/roam_key_holders.tmp";
-inline constexpr const char* ap2mac_path = "/tmp/ap2_macaddr.txt";
-inline constexpr const char* ap2mac_tmp_path = "/tmp/tmp_ap2_macaddr.txt";
-inline constexpr const char* key_change_path = "/tmp/ft_key_changed.txt";
-inline constexpr const char* ft_script_path = "/usr/local/bin/fast_bss_transition.sh";
 inline constexpr const char* radio_names[3] = {"wlan0", "wlan1", "wlan2"};
 
 // The per-family constants of the key-holder and BSSID derivations.

@@ -2,13 +2,14 @@
 // list with its MAC derivation, the key-holder files and transition script,
 // and the neighbour event socket.
 //
-// Locking (see core/state.h for the whole order): the table operations take
+// Locking (see daemon/threads.h for the whole order): the table operations take
 // ht_mutex themselves. Everything that touches the key-holder list,
 // kh_list_nonempty or the three files expects the caller to hold kh_lock;
 // the callers are the event-socket thread (per event), process_scan_result
 // (around its hand-over), the 802.11r refresh and the SIGRTMIN update.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -38,8 +39,6 @@ static_assert(sizeof(scan_ap_record) == 8);
 
 struct known_ap_table;
 
-extern known_ap_table* known_ap_tables[3];  // by radio; null where the board has none
-extern std::timed_mutex ht_mutex;
 
 // A new table with every slot empty; null when memory runs out.
 known_ap_table* create_hash_table();
@@ -75,8 +74,19 @@ struct kh_candidate {
     uint8_t ap_type;
 };
 
-extern kh_entry kh_list;  // sentinel head of the circular list
-extern uint8_t kh_list_nonempty;
+// What the module owns for the life of the process (the thread and lock
+// rules are in daemon/threads.h).
+struct neighbour_state {
+    known_ap_table* known_ap_tables[3] = {};  // by radio; null where the board has none
+    std::timed_mutex ht_mutex;                // the tables, inside each table operation
+    kh_entry kh_list{&kh_list, &kh_list, {}, 0, 0};  // sentinel head of the circular list
+    uint8_t kh_list_nonempty = 0;
+    std::timed_mutex kh_lock;  // the list, kh_list_nonempty and the three files
+    // Bit 10*radio + vap: 802.11r enabled. Written by the status refresh,
+    // read by the key-change writers under kh_lock.
+    std::atomic<uint32_t> ft_enabled_vaps{0};
+};
+neighbour_state& neighbours();
 
 inline constexpr int KH_MODE_DERIVE = 1;
 inline constexpr int KH_MODE_STORED = 2;

@@ -1,8 +1,9 @@
 // Checks run against the driver around every scan: radio and VAP up state,
 // CAC state, voice traffic, the scan channel list reset and the radio's
 // channel list.
-#include "core/log.h"
-#include "core/shell.h"
+#include "base/paths.h"
+#include "base/log.h"
+#include "base/spawn.h"
 #include "scan/scan.h"
 #include "scan/scan_internal.h"
 
@@ -12,7 +13,6 @@
 #include <memory>
 #include <new>
 
-std::vector<int32_t> scan_chan_list[3];
 
 namespace
 {
@@ -91,7 +91,7 @@ int append_channels(const drv_chan_info& reply, const char* ifname)
     }
     if (radio < 0)
         return 0;
-    std::vector<int32_t>& list = scan_chan_list[radio];
+    std::vector<int32_t>& list = scanning().scan_chan_list[radio];
     for (unsigned i = 0; i < reply.count; ++i) {
         int32_t channel = reply.record[i].ieee_chan;
         try {
@@ -177,7 +177,7 @@ int get_cac_state(const char* vap_name)
 void set_chanlist(const char* vap_name)
 {
     // A 256-byte buffer formatted with a bound of 255.
-    check_command_ran(shell_run(255, "/usr/sbin/wifitool %s setchanlist 0", vap_name));
+    check_command_ran(shell_run(255, "%s %s setchanlist 0", paths::wifitool, vap_name));
 }
 
 int monitor_traffic(const char* ifname)

@@ -13,8 +13,15 @@ inline constexpr int VAP_IDX_FALLBACK = 16;
 inline constexpr int CAC_RUNNING = 1;
 inline constexpr int VOICE_ACTIVE = 2;
 
-// Per-radio channel lists learned after the first full scan; they only grow.
-extern std::vector<int32_t> scan_chan_list[3];
+// What the module owns for the life of the process.
+struct scan_state {
+    // Per-radio channel lists learned after the first full scan; they only grow.
+    std::vector<int32_t> scan_chan_list[3];
+    // Held by process_scan_result for its whole run.
+    std::mutex scan_result_lock;
+    uint16_t rand_scan_timer = 0;
+};
+scan_state& scanning();
 
 int is_radio_up(int radio);
 int find_active_vap(const char* radio_name, int radio);
@@ -25,8 +32,6 @@ int get_channel_info(const char* ifname);
 
 // ---- Scan databases --------------------------------------------------------
 
-extern const char* const scan_db_files[3];
-extern const char* const scan_db_markers[3];
 
 int create_scan_db_2g();
 int create_scan_db_5g();
@@ -34,7 +39,6 @@ int create_scan_db_5gh();
 
 // ---- Scan trigger and results ----------------------------------------------
 
-extern std::mutex scan_result_lock;
 
 int trigger_acs_scan(const char* vap_name);
 int trigger_batch_scan(int radio, int channel);
@@ -44,7 +48,15 @@ int process_scan_result(int radio, const char* ifname, int channel);
 
 // ---- Scheduler (timer handlers: first context 0, radio in the second) ------
 
+// The start-up timer's handler: runs the start-up work (see
+// set_scan_startup_work), then starts each band's rogue-AP checks.
 void start_scan_scheduler(intptr_t ctx1, intptr_t ctx2);
+// The work the start-up timer runs before the bands' checks begin (the
+// daemon gives the first 802.11r status read). Set before the loop runs.
+void set_scan_startup_work(void (*work)());
+// Cancels every timer of the scheduler, band by band, logging each count.
+// Any thread (the event loop has its own lock).
+void stop_scan_scheduler();
 void rogue_ap_check_2g(intptr_t ctx1, intptr_t ctx2);
 void rogue_ap_check_5gl(intptr_t ctx1, intptr_t ctx2);
 void rogue_ap_check_5gh(intptr_t ctx1, intptr_t ctx2);
@@ -58,4 +70,3 @@ void trigger_2g_batch_scan(intptr_t ctx1, intptr_t ctx2);
 void trigger_5gl_batch_scan(intptr_t ctx1, intptr_t ctx2);
 void trigger_5gh_batch_scan(intptr_t ctx1, intptr_t ctx2);
 void set_rand_scan_timer();
-extern uint16_t rand_scan_timer;

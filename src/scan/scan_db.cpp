@@ -1,6 +1,7 @@
 // The per-band scan databases: creation, and the channel and BSS upserts of
 // a scan's write cycles.
-#include "core/log.h"
+#include "base/log.h"
+#include "base/paths.h"
 #include "scan/scan.h"
 #include "scan/scan_internal.h"
 
@@ -9,9 +10,6 @@
 #include <memory>
 #include <utility>
 
-const char* const scan_db_files[3] = {"/tmp/scan_db_2g", "/tmp/scan_db_5g", "/tmp/scan_db_5gh"};
-const char* const scan_db_markers[3] = {"/tmp/DB2G_UPDATION_IN_PROGRESS", "/tmp/DB5G_UPDATION_IN_PROGRESS",
-                                        "/tmp/DB5GH_UPDATION_IN_PROGRESS"};
 
 namespace
 {
@@ -82,7 +80,7 @@ bool row_exists(stmt_ptr stmt)
 int create_scan_db(int radio)
 {
     sqlite3* raw = nullptr;
-    int rc = sqlite3_open(scan_db_files[radio], &raw);
+    int rc = sqlite3_open(paths::scan_dbs[radio], &raw);
     sqlite_ptr db(raw);
     if (rc != SQLITE_OK) {
         log_msg(0, log_lvl::error, "Cannot open database: %s\n", sqlite3_errmsg(db.get()));
@@ -162,7 +160,7 @@ int create_scan_db_5gh()
 sqlite_ptr open_scan_db(int radio, int line)
 {
     sqlite3* raw = nullptr;
-    int rc = sqlite3_open(scan_db_files[radio], &raw);
+    int rc = sqlite3_open(paths::scan_dbs[radio], &raw);
     sqlite_ptr db(raw);
     if (rc != SQLITE_OK) {
         log_msg(0, log_lvl::error, "[%d]Error in opening Db \n", line);

@@ -2,7 +2,7 @@
 // request builders, the socket helper and the database upserts.
 #pragma once
 
-#include "core/files.h"
+#include "base/files.h"
 #include "scan/driver.h"
 
 #include <cstddef>

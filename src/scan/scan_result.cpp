@@ -1,8 +1,7 @@
 // Scan triggers (full ACS scan, single-channel scan) and the reading of the
 // driver's ACS report into the scan database and the key-holder logic.
 #include "board/roam_lib.h"
-#include "core/log.h"
-#include "core/state.h"
+#include "base/log.h"
 #include "neighbours/neighbours.h"
 #include "scan/scan.h"
 #include "scan/scan_internal.h"
@@ -15,7 +14,6 @@
 #include <mutex>
 #include <new>
 
-std::mutex scan_result_lock;
 
 namespace
 {
@@ -141,7 +139,7 @@ int fetch_neighbours(report_session& s, uint8_t i, neighbour_buffer& buffer, siz
 void hand_over(const scan_ap_record* list, int count, int radio)
 {
     log_msg(0, log_lvl::info, "\t #### SCAN RESULTS ### \n");
-    std::lock_guard<std::timed_mutex> hold(kh_lock);
+    std::lock_guard<std::timed_mutex> hold(neighbours().kh_lock);
     print_scan_list(count, list);
     match_known_aps(list, count, radio);
     traverse_kh_list();
@@ -258,7 +256,7 @@ int process_scan_result(int radio, const char* ifname, int channel)
         return -1;
     }
     unlock_note note;
-    std::lock_guard<std::mutex> hold(scan_result_lock);
+    std::lock_guard<std::mutex> hold(scanning().scan_result_lock);
     log_msg(0, log_lvl::debug, "mutex locked [%s] \n", fn_name);
     scan_stamp stamp;
     get_date_string(stamp.date);

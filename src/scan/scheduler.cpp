@@ -1,10 +1,11 @@
 // The per-band chain of scan timers: wait for rogue-AP detection and the
 // radio, create the database, one full ACS scan, then a batch scan of the
 // learned channels every 1800 s.
+#include "base/paths.h"
 #include "board/roam_lib.h"
-#include "core/files.h"
-#include "core/log.h"
-#include "core/state.h"
+#include "base/files.h"
+#include "base/log.h"
+#include "board/board.h"
 #include "eventloop/eloop.h"
 #include "neighbours/neighbours.h"
 #include "scan/scan.h"
@@ -17,7 +18,11 @@
 #include <ctime>
 #include <unistd.h>
 
-uint16_t rand_scan_timer = 0;
+scan_state& scanning()
+{
+    static scan_state state;
+    return state;
+}
 
 namespace
 {
@@ -159,7 +164,7 @@ int radio_of(const band& b, const char* handler, intptr_t ctx2)
 
 int ft_status()
 {
-    return static_cast<int>(ft_enabled_vaps.load());
+    return static_cast<int>(neighbours().ft_enabled_vaps.load());
 }
 
 void rogue_check(const band& b)
@@ -181,9 +186,9 @@ void start_band(const band& b)
     }
     b.create_db();
     set_rand_scan_timer();
-    rand_scan_timer = static_cast<uint16_t>(rand_scan_timer * 10);
-    schedule(b.full_scan, rand_scan_timer, b.radio);
-    log_msg(0, log_lvl::info, "[dorvand] %s : %d seconds \n", b.start_name, rand_scan_timer);
+    scanning().rand_scan_timer = static_cast<uint16_t>(scanning().rand_scan_timer * 10);
+    schedule(b.full_scan, scanning().rand_scan_timer, b.radio);
+    log_msg(0, log_lvl::info, "[dorvand] %s : %d seconds \n", b.start_name, scanning().rand_scan_timer);
 }
 
 // Steps of a full scan up to the trigger; false when the scan must wait,
@@ -205,11 +210,11 @@ bool full_scan_ready(const band& b, int radio, const char* radio_name, char (&va
     snprintf(vap_name, sizeof vap_name, "wifi%dvap%d", radio, vap);
     log_msg(0, log_lvl::info, b.iface, vap_name);
     // The known-AP table follows the configuration file before every full scan.
-    if (ft_status() != 0 && known_ap_tables[radio] != nullptr) {
+    if (ft_status() != 0 && neighbours().known_ap_tables[radio] != nullptr) {
         char wlan[8];
         snprintf(wlan, sizeof wlan, "wlan%d", radio);
-        load_known_aps(known_ap_tables[radio], wlan);
-        traverse_hash_table(known_ap_tables[radio], wlan);
+        load_known_aps(neighbours().known_ap_tables[radio], wlan);
+        traverse_hash_table(neighbours().known_ap_tables[radio], wlan);
     }
     if (monitor_traffic(radio_name) == VOICE_ACTIVE) {
         log_msg(0, log_lvl::info, b.voice, b.full_name, radio_name);
@@ -241,7 +246,7 @@ void full_scan(const band& b, intptr_t ctx2)
         return;
     }
     log_msg(0, log_lvl::info, b.triggered, b.full_name);
-    const char* marker = scan_db_markers[b.radio];
+    const char* marker = paths::scan_db_markers[b.radio];
     touch_marker(marker);
     scan_sleep(full_scan_wait_secs);
     if (process_scan_result(radio, vap_name, 0) != -1) {
@@ -286,9 +291,9 @@ void batch_scan(const band& b, intptr_t ctx2)
             return;
         }
     }
-    const char* marker = scan_db_markers[b.radio];
+    const char* marker = paths::scan_db_markers[b.radio];
     touch_marker(marker);
-    const std::vector<int32_t>& channels = scan_chan_list[radio];
+    const std::vector<int32_t>& channels = scanning().scan_chan_list[radio];
     log_msg(0, log_lvl::info, channel_count_text, b.batch_name, static_cast<int>(channels.size()));
     // Indexing, not iterators: nothing may grow the list meanwhile, but an
     // index stays valid even if something did.
@@ -308,15 +313,15 @@ void start_rogue_checks()
 {
     rogue_ap_check_2g(0, 0);
     rogue_ap_check_5gl(0, 0);
-    if (radio_type_val == 1)
+    if (board().radio_type_val == 1)
         rogue_ap_check_5gh(0, 0);
 }
 
 void set_rand_scan_timer()
 {
     srand(static_cast<unsigned>(time(nullptr)));
-    rand_scan_timer = static_cast<uint16_t>(rand() % 25 + 6);
-    log_msg(0, log_lvl::info, "**** %d : rand_scan_timer: %d seconds ****\n", rand_log_line, rand_scan_timer * 10);
+    scanning().rand_scan_timer = static_cast<uint16_t>(rand() % 25 + 6);
+    log_msg(0, log_lvl::info, "**** %d : rand_scan_timer: %d seconds ****\n", rand_log_line, scanning().rand_scan_timer * 10);
 }
 
 void rogue_ap_check_2g(intptr_t, intptr_t)
@@ -377,4 +382,41 @@ void trigger_5gl_batch_scan(intptr_t, intptr_t ctx2)
 void trigger_5gh_batch_scan(intptr_t, intptr_t ctx2)
 {
     batch_scan(bands[2], ctx2);
+}
+
+namespace {
+void (*startup_work)() = nullptr;
+
+void log_cancelled(int line, int count)
+{
+    log_msg(0, log_lvl::info, " %d Number of eloop cancelled timeouts:%d \n", line, count);
+}
+} // namespace
+
+void set_scan_startup_work(void (*work)())
+{
+    startup_work = work;
+}
+
+void start_scan_scheduler(intptr_t, intptr_t)
+{
+    if (startup_work)
+        startup_work();
+    start_rogue_checks();
+}
+
+void stop_scan_scheduler()
+{
+    log_cancelled(__LINE__, eloop_cancel_timer(rogue_ap_check_2g, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(start_2g_scan_timer, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(trigger_2g_full_scan, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(trigger_2g_batch_scan, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(rogue_ap_check_5gl, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(start_5gl_scan_timer, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(trigger_5gl_full_scan, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(trigger_5gl_batch_scan, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(rogue_ap_check_5gh, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(start_5gh_scan_timer, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(trigger_5gh_full_scan, 0, ELOOP_ANY_CTX));
+    log_cancelled(__LINE__, eloop_cancel_timer(trigger_5gh_batch_scan, 0, ELOOP_ANY_CTX));
 }

@@ -9,7 +9,7 @@
 #include <iterator>
 #include <sstream>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace testutil {
 
@@ -49,7 +49,7 @@ void reset_sandbox()
         GTEST_FAIL() << "tests must run inside the private mount namespace";
     if (system("rm -rf /tmp/* /var/* /usr/local/bin/* && mkdir -p /tmp/log /tmp/run") != 0)
         GTEST_FAIL() << "cannot reset the sandbox";
-    cur_log_size = 0;  // a missing log file keeps the running size, as at start-up
+    log_reset_running_size();  // a missing log file keeps the running size, as at start-up
     log_init(8, 0x80000, 2, "/tmp/log/dorvand_log");
 }
 

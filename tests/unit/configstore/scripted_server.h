@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "configstore/dbcom_msg.h"
-#include "core/files.h"
+#include "base/files.h"
 
 namespace cstest {
 

@@ -9,12 +9,14 @@
 #include <thread>
 
 #include "nb_fixture.h"
+#include "board/board.h"
+#include "neighbours/neighbours.h"
 
 namespace {
 
 class ConcurrencyTest : public neighbours_test {};
 
-constexpr int neighbours = 4;
+constexpr int neighbour_count = 4;
 constexpr int rounds = 4;
 
 mac_t neighbour_mac(int i)
@@ -34,14 +36,14 @@ void send_event(const mac_t& mac, uint8_t type, uint8_t wlan)
 void feed_events()
 {
     for (int round = 0; round < rounds; ++round) {
-        for (int i = 0; i < neighbours; ++i) {
+        for (int i = 0; i < neighbour_count; ++i) {
             send_event(neighbour_mac(i), AP_ADDITION, 0);
             send_event(neighbour_mac(i), KH_ADDITION, static_cast<uint8_t>(round % 2));
             if ((round + i) % 2 == 0)
                 send_event(neighbour_mac(i), AP_DELETION, 0);
         }
     }
-    for (int i = 0; i < neighbours; ++i)
+    for (int i = 0; i < neighbour_count; ++i)
         send_event(neighbour_mac(i), KH_ADDITION, 0);
 }
 
@@ -49,11 +51,11 @@ void feed_events()
 // checks its links; false when a link does not point back.
 bool list_links_consistent()
 {
-    for (const kh_entry* e = kh_list.next; e != &kh_list; e = e->next) {
+    for (const kh_entry* e = neighbours().kh_list.next; e != &neighbours().kh_list; e = e->next) {
         if (!e->next || e->next->prev != e)
             return false;
     }
-    return kh_list.prev->next == &kh_list;
+    return neighbours().kh_list.prev->next == &neighbours().kh_list;
 }
 
 // What scan processing does for each channel report of radio 0, followed by
@@ -63,8 +65,8 @@ bool list_links_consistent()
 int scan_and_match(const std::atomic<bool>& events_done)
 {
     int torn = 0;
-    scan_ap_record records[neighbours] = {};
-    for (int i = 0; i < neighbours; ++i) {
+    scan_ap_record records[neighbour_count] = {};
+    for (int i = 0; i < neighbour_count; ++i) {
         mac_t m = neighbour_mac(i);
         std::copy(m.begin(), m.end(), records[i].bssid);
         records[i].bssid[5] = 0x52;
@@ -72,8 +74,8 @@ int scan_and_match(const std::atomic<bool>& events_done)
     }
     // Scans go on for as long as events arrive, so the two really overlap.
     for (int round = 0; round < rounds || !events_done.load(); ++round) {
-        std::lock_guard<std::timed_mutex> hold(kh_lock);
-        match_known_aps(records, neighbours, 0);
+        std::lock_guard<std::timed_mutex> hold(neighbours().kh_lock);
+        match_known_aps(records, neighbour_count, 0);
         traverse_kh_list();
         write_key_holders("a");
         torn += list_links_consistent() ? 0 : 1;
@@ -83,8 +85,8 @@ int scan_and_match(const std::atomic<bool>& events_done)
 
 TEST_F(ConcurrencyTest, EventsAndScanMatchingKeepListAndFileConsistent)
 {
-    radio_count = 2;
-    ft_enabled_vaps = 1;
+    board().radio_count = 2;
+    neighbours().ft_enabled_vaps = 1;
     std::latch start(2);
     std::atomic<bool> events_done{false};
     std::thread events([&] {
@@ -109,7 +111,7 @@ TEST_F(ConcurrencyTest, EventsAndScanMatchingKeepListAndFileConsistent)
     EXPECT_EQ(file_set.size(), in_file.size()) << "duplicate records in the file";
     EXPECT_EQ(file_set, list_set);
     EXPECT_EQ(testutil::read_bytes("/var/roam_key_holders").size() % 16, 0u);
-    for (int i = 0; i < neighbours; ++i) {
+    for (int i = 0; i < neighbour_count; ++i) {
         mac_t kh = neighbour_mac(i);
         kh[5] = 0x5F;
         EXPECT_TRUE(list_set.count(kh)) << "key holder of neighbour " << i << " missing";

@@ -7,6 +7,8 @@
 #include <string>
 
 #include "nb_fixture.h"
+#include "board/board.h"
+#include "neighbours/neighbours.h"
 
 namespace {
 
@@ -41,7 +43,7 @@ TEST_F(event_socket_test, ApAdditionFillsTheRadiosTableOnce)
 
 TEST_F(event_socket_test, ApDeletionRemovesDerivedKeyHoldersAndAlwaysRunsTheScript)
 {
-    ft_enabled_vaps = 1;
+    neighbours().ft_enabled_vaps = 1;
     const mac_t other = {0x0A, 0x1B, 0x2C, 0x3D, 0x4F, 0x50};
     send_event(neighbour, AP_ADDITION, 0, 0);
     send_event(neighbour, KH_ADDITION, 0, 0);
@@ -106,9 +108,9 @@ TEST_F(event_socket_test, UnknownTypeChangesNothing)
 
 TEST_F(event_socket_test, EventsForARadioWithoutTableAreRefused)
 {
-    radio_count = 2;
-    free_known_ap_table(known_ap_tables[2]);
-    known_ap_tables[2] = nullptr;
+    board().radio_count = 2;
+    free_known_ap_table(neighbours().known_ap_tables[2]);
+    neighbours().known_ap_tables[2] = nullptr;
     append_key_holder({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, 1, 0);
     for (uint8_t wlan : {2, 3, 200}) {
         for (uint8_t type : {AP_ADDITION, KH_ADDITION, AP_DELETION}) {
@@ -124,7 +126,7 @@ TEST_F(event_socket_test, EventsForARadioWithoutTableAreRefused)
         }
     }
     // A radio the board has but whose table could not be made.
-    radio_count = 3;
+    board().radio_count = 3;
     testutil::reset_sandbox();
     send_event(neighbour, AP_ADDITION, 0, 2);
     EXPECT_EQ(log_count("[dorvand] Event for wlan2 ignored: no such radio\n"), 1);

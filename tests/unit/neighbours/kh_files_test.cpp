@@ -5,6 +5,8 @@
 #include <string>
 
 #include "nb_fixture.h"
+#include "board/board.h"
+#include "neighbours/neighbours.h"
 
 namespace {
 
@@ -66,19 +68,19 @@ TEST_F(kh_files_test, RecordLayoutByteByByte)
     write_key_holders("a");
     std::vector<unsigned char> want = {0, 0, 0, 0, 0, 0, 0, 0, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08};
     EXPECT_EQ(read_bytes("/var/roam_key_holders"), want);
-    EXPECT_TRUE(key_holder_cached(*kh_list.next));
+    EXPECT_TRUE(key_holder_cached(*neighbours().kh_list.next));
 }
 
 TEST_F(kh_files_test, CachedComparesTheMacOfWholeRecords)
 {
     append_key_holder(kh_a, 1, 0);
-    EXPECT_FALSE(key_holder_cached(*kh_list.next));  // no file
+    EXPECT_FALSE(key_holder_cached(*neighbours().kh_list.next));  // no file
     std::vector<unsigned char> partial = record_of(kh_a, 1, 0);
     partial.resize(15);
     write_bytes(concat({record_of(kh_b, 1, 0), partial}));
-    EXPECT_FALSE(key_holder_cached(*kh_list.next));
+    EXPECT_FALSE(key_holder_cached(*neighbours().kh_list.next));
     write_bytes(concat({record_of(kh_b, 1, 0), record_of(kh_a, 0, 1)}));
-    EXPECT_TRUE(key_holder_cached(*kh_list.next));
+    EXPECT_TRUE(key_holder_cached(*neighbours().kh_list.next));
 }
 
 TEST_F(kh_files_test, RewriteFailureKeepsTheOldFile)
@@ -173,8 +175,8 @@ TEST_F(kh_files_test, KeyChangeOnAdditionWritesEveryEnabledVap)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.ap2mac);
         testutil::reset_sandbox();
-        ft_enabled_vaps = c.vaps;
-        radio_count = static_cast<uint8_t>(c.radios);
+        neighbours().ft_enabled_vaps = c.vaps;
+        board().radio_count = static_cast<uint8_t>(c.radios);
         kh_candidate cand{{c.kh[0], c.kh[1], c.kh[2], c.kh[3], c.kh[4], c.kh[5]}, 1, c.family, 0, 0};
         key_change_on_addition(cand);
         EXPECT_EQ(read_file(key_changes), c.key_changes);
@@ -184,7 +186,7 @@ TEST_F(kh_files_test, KeyChangeOnAdditionWritesEveryEnabledVap)
 
 TEST_F(kh_files_test, DeletionUndoesAdditionForEveryRadioAndFamily)
 {
-    ft_enabled_vaps = (1u << 0) | (1u << 13);
+    neighbours().ft_enabled_vaps = (1u << 0) | (1u << 13);
     for (uint8_t family = 0; family < 2; ++family) {
         for (int radio = 0; radio < 3; ++radio) {
             SCOPED_TRACE(testing::Message() << "family " << int(family) << " radio " << radio);
@@ -227,7 +229,7 @@ TEST_F(kh_files_test, StatusChangeRemovesOrAddsTheVapsLine)
 
 TEST_F(kh_files_test, UnopenableKeyChangeFileStopsTheWriter)
 {
-    ft_enabled_vaps = 1;
+    neighbours().ft_enabled_vaps = 1;
     ASSERT_EQ(mkdir(key_changes, 0755), 0);
     kh_candidate cand{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, 1, 0, 0, 0};
     key_change_on_addition(cand);

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "nb_fixture.h"
+#include "neighbours/neighbours.h"
 
 namespace {
 
@@ -80,7 +81,7 @@ TEST_F(kh_list_test, DerivationTable)
 
 TEST_F(kh_list_test, KnownKeyHolderChangesNothing)
 {
-    ft_enabled_vaps = 1;
+    neighbours().ft_enabled_vaps = 1;
     kh_candidate first{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50}, 1, 0, 0, 0};
     uint8_t changed = 0;
     add_to_kh_list(&first, 0, &changed, KH_MODE_DERIVE);
@@ -101,12 +102,12 @@ TEST_F(kh_list_test, KnownKeyHolderChangesNothing)
 TEST_F(kh_list_test, TraversalPrintsTheListAndSetsTheFlag)
 {
     traverse_kh_list();
-    EXPECT_EQ(kh_list_nonempty, 0);
+    EXPECT_EQ(neighbours().kh_list_nonempty, 0);
     append_key_holder({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, 1, 0);
     append_key_holder({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x6F}, 0, 1);
     size_t from = log_size();
     traverse_kh_list();
-    EXPECT_EQ(kh_list_nonempty, 1);
+    EXPECT_EQ(neighbours().kh_list_nonempty, 1);
     EXPECT_EQ(log_messages(from), (std::vector<std::string>{"########## LIST TRAVERSAL ##############",
                                                             "\t MAC \t\t ACTIVE\tFAMILY",
                                                             "0a-1b-2c-3d-4e-5f | YES | TRV ",
@@ -116,7 +117,7 @@ TEST_F(kh_list_test, TraversalPrintsTheListAndSetsTheFlag)
 TEST_F(kh_list_test, ScanMatchesOfOneKnownApAddOneKeyHolder)
 {
     const mac_t ap = {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50};
-    add_to_ht(known_ap_tables[0], ap.data(), 1, 0, 0, 0);
+    add_to_ht(neighbours().known_ap_tables[0], ap.data(), 1, 0, 0, 0);
     scan_ap_record recs[3] = {
         {{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x52}, 6, 0},
         {{0x11, 0x22, 0x33, 0x44, 0x55, 0x66}, 6, 0},
@@ -137,7 +138,7 @@ TEST_F(kh_list_test, ScanMatchesOfOneKnownApAddOneKeyHolder)
 TEST_F(kh_list_test, ScanMatchCarriesTheScannedChannelAndType)
 {
     const mac_t ap = {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50};
-    add_to_ht(known_ap_tables[1], ap.data(), 1, 1, 0, 0);
+    add_to_ht(neighbours().known_ap_tables[1], ap.data(), 1, 1, 0, 0);
     scan_ap_record rec{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x55}, 149, 4};
     match_known_aps(&rec, 1, 1);
     EXPECT_EQ(list_macs(), std::vector<mac_t>({{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x2F}}));
@@ -148,7 +149,7 @@ TEST_F(kh_list_test, ScanMatchCarriesTheScannedChannelAndType)
 // record is ignored.
 TEST_F(kh_list_test, ReloadAddsWholeRecordsOnce)
 {
-    ft_enabled_vaps = 1;  // wifi0vap0
+    neighbours().ft_enabled_vaps = 1;  // wifi0vap0
     reload_key_holders();  // no file: the empty list is only printed
     EXPECT_EQ(log_count("########## LIST TRAVERSAL ##############\n"), 1);
     EXPECT_EQ(script_runs(), 0);
@@ -163,13 +164,13 @@ TEST_F(kh_list_test, ReloadAddsWholeRecordsOnce)
     reload_key_holders();
     EXPECT_EQ(list_macs(), std::vector<mac_t>({{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F},
                                                {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x6F}}));
-    EXPECT_EQ(kh_list.next->next->active, 0);
-    EXPECT_EQ(kh_list.next->next->family, 1);
+    EXPECT_EQ(neighbours().kh_list.next->next->active, 0);
+    EXPECT_EQ(neighbours().kh_list.next->next->family, 1);
     EXPECT_EQ(log_count("0a:1b:2c:3d:4e:5f PRESENT | TRV \n"), 1);
     EXPECT_EQ(log_count("0a:1b:2c:3d:4e:6f NOT PRESENT | TRM \n"), 1);
     EXPECT_EQ(read_file("/tmp/ft_key_changed.txt"), "ft_key_changed_wifi0vap0=1,1\nft_key_changed_wifi0vap0=1,1\n");
     EXPECT_EQ(script_runs(), 1);
-    EXPECT_EQ(kh_list_nonempty, 1);
+    EXPECT_EQ(neighbours().kh_list_nonempty, 1);
 
     reload_key_holders();
     EXPECT_EQ(list_macs().size(), 2u);

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "nb_fixture.h"
+#include "neighbours/neighbours.h"
 
 namespace {
 
@@ -12,7 +13,7 @@ const mac_t known = {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50};
 
 void add(int radio, const mac_t& mac, uint8_t present = 1, uint8_t family = 0)
 {
-    add_to_ht(known_ap_tables[radio], mac.data(), present, family, 0, 0);
+    add_to_ht(neighbours().known_ap_tables[radio], mac.data(), present, family, 0, 0);
 }
 
 std::string row(const std::string& mac, const char* present, const char* family)
@@ -66,8 +67,8 @@ TEST_F(known_ap_test, MatchAgreesOnAllButTheLowNibbleOfTheLastByte)
 
 TEST_F(known_ap_test, MissingTableIsReportedByFindAndTraverse)
 {
-    free_known_ap_table(known_ap_tables[2]);
-    known_ap_tables[2] = nullptr;
+    free_known_ap_table(neighbours().known_ap_tables[2]);
+    neighbours().known_ap_tables[2] = nullptr;
     scan_ap_record rec{};
     EXPECT_EQ(find_known_ap(&rec, 2, 0), nullptr);
     EXPECT_EQ(log_count("[dorvand] ht for wlan2 is not created\t\t\t\t\n"), 1);
@@ -95,7 +96,7 @@ TEST_F(known_ap_test, TraversalVisitsSlotsInOrderOldestFirst)
     add(1, {0, 0, 0, 0, 0, 0x05});
     add(1, {0, 0, 0, 0, 0, 0x35});
     size_t from = log_size();
-    traverse_hash_table(known_ap_tables[1], "wlan1");
+    traverse_hash_table(neighbours().known_ap_tables[1], "wlan1");
     std::vector<std::string> want = {
         "mutex locked [traverse_hash_table] ",
         "###############################",
@@ -118,20 +119,20 @@ TEST_F(known_ap_test, DeleteFromHeadChainEmptySlotAndAbsentMac)
     add(0, {0, 0, 0, 0, 0, 0x32});
     add(0, {0, 0, 0, 0, 0, 0x33});
     mac_t empty_slot = {0, 0, 0, 0, 0, 0x71};
-    del_from_ht(known_ap_tables[0], empty_slot.data());
+    del_from_ht(neighbours().known_ap_tables[0], empty_slot.data());
     EXPECT_EQ(log_count("00:00:00:00:00:71is not found \n"), 1);
 
     size_t from = log_size();
     mac_t absent = {0, 0, 0, 0, 0, 0x34};
-    del_from_ht(known_ap_tables[0], absent.data());
+    del_from_ht(neighbours().known_ap_tables[0], absent.data());
     EXPECT_EQ(log_messages(from),
               (std::vector<std::string>{"mutex locked [del_from_ht] ", "mutex unlocked [del_from_ht] "}));
 
     mac_t middle = {0, 0, 0, 0, 0, 0x32};
-    del_from_ht(known_ap_tables[0], middle.data());
+    del_from_ht(neighbours().known_ap_tables[0], middle.data());
     EXPECT_EQ(log_count("mac found during traversal of 3 slot \n"), 1);
     mac_t head = {0, 0, 0, 0, 0, 0x31};
-    del_from_ht(known_ap_tables[0], head.data());
+    del_from_ht(neighbours().known_ap_tables[0], head.data());
     EXPECT_EQ(log_count("mac found @ beginning of 3 slot \n"), 1);
     EXPECT_EQ(table_rows(0), (std::vector<std::string>{row("00:00:00:00:00:33", "Yes", "TRV")}));
 }
@@ -161,7 +162,7 @@ TEST_F(known_ap_test, ParseMacFormats)
 
 TEST_F(known_ap_test, LoadTakesTheRadiosLinesAndOnlyAdds)
 {
-    load_known_aps(known_ap_tables[0], "wlan0");
+    load_known_aps(neighbours().known_ap_tables[0], "wlan0");
     EXPECT_EQ(log_count("file pointer not opened [2|No such file or directory]\n"), 1);
     EXPECT_TRUE(table_rows(0).empty());
 
@@ -176,7 +177,7 @@ TEST_F(known_ap_test, LoadTakesTheRadiosLinesAndOnlyAdds)
                          // the line's newline included: both give a non-zero family.
                          "system:apList:knownApTable:wlan0:6:0A1B2C3D4E30 1, 0\n"
                          "system:apList:knownApTable:wlan0:7:0A1B2C3D4E40 0,\n");
-    load_known_aps(known_ap_tables[0], "wlan0");
+    load_known_aps(neighbours().known_ap_tables[0], "wlan0");
     std::vector<std::string> want = {row("0a:1b:2c:3d:4e:00", "Yes", "TRV"), row("0a:1b:2c:3d:4e:10", "No", "TRM"),
                                      row("0a:1b:2c:3d:4e:30", "Yes", "TRM"), row("0a:1b:2c:3d:4e:40", "No", "TRM"),
                                      row("0a:1b:2c:3d:4e:5f", "Yes", "TRV")};
@@ -184,7 +185,7 @@ TEST_F(known_ap_test, LoadTakesTheRadiosLinesAndOnlyAdds)
     EXPECT_EQ(log_count("[dorvand] Known-AP entry ignored: bad MAC text \"ZZ1B2C3D4E20\"\n"), 1);
     EXPECT_EQ(log_count("[dorvand] Known-AP entry ignored: MAC text longer than 17 characters\n"), 1);
 
-    load_known_aps(known_ap_tables[0], "wlan0");
+    load_known_aps(neighbours().known_ap_tables[0], "wlan0");
     EXPECT_EQ(table_rows(0), want);
     EXPECT_EQ(log_count("Duplicate entry at"), 5);
 }
@@ -198,7 +199,7 @@ TEST_F(known_ap_test, OverLongLineIsSkippedWithItsTail)
     std::string fits = "system:apList:knownApTable:wlan0:3:0A1B2C3D4E70 1,1 ";
     fits.append(255 - fits.size(), 'y');
     testutil::write_file("/tmp/run/config", line + fits + "\n");
-    load_known_aps(known_ap_tables[0], "wlan0");
+    load_known_aps(neighbours().known_ap_tables[0], "wlan0");
     EXPECT_EQ(table_rows(0), (std::vector<std::string>{row("0a:1b:2c:3d:4e:70", "Yes", "TRM")}));
     EXPECT_EQ(log_count("[dorvand] Skipped a line of /tmp/run/config longer than 255 characters\n"), 1);
 }

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "core/state.h"
+#include "board/board.h"
 #include "neighbours/neighbours.h"
 #include "test_util.h"
 
@@ -17,16 +17,16 @@ using mac_t = std::array<uint8_t, 6>;
 inline void reset_neighbour_state()
 {
     free_kh_list();
-    dlist_init(&kh_list);
-    kh_list_nonempty = 0;
-    for (auto& table : known_ap_tables) {
+    dlist_init(&neighbours().kh_list);
+    neighbours().kh_list_nonempty = 0;
+    for (auto& table : neighbours().known_ap_tables) {
         free_known_ap_table(table);
         table = nullptr;
     }
-    radio_count = 3;
+    board().radio_count = 3;
     for (int r = 0; r < 3; ++r)
-        known_ap_tables[r] = create_hash_table();
-    ft_enabled_vaps = 0;
+        neighbours().known_ap_tables[r] = create_hash_table();
+    neighbours().ft_enabled_vaps = 0;
 }
 
 class neighbours_test : public sandbox_test {
@@ -44,7 +44,7 @@ protected:
 inline std::vector<mac_t> list_macs()
 {
     std::vector<mac_t> out;
-    for (const kh_entry* e = kh_list.next; e != &kh_list; e = e->next)
+    for (const kh_entry* e = neighbours().kh_list.next; e != &neighbours().kh_list; e = e->next)
         out.push_back({e->mac[0], e->mac[1], e->mac[2], e->mac[3], e->mac[4], e->mac[5]});
     return out;
 }
@@ -55,7 +55,7 @@ inline void append_key_holder(const mac_t& mac, uint8_t active, uint8_t family)
     std::copy(mac.begin(), mac.end(), e->mac);
     e->active = active;
     e->family = family;
-    dlist_append(&kh_list, e);
+    dlist_append(&neighbours().kh_list, e);
 }
 
 // The 16-byte file image of one key holder, link words zero.
@@ -106,7 +106,7 @@ inline std::vector<std::string> table_rows(int radio)
 {
     size_t from = log_size();
     static const char* names[3] = {"wlan0", "wlan1", "wlan2"};
-    traverse_hash_table(known_ap_tables[radio], names[radio]);
+    traverse_hash_table(neighbours().known_ap_tables[radio], names[radio]);
     std::vector<std::string> rows;
     for (const std::string& m : log_messages(from)) {
         if (m.find("present =") != std::string::npos)

@@ -3,8 +3,9 @@
 // on demand. Also the module's test fixture and database helpers.
 #pragma once
 
-#include "core/files.h"
-#include "core/state.h"
+#include "base/paths.h"
+#include "base/files.h"
+#include "neighbours/neighbours.h"
 #include "eventloop/eloop.h"
 #include "scan/scan.h"
 #include "scan/scan_internal.h"
@@ -176,7 +177,7 @@ inline std::vector<sleep_call> sleeps;
 inline unsigned fake_sleep(unsigned seconds)
 {
     sleeps.push_back(
-        {seconds, {file_exists(scan_db_markers[0]), file_exists(scan_db_markers[1]), file_exists(scan_db_markers[2])}});
+        {seconds, {file_exists(paths::scan_db_markers[0]), file_exists(paths::scan_db_markers[1]), file_exists(paths::scan_db_markers[2])}});
     return 0;
 }
 
@@ -240,9 +241,9 @@ class scan_test : public sandbox_test
         scantest::sleeps.clear();
         driver_ioctl = scantest::fake_ioctl;
         scan_sleep = scantest::fake_sleep;
-        for (auto& list : scan_chan_list)
+        for (auto& list : scanning().scan_chan_list)
             list.clear();
         eloop_init(0);
-        ft_enabled_vaps = 0;
+        neighbours().ft_enabled_vaps = 0;
     }
 };

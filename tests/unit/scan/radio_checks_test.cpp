@@ -1,6 +1,7 @@
 // Radio, VAP, CAC, voice-traffic and channel-list checks against the fake
 // driver.
 #include "fake_driver.h"
+#include "scan/scan.h"
 
 #include <gtest/gtest.h>
 
@@ -150,21 +151,21 @@ TEST_F(scan_test, channel_info_appends_to_the_named_radio)
 {
     fake.chan_info = {36, 40, 44};
     EXPECT_EQ(get_channel_info("wifi1vap0"), 0);
-    EXPECT_EQ(scan_chan_list[1], (std::vector<int32_t>{36, 40, 44}));
-    EXPECT_TRUE(scan_chan_list[0].empty());
+    EXPECT_EQ(scanning().scan_chan_list[1], (std::vector<int32_t>{36, 40, 44}));
+    EXPECT_TRUE(scanning().scan_chan_list[0].empty());
     EXPECT_EQ(log_count("The 5GHz channel is 40\n"), 1);
     EXPECT_EQ(fake.chan_info_calls, (std::vector<std::pair<std::string, uint16_t>>{{"wifi1vap0", 20464}}));
 
     // Never cleared: a second call appends the same channels again.
     EXPECT_EQ(get_channel_info("wifi1vap3"), 0);
-    EXPECT_EQ(scan_chan_list[1], (std::vector<int32_t>{36, 40, 44, 36, 40, 44}));
+    EXPECT_EQ(scanning().scan_chan_list[1], (std::vector<int32_t>{36, 40, 44, 36, 40, 44}));
 
     fake.chan_info = {6};
     EXPECT_EQ(get_channel_info("wifi0vap0"), 0);
     fake.chan_info = {149};
     EXPECT_EQ(get_channel_info("wifi2vap1"), 0);
-    EXPECT_EQ(scan_chan_list[0], std::vector<int32_t>{6});
-    EXPECT_EQ(scan_chan_list[2], std::vector<int32_t>{149});
+    EXPECT_EQ(scanning().scan_chan_list[0], std::vector<int32_t>{6});
+    EXPECT_EQ(scanning().scan_chan_list[2], std::vector<int32_t>{149});
     EXPECT_EQ(log_count("The 2.4GHz channel is 6\n"), 1);
     EXPECT_EQ(log_count("The 5GHz High channel is 149\n"), 1);
 }
@@ -187,7 +188,7 @@ TEST_F(scan_test, channel_info_without_a_list_change)
         fake.chan_info = r.channels;
         fake.fail_io = r.fail;
         EXPECT_EQ(get_channel_info(r.name), r.result);
-        for (const auto& list : scan_chan_list)
+        for (const auto& list : scanning().scan_chan_list)
             EXPECT_TRUE(list.empty());
     }
     EXPECT_EQ(log_count(" channel is "), 0);
@@ -199,8 +200,8 @@ TEST_F(scan_test, channel_info_count_is_an_unsigned_byte)
     for (int i = 1; i <= 255; ++i)
         fake.chan_info.push_back(static_cast<uint8_t>(i));
     EXPECT_EQ(get_channel_info("wifi0vap0"), 0);
-    ASSERT_EQ(scan_chan_list[0].size(), 255u);
-    EXPECT_EQ(scan_chan_list[0].back(), 255);
+    ASSERT_EQ(scanning().scan_chan_list[0].size(), 255u);
+    EXPECT_EQ(scanning().scan_chan_list[0].back(), 255);
 }
 
 } // namespace

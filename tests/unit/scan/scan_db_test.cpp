@@ -1,4 +1,5 @@
 // Creation of the scan databases and the channel and BSS upserts.
+#include "base/paths.h"
 #include "fake_driver.h"
 
 #include <gtest/gtest.h>
@@ -43,7 +44,7 @@ TEST_F(scan_test, create_makes_both_tables_per_band)
     EXPECT_EQ(create_scan_db_2g(), 0);
     EXPECT_EQ(create_scan_db_5g(), 0);
     EXPECT_EQ(create_scan_db_5gh(), 0);
-    for (const char* file : scan_db_files) {
+    for (const char* file : paths::scan_dbs) {
         SCOPED_TRACE(file);
         EXPECT_EQ(query(file, "SELECT name FROM sqlite_master WHERE type='table' ORDER BY name"),
                   (rows{{"CHANNEL_DETAILS"}, {"SCANNED_AP_DETAILS"}}));

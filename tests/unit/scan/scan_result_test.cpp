@@ -2,6 +2,7 @@
 // fake driver: requests made, rows written, hand-overs and failures.
 #include "fake_driver.h"
 #include "neighbours/neighbours.h"
+#include "scan/scan.h"
 
 #include <cstdlib>
 #include <ctime>
@@ -49,7 +50,7 @@ class scan_result_test : public scan_test
     void SetUp() override
     {
         scan_test::SetUp();
-        for (auto& table : known_ap_tables)
+        for (auto& table : neighbours().known_ap_tables)
             if (!table)
                 table = create_hash_table();
         ASSERT_EQ(create_scan_db_2g(), 0);
@@ -251,8 +252,8 @@ TEST_P(scan_result_failure_test, fails_and_releases_the_lock)
     EXPECT_EQ(fake.debug_calls.size(), c.requests);
     EXPECT_EQ(query(db2g, "SELECT COUNT(*) FROM SCANNED_AP_DETAILS"), (rows{{c.ap_rows}}));
     EXPECT_EQ(log_count("mutex unlocked [process_scan_result] \n"), 1);
-    ASSERT_TRUE(scan_result_lock.try_lock());
-    scan_result_lock.unlock();
+    ASSERT_TRUE(scanning().scan_result_lock.try_lock());
+    scanning().scan_result_lock.unlock();
 }
 
 INSTANTIATE_TEST_SUITE_P(scan, scan_result_failure_test, ::testing::ValuesIn(failure_cases),

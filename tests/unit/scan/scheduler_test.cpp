@@ -1,7 +1,10 @@
 // The per-band timer chain: which timer each handler leaves pending, after
 // how long, and what a scan did meanwhile.
+#include "base/paths.h"
 #include "fake_driver.h"
 #include "neighbours/neighbours.h"
+#include "board/board.h"
+#include "scan/scan.h"
 
 #include <cmath>
 #include <gtest/gtest.h>
@@ -74,7 +77,7 @@ class scheduler_test : public scan_test
     void SetUp() override
     {
         scan_test::SetUp();
-        for (auto& table : known_ap_tables)
+        for (auto& table : neighbours().known_ap_tables)
             if (!table)
                 table = create_hash_table();
         testutil::write_file("/usr/sbin/wifitool", "#!/bin/sh\necho \"$@\" >> /tmp/wifitool_runs\n", 0755);
@@ -90,7 +93,7 @@ class scheduler_test : public scan_test
 TEST_F(scheduler_test, rogue_check_repeats_while_disabled)
 {
     set_rogue(0, 0, 0);
-    ft_enabled_vaps = 0x7; // 802.11r plays no part in the first start
+    neighbours().ft_enabled_vaps = 0x7; // 802.11r plays no part in the first start
     rogue_ap_check_5gl(0, 0);
     expect_next(1, rogue_ap_check_5gl, 0, 5);
     rogue_ap_check_5gl(0, 0);
@@ -103,7 +106,7 @@ TEST_F(scheduler_test, unreadable_rogue_setting_counts_as_enabled)
     testutil::write_file("/tmp/run/config", "");
     rogue_ap_check_2g(0, 0);
     EXPECT_EQ(log_count("[dorvand] Rogue AP enabled for 2.4GHz radio. Starting the scan\n"), 1);
-    expect_next(0, trigger_2g_full_scan, 0, rand_scan_timer);
+    expect_next(0, trigger_2g_full_scan, 0, scanning().rand_scan_timer);
 }
 
 TEST_F(scheduler_test, radio_down_retries_without_a_database)
@@ -119,12 +122,12 @@ TEST_F(scheduler_test, radio_up_creates_database_and_draws_delay)
 {
     start_5gh_scan_timer();
     EXPECT_TRUE(testutil::exists("/tmp/scan_db_5gh"));
-    EXPECT_GE(rand_scan_timer, 60);
-    EXPECT_LE(rand_scan_timer, 300);
-    EXPECT_EQ(rand_scan_timer % 10, 0);
-    expect_next(2, trigger_5gh_full_scan, 2, rand_scan_timer);
-    EXPECT_EQ(log_count("[dorvand] start_5gh_scan_timer : " + std::to_string(rand_scan_timer) + " seconds \n"), 1);
-    EXPECT_EQ(log_count("**** 1736 : rand_scan_timer: " + std::to_string(rand_scan_timer) + " seconds ****\n"), 1);
+    EXPECT_GE(scanning().rand_scan_timer, 60);
+    EXPECT_LE(scanning().rand_scan_timer, 300);
+    EXPECT_EQ(scanning().rand_scan_timer % 10, 0);
+    expect_next(2, trigger_5gh_full_scan, 2, scanning().rand_scan_timer);
+    EXPECT_EQ(log_count("[dorvand] start_5gh_scan_timer : " + std::to_string(scanning().rand_scan_timer) + " seconds \n"), 1);
+    EXPECT_EQ(log_count("**** 1736 : rand_scan_timer: " + std::to_string(scanning().rand_scan_timer) + " seconds ****\n"), 1);
 }
 
 TEST_F(scheduler_test, high_band_runs_only_for_radio_type_1)
@@ -133,7 +136,7 @@ TEST_F(scheduler_test, high_band_runs_only_for_radio_type_1)
     for (int32_t type : {0, 1, 2, -1}) {
         SCOPED_TRACE(type);
         eloop_init(0);
-        radio_type_val = type;
+        board().radio_type_val = type;
         start_rogue_checks();
         expect_next(0, rogue_ap_check_2g, 0, 5);
         expect_next(1, rogue_ap_check_5gl, 0, 5);
@@ -188,7 +191,7 @@ const full_case full_cases[] = {
     {"ft_alone_suffices", 1,
      [] {
          set_rogue(0, 0, 0);
-         ft_enabled_vaps = 1u << 10;
+         neighbours().ft_enabled_vaps = 1u << 10;
      },
      trigger_5gl_batch_scan, 1800, "[dorvand] trigger_5gl_full_scan :scan success \n", 1, true},
     {"no_cac_check_on_2g", 0, cac, trigger_2g_batch_scan, 1800, "[dorvand] trigger_2g_full_scan : scan success \n", 1,
@@ -218,7 +221,7 @@ TEST_P(full_scan_test, leaves_one_timer)
         EXPECT_EQ(sleeps[0].seconds, 10u);
         EXPECT_TRUE(sleeps[0].marker[c.radio]); // written while the results are read
     }
-    EXPECT_FALSE(testutil::exists(scan_db_markers[c.radio]));
+    EXPECT_FALSE(testutil::exists(paths::scan_db_markers[c.radio]));
     EXPECT_EQ(fake.param_gets.size(), c.asks_cac ? 1u : 0u);
 }
 
@@ -229,7 +232,7 @@ TEST_F(scheduler_test, full_scan_success_learns_channels)
 {
     ASSERT_EQ(create_scan_db_5g(), 0);
     trigger_5gl_full_scan(0, 1);
-    EXPECT_EQ(scan_chan_list[1], (std::vector<int32_t>{36, 40}));
+    EXPECT_EQ(scanning().scan_chan_list[1], (std::vector<int32_t>{36, 40}));
     EXPECT_EQ(testutil::read_file("/tmp/wifitool_runs"), "wifi1vap0 setchanlist 0\n");
     ASSERT_EQ(fake.param_sets.size(), 1u);
     EXPECT_STREQ(fake.param_sets[0].name, "wifi1vap0");
@@ -238,7 +241,7 @@ TEST_F(scheduler_test, full_scan_success_learns_channels)
 
 TEST_F(scheduler_test, batch_scan_walks_the_channel_list)
 {
-    scan_chan_list[0] = {1, 6, 11};
+    scanning().scan_chan_list[0] = {1, 6, 11};
     trigger_2g_batch_scan(0, 0);
     expect_next(0, trigger_2g_batch_scan, 0, 1800);
     std::vector<int> scanned;
@@ -251,7 +254,7 @@ TEST_F(scheduler_test, batch_scan_walks_the_channel_list)
         EXPECT_EQ(s.seconds, 5u);
         EXPECT_TRUE(s.marker[0]);
     }
-    EXPECT_FALSE(testutil::exists(scan_db_markers[0]));
+    EXPECT_FALSE(testutil::exists(paths::scan_db_markers[0]));
     EXPECT_EQ(log_count("[dorvand] trigger_2g_batch_scan: The total channel count is 3\n"), 1);
     EXPECT_EQ(log_count("mutex unlocked [process_scan_result] \n"), 3);
 }
@@ -276,7 +279,7 @@ const batch_case batch_cases[] = {
     {"skip_5g_fallback", 1, no_vap, 10, "[dorvand] trigger_5gl_batch_scan: Skipping the scan for wifi1 [1:0] \n"},
     {"cac_5g", 1, cac, 60,
      "[dorvand] trigger_5gl_batch_scan: CAC timer running on the interface wifi1vap0, holding the scan trigger\n"},
-    {"no_channels", 2, [] { scan_chan_list[2].clear(); }, 1800,
+    {"no_channels", 2, [] { scanning().scan_chan_list[2].clear(); }, 1800,
      "[dorvand] trigger_5gh_batch_scan: The total channel count is 0\n"},
 };
 
@@ -288,14 +291,14 @@ TEST_P(batch_scan_test, reads_nothing_and_leaves_one_timer)
 {
     const batch_case& c = GetParam();
     testutil::write_file("/usr/local/bin/ifconfig", "#!/bin/sh\n", 0755);
-    scan_chan_list[c.radio] = {1};
+    scanning().scan_chan_list[c.radio] = {1};
     c.setup();
     band_of[c.radio].batch(0, c.radio);
     expect_next(c.radio, band_of[c.radio].batch, c.radio, c.secs);
     EXPECT_EQ(log_count(c.log_line), 1) << testutil::log_text();
     EXPECT_TRUE(sleeps.empty());
     EXPECT_TRUE(fake.debug_calls.empty());
-    EXPECT_FALSE(testutil::exists(scan_db_markers[c.radio]));
+    EXPECT_FALSE(testutil::exists(paths::scan_db_markers[c.radio]));
 }
 
 INSTANTIATE_TEST_SUITE_P(scan, batch_scan_test, ::testing::ValuesIn(batch_cases),

@@ -2,7 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core/daemon.h"
+#include "daemon/daemon.h"
 #include "test_util.h"
 
 namespace {

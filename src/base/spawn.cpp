@@ -3,7 +3,7 @@
 // signal mask and default signal dispositions: the daemon blocks its own
 // signals in every thread but one and ignores SIGPIPE, and neither should
 // leak into the scripts and programs it runs.
-#include "core/shell.h"
+#include "base/spawn.h"
 
 #include <spawn.h>
 #include <sys/wait.h>
@@ -18,7 +18,7 @@
 #include <fcntl.h>
 #include <vector>
 
-#include "core/files.h"
+#include "base/files.h"
 
 extern char** environ;
 

@@ -3,6 +3,19 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
+
+struct dbcom_handle;
+
+// What the module owns for the life of the process.
+struct ft_shared {
+    // The configuration-store handle, made at start-up, closed at exit.
+    dbcom_handle* config_handle = nullptr;
+    // One configuration-store transaction at a time in the whole process:
+    // held for a whole refresh and a whole SIGRTMIN update.
+    std::timed_mutex config_lock;
+};
+ft_shared& ft_state();
 
 // Reads the 11rStatus of every VAP into ft_enabled_vaps and reloads the
 // key-holder file when any VAP is enabled. Takes config_lock for its whole

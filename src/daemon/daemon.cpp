@@ -1,6 +1,6 @@
 // Start-up, threads, signals, pid file and the clean-up of the daemon. The
-// ownership of state and the lock order are described in core/state.h.
-#include "core/daemon.h"
+// ownership of state and the lock order are described in daemon/threads.h.
+#include "daemon/daemon.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -13,22 +13,18 @@
 #include <cstring>
 #include <iterator>
 
-#include "board/roam_lib.h"
 #include "configstore/dbcom.h"
-#include "core/files.h"
-#include "core/ft_status.h"
-#include "core/log.h"
-#include "core/state.h"
+#include "base/files.h"
+#include "ftstatus/ft_status.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "board/board.h"
 #include "eventloop/eloop.h"
 #include "neighbours/neighbours.h"
 #include "scan/scan.h"
 
 namespace {
 
-constexpr const char* log_path = "/tmp/log/dorvand_log";
-constexpr const char* pid_path = "/tmp/dorvand.pid";
-constexpr const char* event_sock_path = "/tmp/roam_sock";
-constexpr const char* key_holder_path = "/var/roam_key_holders";
 constexpr int exit_signal = 10;
 
 // How long the clean-up waits for a lock before leaving what it guards to the
@@ -141,9 +137,9 @@ struct cleanup_locks {
 cleanup_locks take_cleanup_locks()
 {
     cleanup_locks held{};
-    held.config = config_lock.try_lock_for(cleanup_config_wait);
-    held.key_holders = kh_lock.try_lock_for(cleanup_lock_wait);
-    held.tables = ht_mutex.try_lock_for(cleanup_lock_wait);
+    held.config = ft_state().config_lock.try_lock_for(cleanup_config_wait);
+    held.key_holders = neighbours().kh_lock.try_lock_for(cleanup_lock_wait);
+    held.tables = neighbours().ht_mutex.try_lock_for(cleanup_lock_wait);
     return held;
 }
 
@@ -153,9 +149,9 @@ void free_tables(bool locked)
         log_msg(0, log_lvl::error, "[dorvand] known-AP tables busy; left to the end of the process\n");
         return;
     }
-    for (int r = 0; r < radio_count && r < 3; ++r) {
-        free_known_ap_table(known_ap_tables[r]);
-        known_ap_tables[r] = nullptr;
+    for (int r = 0; r < board().radio_count && r < 3; ++r) {
+        free_known_ap_table(neighbours().known_ap_tables[r]);
+        neighbours().known_ap_tables[r] = nullptr;
     }
 }
 
@@ -174,29 +170,8 @@ void close_config_handle(bool locked)
         log_msg(0, log_lvl::error, "[dorvand] configuration read in progress; handle left to the end of the process\n");
         return;
     }
-    dbcom_close(config_handle);
-    config_handle = nullptr;
-}
-
-void log_cancelled(int line, int count)
-{
-    log_msg(0, log_lvl::info, " %d Number of eloop cancelled timeouts:%d \n", line, count);
-}
-
-void cancel_scan_timers()
-{
-    log_cancelled(__LINE__, eloop_cancel_timer(rogue_ap_check_2g, 0, ELOOP_ANY_CTX));
-    log_cancelled(__LINE__, eloop_cancel_timer(start_2g_scan_timer, 0, ELOOP_ANY_CTX));
-    log_cancelled(__LINE__, eloop_cancel_timer(trigger_2g_full_scan, 0, ELOOP_ANY_CTX));
-    log_cancelled(__LINE__, eloop_cancel_timer(trigger_2g_batch_scan, 0, ELOOP_ANY_CTX));
-    log_cancelled(__LINE__, eloop_cancel_timer(rogue_ap_check_5gl, 0, ELOOP_ANY_CTX));
-    log_cancelled(__LINE__, eloop_cancel_timer(start_5gl_scan_timer, 0, ELOOP_ANY_CTX));
-    log_cancelled(__LINE__, eloop_cancel_timer(trigger_5gl_full_scan, 0, ELOOP_ANY_CTX));
-    log_cancelled(__LINE__, eloop_cancel_timer(trigger_5gl_batch_scan, 0, ELOOP_ANY_CTX));
-    log_cancelled(__LINE__, eloop_cancel_timer(rogue_ap_check_5gh, 0, ELOOP_ANY_CTX));
-    log_cancelled(__LINE__, eloop_cancel_timer(start_5gh_scan_timer, 0, ELOOP_ANY_CTX));
-    log_cancelled(__LINE__, eloop_cancel_timer(trigger_5gh_full_scan, 0, ELOOP_ANY_CTX));
-    log_cancelled(__LINE__, eloop_cancel_timer(trigger_5gh_batch_scan, 0, ELOOP_ANY_CTX));
+    dbcom_close(ft_state().config_handle);
+    ft_state().config_handle = nullptr;
 }
 
 void start_thread(thread_entry entry)
@@ -211,7 +186,7 @@ void start_thread(thread_entry entry)
 
 int write_pid_file()
 {
-    unique_fd fd(open(pid_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0200));
+    unique_fd fd(open(paths::pid_file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0200));
     if (!fd.valid())
         return -1;
     fchmod(fd.get(), 0200);  // an older file may have had another mode
@@ -224,14 +199,14 @@ int write_pid_file()
 
 void init_tables()
 {
-    for (int r = 0; r < radio_count && r < 3; ++r) {
-        known_ap_tables[r] = create_hash_table();
+    for (int r = 0; r < board().radio_count && r < 3; ++r) {
+        neighbours().known_ap_tables[r] = create_hash_table();
         // Events and scans for this radio are then refused as for a radio
         // the board does not have; the daemon runs on.
-        if (!known_ap_tables[r])
+        if (!neighbours().known_ap_tables[r])
             log_msg(1, log_lvl::error, "[dorvand] No memory for the known-AP table of wlan%d\n", r);
     }
-    dlist_init(&kh_list);
+    dlist_init(&neighbours().kh_list);
 }
 
 void register_exit_signal(struct sigaction* action, int signo, void (*handler)(int))
@@ -259,13 +234,13 @@ void register_info_signal(struct sigaction* action, int signo, void (*handler)(i
 
 void exit_handler(int)
 {
-    remove_daemon_file(pid_path);
-    remove_daemon_file(event_sock_path);
-    remove_daemon_file(key_holder_path);
+    remove_daemon_file(paths::pid_file);
+    remove_daemon_file(paths::event_socket);
+    remove_daemon_file(paths::key_holders);
     const cleanup_locks held = take_cleanup_locks();
     free_tables(held.tables);
     free_key_holders(held.key_holders);
-    cancel_scan_timers();
+    stop_scan_scheduler();
     close_config_handle(held.config);
     log_msg(0, log_lvl::info, "[dorvand] Exiting from daemon\n");
     // The other threads are still running: end without static destructors.
@@ -288,6 +263,7 @@ void setup_signals()
 
 void* eloop_thread(void*)
 {
+    set_scan_startup_work(refresh_ft_status);
     eloop_add_timer(3, 0, start_scan_scheduler, 0, 0);
     eloop_run();
     return nullptr;
@@ -305,19 +281,18 @@ void* signal_thread(void*)
 
 int daemon_main()
 {
-    log_init(8, 0x80000, 2, log_path);
+    log_init(8, 0x80000, 2, paths::log_file);
     eloop_init(0);
-    radio_type_val = get_radio_type(product_id);
-    radio_count = radio_type_val != 0 ? 3 : 2;
-    config_handle = dbcom_init("/tmp/confd_get", "/tmp/confd_set", DBCOM_UNIX_STREAM);
-    if (!config_handle)
+    board_load();
+    ft_state().config_handle = dbcom_init(paths::configd_get_socket, paths::configd_set_socket, DBCOM_UNIX_STREAM);
+    if (!ft_state().config_handle)
         log_msg(1, log_lvl::error, "db handler initialisation  error \n");
     log_msg(1, log_lvl::info, "[dorvand] radio_type = %s | product_id = %s\n",
-            radio_type_val != 0 ? "Tri Radio" : "Dual Radio", product_id);
+            board().radio_type_val != 0 ? "Tri Radio" : "Dual Radio", board().product_id);
 
     if (daemon(0, 0) != 0) {
         log_msg(0, log_lvl::error, "[dorvand] Daemonizing process failed\n");
-        dbcom_close(config_handle);
+        dbcom_close(ft_state().config_handle);
         return 1;
     }
     // A peer that went away must show up as EPIPE, never end the process.
@@ -325,7 +300,7 @@ int daemon_main()
 
     if (write_pid_file() != 0) {
         int err = errno;
-        log_msg(0, log_lvl::error, "[dorvand] \n Failed to open the pid file \"(%s)\" [ Reason = %s(%d)]", pid_path,
+        log_msg(0, log_lvl::error, "[dorvand] \n Failed to open the pid file \"(%s)\" [ Reason = %s(%d)]", paths::pid_file,
                 strerror(err), err);
     }
     init_tables();

@@ -2,7 +2,7 @@
 // scans of a wireless access point.
 #include <unistd.h>
 
-#include "core/daemon.h"
+#include "daemon/daemon.h"
 
 int main()
 {

@@ -1,12 +1,7 @@
-// Process-wide state shared by the daemon's modules, and the one place that
-// says which thread owns what and in which order the locks are taken.
+// The daemon's threads, which thread owns what, and the one order in which
+// locks are taken. Every module's header refers here; nothing else in the
+// code restates these rules.
 #pragma once
-
-#include <atomic>
-#include <cstdint>
-#include <mutex>
-
-struct dbcom_handle;
 
 // ---------------------------------------------------------------------------
 // Threads
@@ -27,7 +22,8 @@ struct dbcom_handle;
 //  the signal thread, so handlers only ever interrupt that one.
 //
 // Locks, always taken in this order (a thread holding one may take only the
-// ones below it):
+// ones below it). Each lives in the state record of the module that owns
+// what it guards: ft_state(), scanning(), neighbours().
 //
 //  1. config_lock       one configuration-store transaction at a time in the
 //                       whole process; held for a whole 802.11r refresh and a
@@ -44,22 +40,14 @@ struct dbcom_handle;
 //  (log_lock, inside log_msg, is a leaf: nothing is taken while holding it.)
 //
 // ft_enabled_vaps is atomic: it is written under config_lock by the refresh
-// and read by the key-change writers under kh_lock.
+// and read by the key-change writers under kh_lock. board() is written once
+// by the main thread before any other thread starts and only read after.
 //
 // Shutdown (signal 10) runs on the signal thread. It removes the files first,
 // then takes config_lock, kh_lock and ht_mutex each with a bounded wait before
 // freeing what they guard; what it cannot lock in time (a thread stuck in a
 // configuration read, say) is left to the end of the process rather than
 // freed under a running thread. It cancels the scan timers through the event
-// loop's own lock and ends the process with _exit, so no static destructor
+// loop's own lock (stop_scan_scheduler) and ends the process with _exit, so no static destructor
 // runs while the other threads are still alive.
 // ---------------------------------------------------------------------------
-
-extern uint8_t radio_count;       // 2 or 3, set once at start-up
-extern int32_t radio_type_val;    // 0, 1, 2, or -1 for an unknown product
-extern char product_id[12];       // board product identifier, at most 11 characters
-extern dbcom_handle* config_handle;
-extern std::atomic<uint32_t> ft_enabled_vaps;  // bit 10*radio + vap: 802.11r enabled
-
-extern std::timed_mutex config_lock;
-extern std::timed_mutex kh_lock;

@@ -1,5 +1,5 @@
 // The daemon's log file with rotation, and its syslog copies.
-#include "core/log.h"
+#include "base/log.h"
 
 #include <syslog.h>
 
@@ -11,11 +11,14 @@
 #include <mutex>
 #include <string>
 
-const char msg_type[8][8] = {"EMERG", "ALERT", "CRIT ", "ERROR", "WARN ", "NOTE ", "INFO ", "DEBUG"};
-log_conf data{};
-uint32_t cur_log_size = 0;
-
 namespace {
+
+// Level names in fixed 8-byte slots, indexed by level.
+const char msg_type[8][8] = {"EMERG", "ALERT", "CRIT ", "ERROR", "WARN ", "NOTE ", "INFO ", "DEBUG"};
+// The active configuration (a copy installed by set_log_conf).
+log_conf data{};
+// Running size of the current log file in bytes.
+uint32_t cur_log_size = 0;
 
 constexpr uint32_t max_backups = 99;
 constexpr uint32_t max_size_limit = 0x100000;
@@ -134,4 +137,21 @@ void log_init(uint32_t level_limit, uint32_t size_limit, uint32_t backup_count, 
     startup_conf.backup_count = backup_count;
     snprintf(startup_conf.path, sizeof startup_conf.path, "%s", path);
     set_log_conf(startup_conf);
+}
+
+const log_conf& log_active_conf()
+{
+    return data;
+}
+
+uint32_t log_running_size()
+{
+    std::lock_guard<std::mutex> lock(log_lock);
+    return cur_log_size;
+}
+
+void log_reset_running_size()
+{
+    std::lock_guard<std::mutex> lock(log_lock);
+    cur_log_size = 0;
 }

@@ -22,12 +22,12 @@ struct log_conf {
     char path[256];
 };
 
-// Level names in fixed 8-byte slots, indexed by level.
-extern const char msg_type[8][8];
-// The active configuration (a copy installed by set_log_conf).
-extern log_conf data;
+// The active configuration, as set_log_conf installed it.
+const log_conf& log_active_conf();
 // Running size of the current log file in bytes.
-extern uint32_t cur_log_size;
+uint32_t log_running_size();
+// Forgets the running size, as a fresh start without a log file would.
+void log_reset_running_size();
 
 // Appends one line to the log file (when level < the level limit) and, when
 // to_syslog is 1, hands the message to syslog whatever its level. Returns 0.

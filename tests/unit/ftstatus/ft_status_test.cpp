@@ -7,9 +7,9 @@
 #include <thread>
 
 #include "configstore/dbcom.h"
-#include "core/daemon.h"
-#include "core/ft_status.h"
-#include "core/state.h"
+#include "daemon/daemon.h"
+#include "ftstatus/ft_status.h"
+#include "board/board.h"
 #include "fake_configd.h"
 #include "neighbours/neighbours.h"
 #include "test_util.h"
@@ -33,33 +33,33 @@ protected:
         testutil::install_fake_script();
         testutil::write_file("/usr/local/bin/check_configd_child", "#!/bin/sh\ntouch /tmp/FT_Configd_Child_Check\n",
                              0755);
-        radio_count = 2;
-        ft_enabled_vaps = 0;
+        board().radio_count = 2;
+        neighbours().ft_enabled_vaps = 0;
         server_ = std::make_unique<fake_configd>();
         for (int r = 0; r < 3; ++r)
             for (int v = 0; v < 10; ++v)
                 server_->set(key(r, v), "0");
-        config_handle = dbcom_init(nullptr, nullptr, DBCOM_UNIX_STREAM);
-        ASSERT_NE(config_handle, nullptr);
+        ft_state().config_handle = dbcom_init(nullptr, nullptr, DBCOM_UNIX_STREAM);
+        ASSERT_NE(ft_state().config_handle, nullptr);
         init_tables();
     }
 
     void TearDown() override
     {
         free_kh_list();
-        for (auto*& t : known_ap_tables) {
+        for (auto*& t : neighbours().known_ap_tables) {
             free_known_ap_table(t);
             t = nullptr;
         }
-        dbcom_close(config_handle);
-        config_handle = nullptr;
+        dbcom_close(ft_state().config_handle);
+        ft_state().config_handle = nullptr;
         server_.reset();
     }
 
     // One key holder for neighbour 0A:1B:2C:3D:4E:50 (family TRV, radio 0).
     void add_key_holder()
     {
-        std::lock_guard<std::timed_mutex> hold(kh_lock);
+        std::lock_guard<std::timed_mutex> hold(neighbours().kh_lock);
         kh_candidate c{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50}, 1, FAMILY_TRV, 0, 0};
         uint8_t changed = 0;
         add_to_kh_list(&c, 0, &changed, KH_MODE_DERIVE);
@@ -75,9 +75,9 @@ TEST_F(ft_status_test, RefreshSetsOnlyVapsWhoseStatusIsExactlyOne)
     server_->set(key(0, 0), "1");
     server_->set(key(1, 2), "1");
     server_->set(key(1, 3), "2");
-    ft_enabled_vaps = 1u << 5;  // wlan0 vap5 was on and now reads 0
+    neighbours().ft_enabled_vaps = 1u << 5;  // wlan0 vap5 was on and now reads 0
     refresh_ft_status();
-    EXPECT_EQ(ft_enabled_vaps.load(), 0x1001u);
+    EXPECT_EQ(neighbours().ft_enabled_vaps.load(), 0x1001u);
     EXPECT_EQ(log_count("ft_enabled_vaps  = 00001001 \n"), 1);
     EXPECT_EQ(log_count("wlan1vap3 = 2\n"), 1);
     EXPECT_EQ(server_->requests(), 20) << "two radios of ten VAPs, one read each";
@@ -87,22 +87,22 @@ TEST_F(ft_status_test, EmptyValueRetriesAreSharedByTheWholeRefresh)
 {
     server_->set(key(0, 0), "");
     server_->set(key(0, 1), "");
-    ft_enabled_vaps = 0x3;
+    neighbours().ft_enabled_vaps = 0x3;
     refresh_ft_status();
     // vap0 spends all three retries (four reads); vap1 then falls back to "0"
     // at once (one read). An answer line without a value is one attempt.
     EXPECT_EQ(log_count(" Assigning respto zero \n"), 2);
     EXPECT_EQ(server_->requests(), 18 + 4 + 1);
-    EXPECT_EQ(ft_enabled_vaps.load(), 0u);
+    EXPECT_EQ(neighbours().ft_enabled_vaps.load(), 0u);
 }
 
 TEST_F(ft_status_test, ReadFailureKeepsTheBit)
 {
-    dbcom_close(config_handle);
-    config_handle = nullptr;
-    ft_enabled_vaps = 0x2;
+    dbcom_close(ft_state().config_handle);
+    ft_state().config_handle = nullptr;
+    neighbours().ft_enabled_vaps = 0x2;
     refresh_ft_status();
-    EXPECT_EQ(ft_enabled_vaps.load(), 0x2u);
+    EXPECT_EQ(neighbours().ft_enabled_vaps.load(), 0x2u);
     EXPECT_EQ(log_count("dbcom get failed for system:vapSettings:vapSettingTable:wlan"), 20);
 }
 
@@ -129,7 +129,7 @@ TEST_F(ft_status_test, SignalReportsChangedVapsAndRunsScriptOnce)
     EXPECT_NE(key_changes.find("ft_key_changed_wifi1vap2=1,0\n"), std::string::npos);
     EXPECT_NE(key_changes.find("ft_key_changed_wifi0vap3=1,1\n"), std::string::npos);
     EXPECT_EQ(testutil::script_runs(), runs_before + 1);
-    EXPECT_EQ(ft_enabled_vaps.load(), 0x1u);
+    EXPECT_EQ(neighbours().ft_enabled_vaps.load(), 0x1u);
     EXPECT_EQ(log_count("ft_enabled_vaps = 00000001 \n"), 1);
 }
 
@@ -180,7 +180,7 @@ TEST_F(ft_status_test, ConcurrencyQueuedSignalsDuringRefresh)
     loop.join();
     EXPECT_EQ(log_count(received), signals);
     EXPECT_EQ(log_count("ft_enabled_vaps = 00000001 \n"), signals);
-    EXPECT_EQ(ft_enabled_vaps.load(), 1u);
+    EXPECT_EQ(neighbours().ft_enabled_vaps.load(), 1u);
 }
 
 }  // namespace

@@ -13,9 +13,10 @@
 #include <thread>
 
 #include "configstore/dbcom.h"
-#include "core/daemon.h"
-#include "core/files.h"
-#include "core/state.h"
+#include "daemon/daemon.h"
+#include "base/files.h"
+#include "board/board.h"
+#include "ftstatus/ft_status.h"
 #include "neighbours/neighbours.h"
 #include "test_util.h"
 
@@ -45,8 +46,8 @@ unique_fd silent_configd()
     unique_fd configd = silent_configd();
     if (!configd.valid())
         _exit(3);
-    radio_count = 2;
-    config_handle = dbcom_init(nullptr, nullptr, DBCOM_UNIX_STREAM);
+    board().radio_count = 2;
+    ft_state().config_handle = dbcom_init(nullptr, nullptr, DBCOM_UNIX_STREAM);
     init_tables();
     setup_signals();
     sigval value{};
@@ -77,20 +78,20 @@ TEST_F(exit_signal_test, DuringStalledUpdateEndsWithStatusZero)
 // key-holder lock would leave the worker stuck and the list unfreed.
 [[noreturn]] void exit_during_scan_match()
 {
-    radio_count = 2;
+    board().radio_count = 2;
     write_pid_file();
     init_tables();
     auto* holder = new kh_entry{nullptr, nullptr, {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, 1, 0};
-    dlist_append(&kh_list, holder);
+    dlist_append(&neighbours().kh_list, holder);
     setup_signals();
     std::atomic<bool> holding{false};
     std::thread match([&holding] {
-        std::lock_guard<std::timed_mutex> hold(kh_lock);
+        std::lock_guard<std::timed_mutex> hold(neighbours().kh_lock);
         holding = true;
         while (file_exists("/tmp/dorvand.pid"))
             usleep(1000);
         usleep(50000);  // let the clean-up reach its locks
-        traverse_hash_table(known_ap_tables[0], "wlan0");
+        traverse_hash_table(neighbours().known_ap_tables[0], "wlan0");
     });
     while (!holding)
         usleep(1000);

@@ -1,5 +1,5 @@
 // The 802.11r status of the VAPs, read from the configuration store.
-#include "core/ft_status.h"
+#include "ftstatus/ft_status.h"
 
 #include <unistd.h>
 
@@ -12,20 +12,24 @@
 #include <string>
 
 #include "configstore/dbcom.h"
-#include "core/files.h"
-#include "core/log.h"
-#include "core/shell.h"
-#include "core/state.h"
+#include "base/files.h"
+#include "base/log.h"
+#include "base/spawn.h"
+#include "base/paths.h"
 #include "neighbours/neighbours.h"
+#include "board/board.h"
+
+ft_shared& ft_state()
+{
+    static ft_shared state;
+    return state;
+}
 
 namespace {
 
 constexpr int vaps_per_radio = 10;
 constexpr int max_failed_checks = 72;
 constexpr int max_empty_retries = 3;
-constexpr const char* check_program = "/usr/local/bin/check_configd_child";
-constexpr const char* check_flag = "/tmp/FT_Configd_Child_Check";
-constexpr const char* key_holder_path = "/var/roam_key_holders";
 
 struct setting_key {
     char text[256];
@@ -55,8 +59,8 @@ bool configd_ready(int& failed)
 {
     while (failed < max_failed_checks) {
         log_msg(0, log_lvl::info, "Checking for configd child to avoid multiple dbcom get at same time\n");
-        shell_run(64, "%s", check_program);
-        if (file_exists(check_flag))
+        shell_run(64, "%s", paths::configd_check_program);
+        if (file_exists(paths::configd_check_flag))
             return true;
         log_msg(0, log_lvl::info, " Checking for configd child retry count:%d \n", failed);
         sleep(5);
@@ -72,7 +76,7 @@ bool read_refresh_status(const setting_key& key, int& empty_retries, int& status
     std::optional<std::string> value;
     std::optional<std::string> error;
     for (;;) {
-        if (dbcom_get(config_handle, key.text, &value, &error) != 0) {
+        if (dbcom_get(ft_state().config_handle, key.text, &value, &error) != 0) {
             log_msg(1, log_lvl::info, "dbcom get failed for %s [%s]\n", key.text, text_or_empty(error));
             return false;
         }
@@ -95,8 +99,8 @@ void refresh_locked()
 {
     int failed_checks = 0;
     int empty_retries = 0;
-    log_msg(0, log_lvl::info, "radios = %d \n", radio_count);
-    for (int r = 0; r < radio_count; ++r) {
+    log_msg(0, log_lvl::info, "radios = %d \n", board().radio_count);
+    for (int r = 0; r < board().radio_count; ++r) {
         for (int v = 0; v < vaps_per_radio; ++v) {
             setting_key key = make_key(r, v);
             int status = 0;
@@ -104,17 +108,17 @@ void refresh_locked()
                 continue;
             log_msg(0, log_lvl::info, "wlan%dvap%d = %d\n", r, v, status);
             if (status == 1)
-                ft_enabled_vaps.fetch_or(vap_bit(r, v));
+                neighbours().ft_enabled_vaps.fetch_or(vap_bit(r, v));
             else
-                ft_enabled_vaps.fetch_and(~vap_bit(r, v));
+                neighbours().ft_enabled_vaps.fetch_and(~vap_bit(r, v));
         }
     }
-    if (ft_enabled_vaps.load() != 0 && file_exists(key_holder_path)) {
+    if (neighbours().ft_enabled_vaps.load() != 0 && file_exists(paths::key_holders)) {
         log_msg(0, log_lvl::info, "MKH exist\n");
-        std::lock_guard<std::timed_mutex> hold(kh_lock);
+        std::lock_guard<std::timed_mutex> hold(neighbours().kh_lock);
         reload_key_holders();
     }
-    log_msg(0, log_lvl::info, "ft_enabled_vaps  = %08X \n", ft_enabled_vaps.load());
+    log_msg(0, log_lvl::info, "ft_enabled_vaps  = %08X \n", neighbours().ft_enabled_vaps.load());
 }
 
 // Reads one changed VAP for the signal update, up to three retries for an
@@ -124,7 +128,7 @@ bool read_changed_status(const setting_key& key, int& status)
     std::optional<std::string> value;
     std::optional<std::string> error;
     for (int retries = 0;; ++retries) {
-        if (dbcom_get(config_handle, key.text, &value, &error) != 0) {
+        if (dbcom_get(ft_state().config_handle, key.text, &value, &error) != 0) {
             int err = errno;
             log_msg(1, log_lvl::error, "dbcom get failed [%d|%s] \n", err, strerror(err));
             return false;
@@ -140,12 +144,12 @@ bool read_changed_status(const setting_key& key, int& status)
 
 void report_status_change(int radio, int vap, int enabled)
 {
-    std::lock_guard<std::timed_mutex> hold(kh_lock);
-    if (!kh_list_nonempty) {
+    std::lock_guard<std::timed_mutex> hold(neighbours().kh_lock);
+    if (!neighbours().kh_list_nonempty) {
         log_msg(0, log_lvl::info, "List is empty \n");
         return;
     }
-    for (kh_entry* e = kh_list.next; e != &kh_list; e = e->next)
+    for (kh_entry* e = neighbours().kh_list.next; e != &neighbours().kh_list; e = e->next)
         vap_ft_status_changed(radio, vap, *e, enabled);
 }
 
@@ -153,16 +157,16 @@ void report_status_change(int radio, int vap, int enabled)
 
 void refresh_ft_status()
 {
-    std::lock_guard<std::timed_mutex> hold(config_lock);
+    std::lock_guard<std::timed_mutex> hold(ft_state().config_lock);
     refresh_locked();
 }
 
 void ft_status_update(int signo, int32_t value)
 {
-    std::lock_guard<std::timed_mutex> hold(config_lock);
+    std::lock_guard<std::timed_mutex> hold(ft_state().config_lock);
     log_msg(0, log_lvl::info, "Received %d signal | %d[%X] \n", signo, value, static_cast<unsigned>(value));
     uint32_t mask = static_cast<uint32_t>(value);
-    for (int r = 0; r < radio_count; ++r) {
+    for (int r = 0; r < board().radio_count; ++r) {
         for (int v = 0; v < vaps_per_radio; ++v) {
             if (!(mask & vap_bit(r, v)))
                 continue;
@@ -177,10 +181,10 @@ void ft_status_update(int signo, int32_t value)
         }
     }
     {
-        std::lock_guard<std::timed_mutex> hold_kh(kh_lock);
-        if (kh_list_nonempty)
+        std::lock_guard<std::timed_mutex> hold_kh(neighbours().kh_lock);
+        if (neighbours().kh_list_nonempty)
             run_ft_script();
     }
     refresh_locked();
-    log_msg(0, log_lvl::info, "ft_enabled_vaps = %08X \n", ft_enabled_vaps.load());
+    log_msg(0, log_lvl::info, "ft_enabled_vaps = %08X \n", neighbours().ft_enabled_vaps.load());
 }

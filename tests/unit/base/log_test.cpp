@@ -2,7 +2,7 @@
 #include <regex>
 #include <string>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "test_util.h"
 
 using testutil::exists;
@@ -33,7 +33,7 @@ TEST_F(log_test, LineHasAsctimeStampLevelNameAndKeepsMessageNewline)
     std::regex line(R"(^\[(Mon|Tue|Wed|Thu|Fri|Sat|Sun) [A-Z][a-z]{2} [ 123]\d \d\d:\d\d:\d\d \d{4}\] \[INFO \] : )"
                     R"(\[dorvand\] Exiting from daemon\n\n$)");
     EXPECT_TRUE(std::regex_match(text, line)) << text;
-    EXPECT_EQ(cur_log_size, text.size());
+    EXPECT_EQ(log_running_size(), text.size());
 }
 
 // The start-up limit 8 lets every level into the file; 6 drops INFO and DEBUG.
@@ -58,7 +58,7 @@ TEST_F(log_test, SizeEqualToLimitDoesNotRotateButExceedingDoes)
 {
     write_file(path, std::string(100, 'a'));
     configure(8, 100, 2);
-    ASSERT_EQ(cur_log_size, 100u) << "the size of an existing file counts";
+    ASSERT_EQ(log_running_size(), 100u) << "the size of an existing file counts";
     log_msg(0, log_lvl::info, "first");
     EXPECT_FALSE(exists(std::string(path) + ".0")) << "a file at the limit must not rotate";
     std::string before = read_file(path);
@@ -76,7 +76,7 @@ TEST_F(log_test, SizeEqualToLimitDoesNotRotateButExceedingDoes)
     EXPECT_EQ(fresh.find("second"), std::string::npos);
     // The running size counts the triggering line too, although it went to
     // the backup: rotation resets the count before that line is written.
-    EXPECT_EQ(cur_log_size, backup0.size() - before.size() + fresh.size());
+    EXPECT_EQ(log_running_size(), backup0.size() - before.size() + fresh.size());
 }
 
 TEST_F(log_test, RotationShiftsBackupsAndDropsTheOldest)
@@ -102,8 +102,8 @@ TEST_F(log_test, ConfigurationIsClamped)
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.size_in << "/" << c.backups_in);
         configure(8, c.size_in, c.backups_in);
-        EXPECT_EQ(data.size_limit, c.size_out);
-        EXPECT_EQ(data.backup_count, c.backups_out);
+        EXPECT_EQ(log_active_conf().size_limit, c.size_out);
+        EXPECT_EQ(log_active_conf().backup_count, c.backups_out);
     }
 }
 
@@ -118,7 +118,7 @@ TEST_F(log_test, InitCutsPathTo255Characters)
 {
     std::string long_path = "/tmp/" + std::string(300, 'p');
     log_init(8, 0x80000, 2, long_path.c_str());
-    EXPECT_EQ(std::string(data.path), long_path.substr(0, 255));
+    EXPECT_EQ(std::string(log_active_conf().path), long_path.substr(0, 255));
 }
 
 }  // namespace

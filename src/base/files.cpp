@@ -1,5 +1,5 @@
 // File helpers shared by the modules.
-#include "core/files.h"
+#include "base/files.h"
 
 #include <cstring>
 #include <string>
