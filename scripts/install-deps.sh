@@ -3,7 +3,7 @@
 # access point need, when any of them is missing.
 set -euo pipefail
 packages=(g++ cmake make libgtest-dev libgmock-dev libsqlite3-dev sqlite3 python3 python3-pytest
-          iproute2 util-linux procps)
+          iproute2 util-linux procps python3-matplotlib)
 # The armhf build: Debian's cross compiler, and qemu-arm to run what it builds.
 packages+=(g++-arm-linux-gnueabihf qemu-user)
 # The 32-bit layout check compiles with -m32. g++-multilib would remove the

@@ -18,7 +18,7 @@ from pathlib import Path
 from sim import scenario as scen
 from sim.expect import parse_records, read_table, text_lines
 from sim.logwatch import level_of
-from sim.png import Canvas, text_width
+from sim.charts import survey_chart
 from sim.runner import RunResult
 
 BAND_NAMES = {"2g": "2.4 GHz", "5g": "5 GHz", "5gh": "5 GHz high"}
@@ -126,7 +126,7 @@ def _band(out: Path, band: str, sc) -> str:
     aps = sorted(read_table(db, "SCANNED_AP_DETAILS") or [], key=lambda r: (r["CHANNEL"], -r["RSSI"]))
     chart = out / f"chart_{band}.png"
     if chans:
-        survey_chart(f"{BAND_NAMES[band]} channel survey", chans).save(chart)
+        survey_chart(chart, f"{BAND_NAMES[band]} channel survey", chans)
     lines = [f"---- {BAND_NAMES[band]} (/tmp/{DB_NAMES[band]}): {len(chans)} channels, {len(aps)} access points"
              + (f"; chart {chart.name}" if chans else ""),
              "    CH  BSS  LOAD  NOISE  MINRSSI  MAXRSSI  SPECTRAL  RANK"]
@@ -194,45 +194,6 @@ def _read(path: Path) -> bytes:
         return path.read_bytes()
     except FileNotFoundError:
         return b""
-
-
-# ---- the chart ---------------------------------------------------------------------------------
-
-LOAD_COLOR, BSS_COLOR, GRID, INK, GREY = (52, 101, 164), (245, 121, 0), (225, 225, 225), (30, 30, 30), (110, 110, 110)
-
-
-def survey_chart(title: str, chans: list[dict]) -> Canvas:
-    """Per channel a bar of its load (left axis, %) and a bar of the BSSs
-    seen (right axis), with noise floor and rank printed under each."""
-    slot, left, top, plot_h = 52, 80, 70, 220
-    width = left + slot * len(chans) + 70
-    height = top + plot_h + 100
-    bss_top = max(4, -(-max(c["NBSS"] for c in chans) // 4) * 4)
-    cv = Canvas(max(width, 480), height)
-    cv.text(left, 16, title, INK, 3)
-    cv.rect(left, 46, 14, 14, LOAD_COLOR)
-    x = cv.text(left + 20, 46, "LOAD %", INK, 2) + 24
-    cv.rect(x, 46, 14, 14, BSS_COLOR)
-    cv.text(x + 20, 46, "BSS SEEN", INK, 2)
-    base = top + plot_h
-    for pct in range(0, 101, 25):
-        y = base - pct * plot_h // 100
-        cv.rect(left, y, slot * len(chans), 1, GRID)
-        cv.text(left - 8 - text_width(str(pct)), y - 7, str(pct), GREY, 2)
-        cv.text(left + slot * len(chans) + 8, y - 7, str(bss_top * pct // 100), BSS_COLOR, 2)
-    for i, c in enumerate(chans):
-        x0 = left + i * slot
-        load_h = min(100, c["CH_LOAD"]) * plot_h // 100
-        bss_h = c["NBSS"] * plot_h // bss_top
-        cv.rect(x0 + 8, base - load_h, 17, load_h, LOAD_COLOR)
-        cv.rect(x0 + 27, base - bss_h, 17, bss_h, BSS_COLOR)
-        for row, (value, color) in enumerate(((c["CHANNEL"], INK), (c["NOISE_FLOOR"], GREY), (c["RANK"], GREY))):
-            text = str(value)
-            cv.text(x0 + (slot - text_width(text)) // 2, base + 10 + row * 22, text, color, 2)
-    cv.rect(left, base, slot * len(chans), 2, INK)
-    for row, name in enumerate(("CH", "NOISE", "RANK")):
-        cv.text(left - 8 - text_width(name), base + 10 + row * 22, name, GREY, 2)
-    return cv
 
 
 if __name__ == "__main__":

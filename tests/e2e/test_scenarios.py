@@ -1,41 +1,25 @@
 """Every scenario of sim/scenarios run through the simulated access point,
 with its expectations checked by the same runner that sim/run uses; and the
 tool itself: scenarios with mistakes are refused by name, a failing
-expectation fails the run, and the report's charts are sound PNG files."""
+expectation fails the run, and the report's charts show their bars."""
 
-import struct
 import subprocess
 import sys
-import zlib
 from pathlib import Path
 
 import pytest
 
-from sim import report, scenario
+from sim import charts, report, scenario
 from sim.runner import Runner
 
 REPO = Path(__file__).resolve().parents[2]
 
 
-def png_size_and_pixels(path: Path) -> tuple[int, int, bytes]:
-    """Decodes an 8-bit RGB PNG without filters, checking every chunk's CRC."""
-    data = path.read_bytes()
-    assert data[:8] == b"\x89PNG\r\n\x1a\n", f"{path.name} is not a PNG"
-    pos, chunks = 8, {}
-    while pos < len(data):
-        length, kind = struct.unpack(">I4s", data[pos:pos + 8])
-        body = data[pos + 8:pos + 8 + length]
-        (crc,) = struct.unpack(">I", data[pos + 8 + length:pos + 12 + length])
-        assert crc == zlib.crc32(kind + body), f"bad CRC in the {kind!r} chunk of {path.name}"
-        chunks[kind] = chunks.get(kind, b"") + body
-        pos += 12 + length
-    width, height, depth, colour = struct.unpack(">IIBB", chunks[b"IHDR"][:10])
-    assert (depth, colour) == (8, 2)
-    raw = zlib.decompress(chunks[b"IDAT"])
-    stride = 1 + 3 * width
-    assert len(raw) == height * stride
-    assert all(raw[y * stride] == 0 for y in range(height))
-    return width, height, b"".join(raw[y * stride + 1:(y + 1) * stride] for y in range(height))
+def has_colours(path: Path, *colours: str) -> bool:
+    """The picture holds pixels of exactly these colours (the bars' fill)."""
+    from matplotlib import colors, image
+    pixels = {tuple(p) for p in (image.imread(path)[:, :, :3] * 255).round().astype(int).reshape(-1, 3).tolist()}
+    return all(tuple(round(c * 255) for c in colors.to_rgb(want)) in pixels for want in colours)
 
 
 @pytest.mark.parametrize("name", scenario.names())
@@ -49,8 +33,7 @@ def test_scenario_expectations_hold(name, dorvand, simlib, tmp_path_factory):
     assert len(result.outcomes) == len(sc.expectations)
     assert f"PASSED: scenario {name}" in text
     for band in sc.scanning_bands():
-        width, height, pixels = png_size_and_pixels(out / f"chart_{band}.png")
-        assert bytes(report.LOAD_COLOR) in pixels and bytes(report.BSS_COLOR) in pixels, f"chart_{band}.png is blank"
+        assert has_colours(out / f"chart_{band}.png", charts.LOAD_COLOR, charts.BSS_COLOR), f"chart_{band}.png is blank"
 
 
 BAD_SCENARIOS = [
