@@ -4,7 +4,10 @@
 // The driver's target is a 32-bit little-endian system. The structures keep
 // the target's field order with native pointers: on a 32-bit build every
 // offset below is the driver's (checked at the end of this file); on a 64-bit
-// build the fields behind a pointer move, which both ends see alike.
+// build the fields behind a pointer move, which both ends see alike. Every
+// length that goes to the driver is the fixed number below, never the size
+// of a host structure: a 64-bit build pads a structure holding a pointer
+// beyond the driver's length, and would send a length no driver expects.
 #pragma once
 
 #include <cstddef>
@@ -162,7 +165,22 @@ struct drv_debug_block {
     uint8_t reserved[1016];
 };
 
+// ---- Lengths sent to the driver ----------------------------------------------
+
+inline constexpr uint16_t DRV_CHAN_INFO_LEN = 20464;   // reply buffer of DRV_REQ_CHAN_INFO
+inline constexpr uint32_t DRV_VOICE_STATS_LEN = 40;    // EXT_CMD_VOICE_STATS block
+inline constexpr uint32_t DRV_CHAN_SCAN_LEN = 56;      // EXT_CMD_CHAN_SCAN block
+inline constexpr uint16_t DRV_DEBUG_BLOCK_LEN = 1036;  // debug block of DRV_REQ_DEBUG
+inline constexpr uint32_t ACS_REPORT_LEN = 188;        // report buffer of the debug block
+inline constexpr uint32_t ACS_NEIGHBOUR_LEN = 52;      // one entry of the neighbour buffer
+
 // ---- Layout checks ---------------------------------------------------------
+
+// The driver fills as many bytes as the length says: each structure holds
+// them on every build, and is exactly that long where pointers are 4 bytes.
+static_assert(sizeof(drv_chan_info) == DRV_CHAN_INFO_LEN && sizeof(drv_voice_stats) == DRV_VOICE_STATS_LEN &&
+              sizeof(drv_chan_scan) == DRV_CHAN_SCAN_LEN && sizeof(acs_neighbour) == ACS_NEIGHBOUR_LEN);
+static_assert(sizeof(drv_debug_block) >= DRV_DEBUG_BLOCK_LEN && sizeof(acs_report) >= ACS_REPORT_LEN);
 
 static_assert(sizeof(drv_param_req) == 32 && offsetof(drv_param_req, param) == 16 &&
               offsetof(drv_param_req, value) == 20);
@@ -193,6 +211,5 @@ static_assert(sizeof(drv_iwreq) == 32 && offsetof(drv_iwreq, u.data.pointer) == 
               offsetof(drv_iwreq, u.data.length) == 20 && offsetof(drv_iwreq, u.data.flags) == 22);
 static_assert(sizeof(drv_ext_cmd) == 12 && offsetof(drv_ext_cmd, cmd) == 0 && offsetof(drv_ext_cmd, data) == 4 &&
               offsetof(drv_ext_cmd, length) == 8);
-static_assert(sizeof(drv_debug_block) == 1036);
-static_assert(sizeof(acs_report) == 188);
+static_assert(sizeof(drv_debug_block) == DRV_DEBUG_BLOCK_LEN && sizeof(acs_report) == ACS_REPORT_LEN);
 #endif

@@ -193,7 +193,7 @@ int monitor_traffic(const char* ifname)
     copy_ifname(req.name, ifname);
     cmd.cmd = EXT_CMD_VOICE_STATS;
     cmd.data = &stats;
-    cmd.length = sizeof stats;
+    cmd.length = DRV_VOICE_STATS_LEN;
     req.u.data = &cmd;
     if (driver_ioctl(fd.get(), DRV_REQ_EXT_CMD, &req) < 0) {
         log_msg(0, log_lvl::info, "%s: ioctl failed\n", "monitor_traffic");
@@ -219,7 +219,7 @@ int get_channel_info(const char* ifname)
     copy_ifname(req.name, ifname);
     if (reply) {
         req.u.data.pointer = reply.get();
-        req.u.data.length = static_cast<uint16_t>(sizeof(drv_chan_info));
+        req.u.data.length = DRV_CHAN_INFO_LEN;
     }
     // Without a socket or a reply buffer the request cannot succeed.
     if (!fd.valid() || !reply || driver_ioctl(fd.get(), DRV_REQ_CHAN_INFO, &req) < 0) {

@@ -77,10 +77,10 @@ void fill_acs_report_request(drv_iwreq& req, drv_debug_block& block, acs_report&
     zero_block(report);
     copy_ifname(req.name, ifname);
     req.u.data.pointer = &block;
-    req.u.data.length = static_cast<uint16_t>(sizeof block);
+    req.u.data.length = DRV_DEBUG_BLOCK_LEN;
     block.cmd = DBG_CMD_ACS_REPORT;
     block.zero = 0;
-    block.report_length = static_cast<uint32_t>(sizeof report);
+    block.report_length = ACS_REPORT_LEN;
     block.report = &report;
     set_neighbour_buffer(report, nullptr, 0);
     report.wanted = 0;
@@ -90,7 +90,7 @@ void set_neighbour_buffer(acs_report& report, acs_neighbour* buffer, size_t entr
 {
     report.nbr = {};
     report.nbr.pointer = buffer;
-    report.nbr_length = buffer ? static_cast<uint32_t>(entries * sizeof(acs_neighbour)) : 0;
+    report.nbr_length = buffer ? static_cast<uint32_t>(entries * ACS_NEIGHBOUR_LEN) : 0;
 }
 
 void want_report_entry(drv_debug_block& block, acs_report& report, uint8_t index)

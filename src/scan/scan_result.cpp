@@ -67,7 +67,7 @@ void resolve_ifname(int radio, const char* ifname, char (&out)[32])
 {
     out[0] = '\0';
     if (strlen(ifname) > 5) {
-        snprintf(out, sizeof out, "%s", ifname);
+        snprintf(out, sizeof out, "%.31s", ifname); // cut to the buffer; refused below as too long
         return;
     }
     int vap = find_active_vap(ifname, radio);
@@ -235,7 +235,7 @@ int trigger_batch_scan(int radio, int channel)
     drv_ext_cmd cmd{};
     cmd.cmd = EXT_CMD_CHAN_SCAN;
     cmd.data = &block;
-    cmd.length = sizeof block;
+    cmd.length = DRV_CHAN_SCAN_LEN;
     drv_ifreq req{};
     char name[16] = {};
     snprintf(name, 15, "wifi%d", radio); // bound 15: byte 15 of the field stays 0
