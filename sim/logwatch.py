@@ -50,8 +50,13 @@ class LogWatcher:
     """poll() reads what the log gained; times come from the lines' own
     time stamps (the daemon's accelerated clock) less `t0`, the start."""
 
-    def __init__(self, root: Path, t0: float = 0.0):
+    def __init__(self, root: Path, t0: float = 0.0, keep: bool = True):
+        """keep: hold the whole text (for text() and count() of any text);
+        without it only the texts given to track() are counted, which is
+        what a deployment of many daemons can afford."""
         self.root = Path(root)
+        self.keep = keep
+        self.counts: dict[str, int] = {}
         self.path = self.root / "tmp/log/dorvand_log"
         self.t0 = t0
         self.now = 0.0  # daemon seconds of the latest line read
@@ -77,7 +82,18 @@ class LogWatcher:
         return self._chunks[0] if self._chunks else ""
 
     def count(self, text: str) -> int:
-        return self.text().count(text)
+        return self.counts[text] if text in self.counts else self.text().count(text)
+
+    def track(self, *texts: str) -> None:
+        """Counts these texts from now on, whether the text is kept or not."""
+        for t in texts:
+            self.counts.setdefault(t, 0)
+
+    def skip_existing(self) -> None:
+        """Reads only what the log gains from now on (a daemon started again
+        appends to the log of the one before)."""
+        st = _stat(self.path)
+        self._ino, self._off = (st.st_ino, st.st_size) if st else (None, 0)
 
     def reached(self, milestone: str, bands: list[str]) -> float | None:
         """When a milestone was reached; "full" and "batchN" need every band
@@ -113,7 +129,10 @@ class LogWatcher:
         cut = data.rfind(b"\n") + 1
         self._partial = data[cut:]
         text = data[:cut].decode("utf-8", "replace")
-        self._chunks.append(text)
+        if self.keep:
+            self._chunks.append(text)
+        for t in self.counts:
+            self.counts[t] += text.count(t)
         return text.splitlines()
 
     def _read(self, path: Path) -> bytes:

@@ -70,13 +70,15 @@ class Sandbox:
     def __init__(self, dorvand, simlib, *, scratch=None, board: str | bytes | None = "TRM238",
                  config: str = "", links: dict[str, bool] | None = None,
                  driver: DriverState | dict | None = None, scale: float = DEFAULT_SCALE,
-                 configd: dict | None = None, keep: bool = False):
+                 configd: dict | None = None, keep: bool = False, t0: float | None = None):
         """board: the product id (or the raw bytes of /etc/board; None: no
         file). config: text of /tmp/run/config. links: interface name -> up,
         the board's radios and VAPs (default DEFAULT_LINKS). driver: the
         simulated driver's answers. scale: daemon seconds per real second.
         configd: the configuration store's table, served on /tmp/confd_get
-        (None: no configd). keep: leave the scratch folder behind."""
+        (None: no configd). keep: leave the scratch folder behind. t0: the
+        real time at which the daemon's clock agrees with the host's (default:
+        the launch), shared by the access points of one deployment."""
         self.dorvand = Path(dorvand)
         self.simlib = Path(simlib)
         self.board = board
@@ -89,7 +91,9 @@ class Sandbox:
         self.scratch = Path(scratch).resolve() if scratch else Path(tempfile.mkdtemp(prefix="dorvsim-"))
         self.root = self.scratch / "root"
         self.out = self.scratch / "out"
-        self.t0 = 0.0
+        self.t0 = t0 or 0.0
+        self._fixed_t0 = t0 is not None
+        self._prepared = False
         self._proc: subprocess.Popen | None = None
         self._ns_log = None
         self._pid: int | None = None
@@ -110,12 +114,19 @@ class Sandbox:
 
     def start(self, wait: bool = True, timeout: float = 10.0) -> "Sandbox":
         """Builds the root and starts the daemon; with `wait`, returns once
-        the daemon has written its pid file."""
-        self._build_root()
-        self._syslog = SyslogSink(_sock_path(self.path("/dev/log")), self.out / "syslog.txt")
-        self._syslog.start()
-        self._start_configd()
-        self.t0 = time.time()
+        the daemon has written its pid file. Once the daemon and everything
+        below it have ended, start() runs it again over the same root (an
+        access point that comes back): its files, syslog and configd stay."""
+        if self.running():
+            raise SandboxError("the sandbox still runs")
+        if not self._prepared:
+            self.prepare()
+        self._pid = None
+        if not self._fixed_t0:
+            self.t0 = time.time()
+        if self._ns_log:
+            self._ns_log.close()
+        (self.out / "ns_status.json").unlink(missing_ok=True)  # an earlier run's pids and exits
         cfg = self._ns_config()
         cfg_path = self.out / "ns_init.json"
         cfg_path.write_text(json.dumps(cfg, indent=1))
@@ -133,6 +144,18 @@ class Sandbox:
             except BaseException:
                 self.terminate()
                 raise
+        return self
+
+    def prepare(self) -> "Sandbox":
+        """The slow part of start(): the root, syslog and configd. Starting
+        many access points at once prepares them all first, so that their
+        daemons come up close together."""
+        self._build_root()
+        self.path("/dev/log").unlink(missing_ok=True)
+        self._syslog = SyslogSink(_sock_path(self.path("/dev/log")), self.out / "syslog.txt")
+        self._syslog.start()
+        self._start_configd()
+        self._prepared = True
         return self
 
     def stop(self, timeout: float = 10.0) -> int | None:
