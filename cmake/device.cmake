@@ -1,0 +1,37 @@
+# Build flags for the access points: the Device configuration and hardening.
+#
+# -DCMAKE_BUILD_TYPE=Device is the release build for the boards: optimised for
+# size, every function and object in its own section so that the linker drops
+# what nothing uses. DORVAND_STATIC_RUNTIME links the C++ run-time and libgcc
+# into the daemon: many access-point images ship no libstdc++, and the daemon
+# uses a small part of it. DORVAND_HARDEN (on by default, every build type)
+# adds the usual hardening: fortified libc calls where the build optimises,
+# stack protector, read-only relocations resolved at start, position-
+# independent executables.
+
+# Plain variables: project() has already put empty cache entries for a build
+# type it does not know, and those would win over a cache default.
+set(CMAKE_C_FLAGS_DEVICE "-Os -ffunction-sections -fdata-sections")
+set(CMAKE_CXX_FLAGS_DEVICE "-Os -ffunction-sections -fdata-sections")
+set(CMAKE_EXE_LINKER_FLAGS_DEVICE "-Wl,--gc-sections -Wl,-O1")
+set(CMAKE_SHARED_LINKER_FLAGS_DEVICE "-Wl,--gc-sections -Wl,-O1")
+
+option(DORVAND_STATIC_RUNTIME "link libstdc++ and libgcc statically (needs only libc and libsqlite3)" OFF)
+option(DORVAND_HARDEN "fortify, stack protector, full RELRO, PIE" ON)
+
+if(DORVAND_STATIC_RUNTIME)
+  add_link_options(-static-libstdc++ -static-libgcc)
+endif()
+
+if(DORVAND_HARDEN)
+  add_compile_options(-fstack-protector-strong)
+  # Fortified calls need optimisation, and a sanitizer checks the same
+  # accesses itself.
+  if(NOT DORVAND_SANITIZE)
+    add_compile_options($<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+  endif()
+  add_link_options(-Wl,-z,relro -Wl,-z,now)
+  set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+  include(CheckPIESupported)
+  check_pie_supported()
+endif()
