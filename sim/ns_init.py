@@ -97,7 +97,7 @@ def reap(cfg, status, launcher):
         if pid == launcher:
             status["launcher_status"] = code
             # The launcher has detached: its child is now ours.
-            status["daemon_pids"] = [p for p in children() if comm(p) == "dorvand"]
+            status["daemon_pids"] = [p for p in children() if comm(p) == cfg["daemon_comm"]]
         write_status(cfg["status"], status)
     status["done"] = True
     write_status(cfg["status"], status)
@@ -120,7 +120,7 @@ def main():
     libc = ctypes.CDLL(None, use_errno=True)
     libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
     env = [f"{k}={v}" for k, v in cfg["env"].items()]
-    launcher = subprocess.Popen(["chroot", cfg["root"], "/usr/bin/env", "-i", *env, cfg["daemon"]],
+    launcher = subprocess.Popen(["chroot", cfg["root"], "/usr/bin/env", "-i", *env, *cfg["daemon"]],
                                 stdin=subprocess.DEVNULL)
     status["launcher_pid"] = launcher.pid
     write_status(cfg["status"], status)

@@ -21,7 +21,7 @@ from pathlib import Path
 
 from sim.expect import AP2MAC, DB_FILES, FT_KEY_CHANGED, KEY_HOLDERS, Checker
 from sim.logwatch import BANDS, LogWatcher
-from sim.sandbox import Sandbox
+from sim.sandbox import Emulation, Sandbox
 from sim.scenario import DRIVER_ERRORS, Event, Scenario, until_milestone
 
 POLL = 0.02  # real seconds between looks at the log
@@ -71,14 +71,15 @@ class RunResult:
 
 
 class Runner:
-    def __init__(self, scenario: Scenario, dorvand, simlib, out: Path, scale: float | None = None, echo=print):
+    def __init__(self, scenario: Scenario, dorvand, simlib, out: Path, scale: float | None = None, echo=print,
+                 emulation: Emulation | None = None):
         self.sc = scenario
         self.out = Path(out)
         self.echo = echo
         self.driver = scenario.driver_state()
         opts = scenario.sandbox_options(scale)
         opts["driver"] = self.driver
-        self.sb = Sandbox(dorvand, simlib, scratch=self.out, **opts)
+        self.sb = Sandbox(dorvand, simlib, scratch=self.out, emulation=emulation, **opts)
         self.watcher = LogWatcher(self.sb.root)
         self.bands = scenario.scanning_bands()
         self.result = RunResult(scenario.name, str(scenario.path or ""), self.sb.scale)

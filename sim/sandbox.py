@@ -32,6 +32,7 @@ import socket
 import subprocess
 import tempfile
 import time
+from dataclasses import dataclass
 from pathlib import Path
 
 from sim.driver_state import DriverState, write_atomic
@@ -40,6 +41,10 @@ from sim.syslog_sink import SyslogSink
 SIM_DIR = Path(__file__).resolve().parent
 DAEMON_IN_ROOT = "/usr/sbin/dorvand"
 SIMLIB_IN_ROOT = "/usr/lib/dorvsim/libdorvsim.so"
+# qemu-user's -L folder for an emulated daemon: the guest looks up every path
+# there first, so the same LD_PRELOAD names the target's preload library for
+# the daemon and the host's for the shells and tools it starts.
+GUEST_ROOT_IN_ROOT = "/usr/lib/dorvsim/guest"
 EXIT_SIGNAL = 10
 DEFAULT_SCALE = 100.0
 DEFAULT_LINKS = {"wifi0": True, "wifi0vap0": True, "wifi1": True, "wifi1vap0": True,
@@ -63,6 +68,30 @@ class SandboxError(Exception):
     pass
 
 
+@dataclass(frozen=True)
+class Emulation:
+    """A daemon built for another architecture, run under qemu-user. qemu:
+    the emulator (qemu-arm); simlib: the preload library built for the
+    target; sysroot: the target's libraries (scripts/armhf-sysroot.sh), whose
+    lib/ links to the cross toolchain's C and C++ run-time."""
+    qemu: str
+    simlib: Path
+    sysroot: Path
+
+    # qemu-user keeps the host's first two real-time signals for itself: the
+    # host's SIGRTMIN+2+n reaches the guest as its SIGRTMIN+n, and a host
+    # SIGRTMIN would end the guest.
+    RT_SHIFT = 2
+
+    def host_signal(self, sig: int) -> int:
+        return sig + self.RT_SHIFT if sig >= signal.SIGRTMIN else sig
+
+    @property
+    def comm(self) -> str:
+        """The process name of the emulated daemon: the emulator's."""
+        return Path(self.qemu).name[:15]
+
+
 class Sandbox:
     """One simulated access point. Use as a context manager, or call start()
     and close(). Every process it starts is ended by close(), by pid."""
@@ -70,7 +99,8 @@ class Sandbox:
     def __init__(self, dorvand, simlib, *, scratch=None, board: str | bytes | None = "TRM238",
                  config: str = "", links: dict[str, bool] | None = None,
                  driver: DriverState | dict | None = None, scale: float = DEFAULT_SCALE,
-                 configd: dict | None = None, keep: bool = False, t0: float | None = None):
+                 configd: dict | None = None, keep: bool = False, t0: float | None = None,
+                 emulation: Emulation | None = None):
         """board: the product id (or the raw bytes of /etc/board; None: no
         file). config: text of /tmp/run/config. links: interface name -> up,
         the board's radios and VAPs (default DEFAULT_LINKS). driver: the
@@ -78,9 +108,13 @@ class Sandbox:
         configd: the configuration store's table, served on /tmp/confd_get
         (None: no configd). keep: leave the scratch folder behind. t0: the
         real time at which the daemon's clock agrees with the host's (default:
-        the launch), shared by the access points of one deployment."""
+        the launch), shared by the access points of one deployment.
+        emulation: run `dorvand`, built for another architecture, under
+        qemu-user (`simlib` is then the host's library, for the programs the
+        daemon starts)."""
         self.dorvand = Path(dorvand)
         self.simlib = Path(simlib)
+        self.emulation = emulation
         self.board = board
         self.config = config
         self.links = dict(DEFAULT_LINKS if links is None else links)
@@ -112,7 +146,7 @@ class Sandbox:
     def __exit__(self, *exc):
         self.close()
 
-    def start(self, wait: bool = True, timeout: float = 10.0) -> "Sandbox":
+    def start(self, wait: bool = True, timeout: float | None = None) -> "Sandbox":
         """Builds the root and starts the daemon; with `wait`, returns once
         the daemon has written its pid file. Once the daemon and everything
         below it have ended, start() runs it again over the same root (an
@@ -139,6 +173,8 @@ class Sandbox:
                      str(SIM_DIR / "ns_init.py"), str(cfg_path)],
             stdin=subprocess.DEVNULL, stdout=self._ns_log, stderr=subprocess.STDOUT)
         if wait:
+            # An emulated start-up (its shell commands included) is several times slower.
+            timeout = timeout or (30.0 if self.emulation else 10.0)
             try:
                 self.wait_for(self._pid_file_written, timeout, "the detached daemon to write /tmp/dorvand.pid")
             except BaseException:
@@ -340,6 +376,8 @@ class Sandbox:
         """Sends `sig` to the daemon; with `value`, queued with that integer
         (as a SIGRTMIN carrying a VAP mask is)."""
         pid = self._need_pid()
+        if self.emulation:
+            sig = self.emulation.host_signal(sig)
         if value is None:
             os.kill(pid, sig)
             return
@@ -489,11 +527,42 @@ class Sandbox:
             dest = upper / rel[len("/usr/"):]
             dest.parent.mkdir(parents=True, exist_ok=True)
             shutil.copy2(src, dest)
+        if self.emulation:
+            self._install_guest_root(upper / GUEST_ROOT_IN_ROOT[len("/usr/"):])
+
+    def _install_guest_root(self, guest: Path) -> None:
+        """The emulated daemon's own libraries under qemu's -L folder: the
+        target's preload library and shared libraries, and lib/ for the
+        toolchain's run-time (its link resolves through the root's /usr)."""
+        emu = self.emulation
+        libs = sorted(emu.sysroot.glob("usr/lib/*/*.so.*"))
+        if not emu.simlib.is_file() or not libs or not (emu.sysroot / "lib").is_symlink():
+            raise SandboxError(f"missing {emu.simlib} or the target's libraries in {emu.sysroot} "
+                               "(scripts/armhf-sysroot.sh)")
+        dest = guest / SIMLIB_IN_ROOT.lstrip("/")
+        dest.parent.mkdir(parents=True, exist_ok=True)
+        shutil.copy2(emu.simlib, dest)
+        for lib in libs:
+            dest = guest / lib.relative_to(emu.sysroot)
+            dest.parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy2(lib, dest)
+        (guest / "lib").symlink_to(os.readlink(emu.sysroot / "lib"))
+
+    def _daemon_command(self) -> tuple[list[str], dict[str, str]]:
+        """The command that starts the daemon and the environment variables
+        it needs beyond the simulator's: the preload library, given to the
+        emulated daemon only (qemu itself must not load it)."""
+        preload = {"LD_PRELOAD": SIMLIB_IN_ROOT}
+        if not self.emulation:
+            return [DAEMON_IN_ROOT], preload
+        qemu = f"/usr/bin/{Path(self.emulation.qemu).name}"
+        return [qemu, "-L", GUEST_ROOT_IN_ROOT, "-E", f"LD_PRELOAD={SIMLIB_IN_ROOT}", DAEMON_IN_ROOT], {}
 
     def _ns_config(self) -> dict:
         for name in self.links:
             if not re.fullmatch(r"[A-Za-z0-9_.-]{1,15}", name) or name.startswith("dsim"):
                 raise SandboxError(f"bad interface name {name!r}")
+        command, preload = self._daemon_command()
         return {
             "root": str(self.root),
             "usr_upper": str(self.scratch / "usr-upper"),
@@ -501,11 +570,12 @@ class Sandbox:
             "binds": list(DEVICES),
             "links": [[name, bool(up)] for name, up in self.links.items()],
             "status": str(self.out / "ns_status.json"),
-            "daemon": DAEMON_IN_ROOT,
+            "daemon": command,
+            "daemon_comm": self.emulation.comm if self.emulation else "dorvand",
             "env": {
                 "PATH": PATH_ENV,
                 "TZ": "UTC",
-                "LD_PRELOAD": SIMLIB_IN_ROOT,
+                **preload,
                 "DORVSIM_STATE": "/dorvsim/state",
                 "DORVSIM_REQLOG": "/dorvsim/reqlog",
                 "DORVSIM_SCALE": repr(self.scale),
