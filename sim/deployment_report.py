@@ -23,13 +23,14 @@ import sys
 from collections import defaultdict
 from pathlib import Path
 
-from sim import charts, deployment
+from sim import deployment
 from sim.deployment import DExpect, Floor, offsets
 from sim.deployment_run import DeploymentResult
 from sim.expect import parse_records, read_table, text_lines
 from sim.scenario import BANDS, mac_text
 
 BAND_NAMES = {"2g": "2.4 GHz", "5g": "5 GHz", "5gh": "5 GHz high"}
+LINE_MAX = 1023  # the longest ap2_macaddr line the daemon writes
 
 
 class Evaluation:
@@ -178,23 +179,28 @@ class Evaluation:
             final = self.out / "aps" / n / "final"
             records = parse_records((final / "roam_key_holders").read_bytes()) \
                 if (final / "roam_key_holders").exists() else []
-            lines = {ln.partition("=")[0][12:]: set(ln.partition("=")[2].split())
-                     for ln in text_lines(final / "ap2_macaddr.txt")}
+            lines = {ln.partition("=")[0][12:]: ln for ln in text_lines(final / "ap2_macaddr.txt")}
             out[n] = {}
             for vap in sorted(self.res.ft.get(n, [])):
                 v = int(vap[8])
-                want = set()
+                want = {}
                 for mac, _, family in records:
                     eth, diff, first = offsets(family)
-                    want |= {mac_text(deployment.plus(mac, -eth + diff * k + v + first)) for k in range(3)}
-                got = lines.get(vap)
-                if got is None:
+                    want.update({mac_text(deployment.plus(mac, -eth + diff * k + v + first)): mac for k in range(3)})
+                line = lines.get(vap)
+                got = set(line.partition("=")[2].split()) if line is not None else set()
+                lacking = {self.owner.get(want[b], mac_text(want[b])) for b in set(want) - got}
+                if line is None:
                     out[n][vap] = (False, "no line: the daemon has 802.11r off on it")
-                elif got == want:
+                elif not lacking and got <= set(want):
                     out[n][vap] = (True, f"{len(got)} BSSIDs, those of every key holder")
                 else:
-                    out[n][vap] = (False, f"{len(want - got)} BSSIDs of key holders missing, "
-                                          f"{len(got - want)} of no key holder")
+                    cands = _names(lacking & self.cands[n])
+                    full = f"; the line is full ({len(line)} characters)" if len(line) + 18 > LINE_MAX else ""
+                    extra = len(got - set(want))
+                    out[n][vap] = (False, f"{len(got)} BSSIDs" + (f", {extra} of no key holder" if extra else "")
+                                   + (f"; lacks those of {len(lacking)} key holders (roaming candidates among "
+                                      f"them: {cands})" if lacking else "") + full)
         return out
 
 
@@ -223,7 +229,7 @@ def _header(fl: Floor, res: DeploymentResult) -> str:
     if fl.description:
         lines += [fl.description.strip(), ""]
     lines += [f"scale {res.scale:g}: {res.end:.0f} deployment seconds in {res.wall:.0f} s of wall time; CPU "
-              f"{res.cpu:.0f} s; memory of the whole run at its peak {res.peak_pss_mb:.0f} MB proportional "
+              f"{res.cpu:.0f} s ({res.cpu_runner:.0f} s of it the supervisor); memory of the whole run at its peak {res.peak_pss_mb:.0f} MB proportional "
               f"({res.peak_rss_mb:.0f} MB resident), {res.peak_processes} processes; {res.datagrams} neighbour "
               "events sent",
               f"radio model: loss {fl.reference[0]:g}/{fl.reference[1]:g}/{fl.reference[2]:g} dB at 1 m + "
@@ -330,6 +336,7 @@ def _after_setting(ev: Evaluation, spec, since: float) -> str:
 
 
 def _pictures(ev: Evaluation) -> str:
+    from sim import charts  # matplotlib only where the pictures are drawn
     out, end, fl = ev.out, ev.res.end, ev.fl
     members_seen = [a for a in fl.aps if a.name in ev.res.lives]
     states = {a.name: "up" if ev.up(a.name, end) else ("gone" if any(

@@ -64,7 +64,8 @@ class DeploymentResult:
     t0: float = 0.0
     end: float = 0.0  # deployment seconds at the final snapshot
     wall: float = 0.0
-    cpu: float = 0.0
+    cpu: float = 0.0  # seconds, this process and everything it started
+    cpu_runner: float = 0.0  # seconds, this process alone (the peer, configd and syslog of every AP, the logs)
     peak_pss_mb: float = 0.0
     peak_rss_mb: float = 0.0
     peak_processes: int = 0
@@ -138,6 +139,7 @@ class DeploymentRunner:
             self.result.wall = time.time() - wall
             usage = [resource.getrusage(w) for w in (resource.RUSAGE_SELF, resource.RUSAGE_CHILDREN)]
             self.result.cpu = sum(u.ru_utime + u.ru_stime for u in usage)
+            self.result.cpu_runner = usage[0].ru_utime + usage[0].ru_stime
             self.result.lives = {n: node.lives for n, node in self.nodes.items() if node.lives}
             self.result.ft = {n: node.ft for n, node in self.nodes.items() if node.lives}
             self.result.save(self.out / "result.json")

@@ -18,7 +18,6 @@ from pathlib import Path
 from sim import scenario as scen
 from sim.expect import parse_records, read_table, text_lines
 from sim.logwatch import level_of
-from sim.charts import survey_chart
 from sim.runner import RunResult
 
 BAND_NAMES = {"2g": "2.4 GHz", "5g": "5 GHz", "5gh": "5 GHz high"}
@@ -126,6 +125,7 @@ def _band(out: Path, band: str, sc) -> str:
     aps = sorted(read_table(db, "SCANNED_AP_DETAILS") or [], key=lambda r: (r["CHANNEL"], -r["RSSI"]))
     chart = out / f"chart_{band}.png"
     if chans:
+        from sim.charts import survey_chart  # matplotlib only where a chart is drawn
         survey_chart(chart, f"{BAND_NAMES[band]} channel survey", chans)
     lines = [f"---- {BAND_NAMES[band]} (/tmp/{DB_NAMES[band]}): {len(chans)} channels, {len(aps)} access points"
              + (f"; chart {chart.name}" if chans else ""),

@@ -1,7 +1,8 @@
 """Helpers of the end-to-end tests: neighbour event datagrams and a barrier
 for their handling, the configuration store's 11rStatus table, the
 configuration lines that turn scanning on, the driver requests of one radio
-with their daemon times, and the check that a timer fired when it was due."""
+with their daemon times, the check that a timer fired when it was due, and
+the check that a report's picture shows its colours."""
 
 from __future__ import annotations
 
@@ -112,3 +113,10 @@ def assert_retries(sb, what: str, tries: list[float], next_tries: list[float], p
             assert_fired_on_time(sb, what, t + period, min(later), busy)
             checked += 1
     return checked
+
+
+def has_colours(path, *colours: str) -> bool:
+    """The picture holds pixels of exactly these colours (bars, links)."""
+    from matplotlib import colors, image
+    pixels = {tuple(p) for p in (image.imread(path)[:, :, :3] * 255).round().astype(int).reshape(-1, 3).tolist()}
+    return all(tuple(round(c * 255) for c in colors.to_rgb(want)) in pixels for want in colours)

@@ -12,14 +12,9 @@ import pytest
 from sim import charts, report, scenario
 from sim.runner import Runner
 
+from e2e_helpers import has_colours
+
 REPO = Path(__file__).resolve().parents[2]
-
-
-def has_colours(path: Path, *colours: str) -> bool:
-    """The picture holds pixels of exactly these colours (the bars' fill)."""
-    from matplotlib import colors, image
-    pixels = {tuple(p) for p in (image.imread(path)[:, :, :3] * 255).round().astype(int).reshape(-1, 3).tolist()}
-    return all(tuple(round(c * 255) for c in colors.to_rgb(want)) in pixels for want in colours)
 
 
 @pytest.mark.parametrize("name", scenario.names())
