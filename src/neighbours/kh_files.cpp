@@ -189,7 +189,7 @@ void key_change_on_deletion(int radio, uint8_t family, uint8_t mac[6])
         for (int v = 0; v < 10; ++v) {
             if (!vap_enabled(mask, r, v))
                 continue;
-            char name[16];
+            char name[32]; // unoptimised builds see only that r is an int
             snprintf(name, sizeof name, "wifi%dvap%d", r, v);
             fprintf(f.get(), "%s_wifi%dvap%d=1,0\n", "ft_key_changed", r, v);
             for (int k = 0; k < 3; ++k) {
