@@ -1,8 +1,12 @@
 """The Debian package of this machine's architecture (dist/, made by the test
 command) as dpkg installs it: the daemon alone, hardened, which starts on the
-simulated access point and ends cleanly on signal 10."""
+simulated access point and ends cleanly on signal 10; and the procd init
+script's watcher, which follows the self-detaching daemon."""
 
+import os
+import signal
 import subprocess
+import time
 from pathlib import Path
 
 import pytest
@@ -52,3 +56,51 @@ def test_package_installs_and_runs(deb, simlib, tmp_path):
         sb.wait_for_log("[dorvand] radio_type = Dual Radio | product_id = TRM226\n")
         assert sb.stop() == 0
         assert not sb.path("/tmp/dorvand.pid").exists()
+
+
+FAKE_DAEMON = r"""#!/bin/sh
+# Detaches like dorvand: the started process exits at once, the child writes
+# "PID\n" and NULs to the pid file and ends on signal 10, removing it.
+pidfile=PIDFILE
+sh -c 'trap "rm -f $1; exit 0" USR1
+       printf "%d\n\0\0" $$ >"$1"
+       while :; do sleep 1 & wait $!; done' detached "$pidfile" </dev/null >/dev/null 2>&1 &
+"""
+
+
+@pytest.mark.parametrize("end", ["stop", "death"])
+def test_init_script_watcher_follows_detached_daemon(tmp_path, end):
+    """The procd instance of packaging/dorvand.init outlives the started process and stays while the detached
+    daemon lives; procd's stop (SIGTERM) reaches the daemon as signal 10 and ends the instance with 0, the daemon's
+    death ends it with 1 (so that procd respawns it)."""
+    fake, pidfile = tmp_path / "fake", tmp_path / "dorvand.pid"
+    fake.write_text(FAKE_DAEMON.replace("PIDFILE", str(pidfile)))
+    fake.chmod(0o755)
+    script = (REPO / "packaging/dorvand.init").read_text()
+    watch = script.split("WATCH='", 1)[1].split("\n'\n", 1)[0]
+    # As procd runs the instance: /bin/sh -c "$WATCH" dorvand-watch PROG PIDFILE
+    proc = subprocess.Popen(["/bin/sh", "-c", watch, "dorvand-watch", str(fake), str(pidfile)])
+    daemon, ended = None, False
+    try:
+        deadline = time.monotonic() + 10
+        while not (pidfile.exists() and pidfile.read_bytes().strip(b"\0").strip().isdigit()):
+            assert time.monotonic() < deadline and proc.poll() is None, "no pid file from the detached fake"
+            time.sleep(0.05)
+        daemon = int(pidfile.read_bytes().split(b"\n")[0])
+        time.sleep(1.5)
+        assert proc.poll() is None, "the watcher ended while the daemon runs"
+        if end == "stop":
+            proc.send_signal(signal.SIGTERM)
+            assert proc.wait(15) == 0
+            ended = not pidfile.exists()
+            assert ended, "the daemon did not get signal 10"
+        else:
+            os.kill(daemon, signal.SIGKILL)
+            ended = True
+            assert proc.wait(15) == 1
+    finally:
+        if proc.poll() is None:
+            proc.kill()
+            proc.wait(5)
+        if daemon and not ended:
+            os.kill(daemon, signal.SIGKILL)
