@@ -34,7 +34,6 @@ from sim.scenario import (BANDS, FT_KEY, KNOWN_AP_KEY, PRODUCTS, ROGUE_KEY, Scen
                           parse_mac)
 
 FLOOR_DIR = Path(__file__).resolve().parent / "floors"
-DEFAULT_FLOOR = "deployment"
 PLANS = ([1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11], [36, 40, 44, 48, 52, 56, 60, 64],
          [100, 104, 108, 112, 116, 120, 124, 128, 132, 136, 140, 149, 153, 157, 161, 165])
 DEFAULT_CHANNELS = ([1, 6, 11], [36, 44, 52, 60, 40, 48, 56, 64], [100, 116, 132, 149, 108, 124, 140, 157])

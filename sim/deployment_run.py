@@ -31,13 +31,14 @@ from pathlib import Path
 
 from sim.deployment import ApSpec, DEvent, Floor
 from sim.expect import AP2MAC, DB_FILES, FT_KEY_CHANGED, KEY_HOLDERS, parse_records
-from sim.logwatch import BANDS, READY_TEXT, LogWatcher
-from sim.sandbox import Sandbox
+from sim.logwatch import BANDS, LogWatcher
+from sim.sandbox import Sandbox, SandboxError
 from sim.scenario import FT_KEY, mac_text
 
 POLL = 0.05  # real seconds between looks at the logs
 HEARTBEAT = 3.0  # real seconds between progress lines
 SAMPLE = 1.0  # real seconds between memory samples
+QUIET = 3.0  # real seconds without a handled event after which a daemon whose log outran us counts as done
 HANDLED = "Waiting for events from  pxlmd"
 SIGNALS_HANDLED = ("ft_enabled_vaps = ", "dbcom get failed [")
 AP_DELETION, AP_ADDITION, KH_ADDITION = 0, 1, 2
@@ -204,12 +205,23 @@ class DeploymentRunner:
                 n.sb.set_driver(self.fl.driver_state(n.spec, up))
 
     def _stop_all(self) -> None:
+        """Signal 10 to every daemon at once, then waits for each."""
+        up = [n for n in self.nodes.values() if n.up]
+        for node in up:
+            try:
+                node.sb.send_signal(10)
+            except (OSError, SandboxError):
+                pass  # not detached yet, or gone: stop() below ends it
         for node in self.nodes.values():
             if node.sb is None:
                 continue
             life = node.lives[-1]
-            if node.up:
-                life.exit_code = node.sb.stop()
+            if node in up:
+                try:
+                    node.sb.wait_exit(10)
+                    life.exit_code = node.sb.exit_code()
+                except SandboxError:
+                    life.exit_code = node.sb.stop()
                 life.end, life.how = self.now(), "end"
             elif life.exit_code is None and life.how != "died":
                 node.sb.wait_exit(10)
@@ -377,9 +389,13 @@ class DeploymentRunner:
 
     # ---- the end ------------------------------------------------------------------------------
 
-    def _settle(self, timeout: float = 30.0) -> None:
-        """Waits until every daemon has handled what was sent to it."""
+    def _settle(self) -> None:
+        """Waits until every daemon has handled what was sent to it: it has
+        logged one wait for the next event per datagram, or (when its log
+        rotated faster than it was read) has gone quiet."""
+        timeout = 30.0 + 2 * len(self.nodes)
         deadline = time.time() + timeout
+        seen: dict[str, tuple[int, float]] = {}
         while time.time() < deadline:
             now = self.now()
             busy = []
@@ -387,8 +403,12 @@ class DeploymentRunner:
                 if node.up:
                     self._follow(node, now)
                     w = node.watcher
-                    if node.outbox or w.count(HANDLED) - 1 < node.sent \
-                            or sum(w.count(t) for t in SIGNALS_HANDLED) < node.signals:
+                    handled = w.count(HANDLED) - 1
+                    if seen.get(node.spec.name, (None,))[0] != handled:
+                        seen[node.spec.name] = (handled, time.time())
+                    quiet = w.gaps and time.time() - seen[node.spec.name][1] > QUIET
+                    if node.outbox or handled < node.sent and not quiet \
+                            or sum(w.count(t) for t in SIGNALS_HANDLED) < node.signals and not quiet:
                         busy.append(node.spec.name)
             self._flush()
             if not busy:

@@ -57,6 +57,7 @@ class LogWatcher:
         self.root = Path(root)
         self.keep = keep
         self.counts: dict[str, int] = {}
+        self.gaps = 0  # parts of the log lost to rotation before they were read
         self.path = self.root / "tmp/log/dorvand_log"
         self.t0 = t0
         self.now = 0.0  # daemon seconds of the latest line read
@@ -71,8 +72,12 @@ class LogWatcher:
     def poll(self, now: float | None = None) -> None:
         """Reads new lines; `now` (daemon seconds) times what only polling
         sees: a batch scan's marker file going away."""
-        for line in self._new_lines():
+        lines = self._new_lines()
+        for line in lines:
             self._on_line(line)
+        for line in reversed(lines):  # the time of the latest line; the others' only where they matter
+            if self._stamp(line):
+                break
         self._check_batches(self.now if now is None else now)
 
     def text(self) -> str:
@@ -112,11 +117,16 @@ class LogWatcher:
         data = b""
         cur = _stat(self.path)
         if self._ino is not None and (cur is None or cur.st_ino != self._ino):
-            for suffix in (".0", ".1"):
-                st = _stat(Path(f"{self.path}{suffix}"))
-                if st is not None and st.st_ino == self._ino:
-                    data += self._read(Path(f"{self.path}{suffix}"))
-                    break
+            found = False
+            for backup in (Path(f"{self.path}.1"), Path(f"{self.path}.0")):  # oldest first
+                st = _stat(backup)
+                if st is not None and found:  # rotated twice: a whole part written since
+                    self._off = 0
+                    data += self._read(backup)
+                elif st is not None and st.st_ino == self._ino:
+                    found = True
+                    data += self._read(backup)
+            self.gaps += not found  # rotated out before it was read
             self._ino, self._off = (cur.st_ino, 0) if cur else (None, 0)
         if cur is not None:
             if self._ino is None:
@@ -150,11 +160,17 @@ class LogWatcher:
     def _mark(self, name: str) -> None:
         self.milestones.setdefault(name, self.now)
 
-    def _on_line(self, line: str) -> None:
+    def _stamp(self, line: str) -> bool:
         m = ENTRY_RE.match(line)
         if m:
             stamp = calendar.timegm(time.strptime(m.group(1), "%a %b %d %H:%M:%S %Y"))
             self.now = max(self.now, stamp - self.t0)
+        return m is not None
+
+    def _on_line(self, line: str) -> None:
+        if not (READY_TEXT in line or EXIT_TEXT in line or "scan" in line or "radio" in line):
+            return
+        self._stamp(line)
         if READY_TEXT in line:
             self._mark("ready")
             for st in self.bands.values():
