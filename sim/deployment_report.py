@@ -83,10 +83,11 @@ class Evaluation:
         i = bisect.bisect_right(times, t) - 1
         return sets[i] or set() if i >= 0 else set()
 
+    @functools.lru_cache(maxsize=None)
     def state(self, name: str, t: float) -> dict:
         """missing, stale, reach (held, up, not a candidate), covered: names
         (a stale key holder of no member is named by its MAC)."""
-        have = {self.owner.get(k, mac_text(k)) for k in self.held(name, t)}
+        have = {self.owner[k] if k in self.owner else mac_text(k) for k in self.held(name, t)}
         up = self.up_set(t)
         cands = self.cands[name] & up
         return {"covered": cands & have, "missing": cands - have,
