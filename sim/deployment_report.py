@@ -225,8 +225,9 @@ def build(out: Path) -> tuple[str, bool]:
 
 
 def _header(fl: Floor, res: DeploymentResult) -> str:
-    n = len(res.lives)
-    lines = [f"==== dorvand deployment: {fl.name}, {n} access points on {fl.size[0]:g} x {fl.size[1]:g} m"]
+    spares = sum(a.spare for a in fl.aps)
+    lines = [f"==== dorvand deployment: {fl.name}, {len(fl.aps) - spares} access points"
+             + (f" and {spares} spare" if spares else "") + f" on {fl.size[0]:g} x {fl.size[1]:g} m"]
     if fl.description:
         lines += [fl.description.strip(), ""]
     lines += [f"scale {res.scale:g}: {res.end:.0f} deployment seconds in {res.wall:.0f} s of wall time; CPU "
