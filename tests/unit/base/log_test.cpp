@@ -36,6 +36,25 @@ TEST_F(log_test, LineHasAsctimeStampLevelNameAndKeepsMessageNewline)
     EXPECT_EQ(log_running_size(), text.size());
 }
 
+// Each named level prints its own name: the levels are part of every line's
+// fixed text, so a level constant that moved would rename whole classes of
+// lines.
+TEST_F(log_test, EveryLevelPrintsItsName)
+{
+    const std::pair<unsigned, const char*> levels[] = {
+        {log_lvl::emerg, "[EMERG]"}, {log_lvl::alert, "[ALERT]"}, {log_lvl::crit, "[CRIT ]"},
+        {log_lvl::error, "[ERROR]"}, {log_lvl::warn, "[WARN ]"},  {log_lvl::note, "[NOTE ]"},
+        {log_lvl::info, "[INFO ]"},  {log_lvl::debug, "[DEBUG]"},
+    };
+    configure(8, 0x80000, 2);
+    for (const auto& [level, name] : levels) {
+        SCOPED_TRACE(name);
+        size_t before = read_file(path).size();
+        log_msg(0, level, "x\n");
+        EXPECT_EQ(read_file(path).substr(before).find(std::string("] ") + name + " : x"), 25u);
+    }
+}
+
 // The start-up limit 8 lets every level into the file; 6 drops INFO and DEBUG.
 TEST_F(log_test, LevelLimitFiltersTheFile)
 {
