@@ -40,7 +40,8 @@ cmake --build build-asan -j"$jobs"
 
 echo "== build with thread sanitizer =="
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DDORVAND_SANITIZE=thread -DDORVAND_UNIT_ONLY=ON >/dev/null
-cmake --build build-tsan -j"$jobs"
+# Only the executables that hold the concurrency tests.
+cmake --build build-tsan -j"$jobs" --target test_neighbours test_ftstatus
 
 status=0
 echo "== unit and end-to-end tests =="
