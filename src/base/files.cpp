@@ -1,8 +1,36 @@
-// File helpers shared by the modules.
+// File helpers shared by the modules, and the safe opening, appending and
+// replacing of the daemon's own files.
 #include "base/files.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <stdio_ext.h>
+
+#include <cerrno>
 #include <cstring>
 #include <string>
+
+#include "base/log.h"
+
+namespace {
+
+// Why an open descriptor may not be written by the daemon; null when it may.
+const char* refusal(int fd)
+{
+    struct stat st {};
+    if (fstat(fd, &st) != 0)
+        return "cannot be examined";
+    if (!S_ISREG(st.st_mode))
+        return "not a regular file";
+    if (st.st_uid != geteuid())
+        return "owned by another user";
+    if (st.st_nlink != 1)
+        return "a hard link";
+    return nullptr;
+}
+
+}  // namespace
 
 file_ptr open_file(const char* path, const char* mode)
 {
@@ -16,8 +44,164 @@ bool file_exists(const char* path)
     return access(path, F_OK) == 0;
 }
 
+int open_checked(const char* path, int flags, mode_t mode, const char** why)
+{
+    if (why)
+        *why = nullptr;
+    if (flags & O_TRUNC) {
+        errno = EINVAL;
+        return -1;
+    }
+    int fd = open(path, flags | O_NOFOLLOW | O_CLOEXEC, mode);
+    if (fd < 0) {
+        if (errno == ELOOP && why)
+            *why = "a symbolic link";
+        return -1;
+    }
+    if (const char* reason = refusal(fd)) {
+        close(fd);
+        if (why)
+            *why = reason;
+        errno = EPERM;
+        return -1;
+    }
+    return fd;
+}
+
+unique_fd open_owned(const char* path, int flags, mode_t mode)
+{
+    const char* why = nullptr;
+    unique_fd fd(open_checked(path, flags, mode, &why));
+    if (why) {
+        int err = errno;
+        log_msg(0, log_lvl::error, "[dorvand] Refused %s: %s\n", path, why);
+        errno = err;
+    }
+    return fd;
+}
+
+file_ptr open_owned_file(const char* path, const char* mode)
+{
+    const bool append = mode[0] == 'a';
+    unique_fd fd = open_owned(path, append ? O_WRONLY | O_APPEND | O_CREAT : O_RDONLY);
+    if (!fd.valid())
+        return nullptr;
+    FILE* f = fdopen(fd.get(), append ? "a" : "r");
+    if (f)
+        fd.release();
+    return file_ptr(f);
+}
+
 int touch_marker(const char* path)
 {
-    file_ptr f = open_file(path, "a");
-    return f ? 0 : -1;
+    unique_fd fd = open_owned(path, O_WRONLY | O_APPEND | O_CREAT);
+    return fd.valid() ? 0 : -1;
+}
+
+bool append_file::open(const char* path)
+{
+    f_ = open_owned_file(path, "a");
+    if (!f_)
+        return false;
+    struct stat st {};
+    start_ = fstat(fileno(f_.get()), &st) == 0 ? st.st_size : 0;
+    return true;
+}
+
+void append_file::trim_to_records(off_t unit)
+{
+    if (!f_ || start_ % unit == 0)
+        return;
+    start_ -= start_ % unit;
+    [[maybe_unused]] int rc = ftruncate(fileno(f_.get()), start_);
+}
+
+bool append_file::close()
+{
+    if (!f_)
+        return false;
+    FILE* raw = f_.release();
+    bool ok = fflush(raw) == 0 && !ferror(raw);
+    int err = errno;
+    if (!ok) {
+        // What reached the file is cut off and what is still buffered is
+        // dropped, so the file ends as it was opened.
+        [[maybe_unused]] int rc = ftruncate(fileno(raw), start_);
+        __fpurge(raw);
+    }
+    if (fclose(raw) != 0 && ok) {
+        err = errno;
+        ok = false;
+    }
+    errno = err;
+    return ok;
+}
+
+replace_file::~replace_file()
+{
+    if (f_) {
+        f_.reset();
+        unlink(tmp_);
+    }
+}
+
+bool replace_file::open()
+{
+    // A stale temporary file (or anything planted under its name) goes first;
+    // the exclusive create then refuses whatever appears in between.
+    unlink(tmp_);
+    unique_fd fd(::open(tmp_, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+    if (!fd.valid())
+        return false;
+    f_.reset(fdopen(fd.get(), "w"));
+    if (!f_)
+        return false;
+    fd.release();
+    return true;
+}
+
+bool replace_file::commit()
+{
+    if (!f_)
+        return false;
+    FILE* raw = f_.release();
+    bool ok = fflush(raw) == 0 && !ferror(raw);
+    int err = errno;
+    if (!ok)
+        __fpurge(raw);
+    if (fclose(raw) != 0 && ok) {
+        err = errno;
+        ok = false;
+    }
+    if (ok && rename(tmp_, target_) != 0) {
+        err = errno;
+        ok = false;
+    }
+    if (!ok)
+        unlink(tmp_);
+    errno = err;
+    return ok;
+}
+
+line_status read_bounded_line(FILE* f, char* buf, size_t max_len, bool* had_newline)
+{
+    if (had_newline)
+        *had_newline = false;
+    size_t len = 0;
+    int c = EOF;
+    while ((c = getc(f)) != EOF && c != '\n') {
+        if (len < max_len)
+            buf[len] = static_cast<char>(c);
+        ++len;
+    }
+    if (c == EOF && len == 0)
+        return line_status::end;
+    if (had_newline)
+        *had_newline = c == '\n';
+    if (len > max_len) {
+        buf[0] = '\0';
+        return line_status::too_long;
+    }
+    buf[len] = '\0';
+    return line_status::ok;
 }

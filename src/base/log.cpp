@@ -1,7 +1,10 @@
 // The daemon's log file with rotation, and its syslog copies.
 #include "base/log.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
@@ -10,6 +13,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+
+#include "base/files.h"
 
 namespace {
 
@@ -29,10 +34,6 @@ constexpr uint32_t max_size_limit = 0x100000;
 std::mutex log_lock;
 
 log_conf startup_conf{};
-
-struct file_closer {
-    void operator()(FILE* f) const { fclose(f); }
-};
 
 }  // namespace
 
@@ -91,9 +92,16 @@ int log_msg(int to_syslog, unsigned level, const char* format, ...)
     vsnprintf(msg.data(), msg.size(), format, ap);
     va_end(ap);
 
-    std::unique_ptr<FILE, file_closer> f(fopen(data.path, "a+e"));
-    if (!f)
+    // The log lives in a world-writable directory: no link is followed and
+    // only the daemon's own regular file is written (a refused file is
+    // handled like one that cannot be opened).
+    int fd = open_checked(data.path, O_RDWR | O_APPEND | O_CREAT, 0666, nullptr);
+    std::unique_ptr<FILE, file_closer> f(fd >= 0 ? fdopen(fd, "a+") : nullptr);
+    if (!f) {
+        if (fd >= 0)
+            close(fd);
         return 0;
+    }
     if (cur_log_size > data.size_limit)
         log_rotate(data.path);  // this line lands in backup 0
     int written = fprintf(f.get(), "[%s] [%s] : %s\n", log_timestamp(), msg_type[level & 7], msg.c_str());
@@ -117,11 +125,10 @@ void set_log_conf(const log_conf& conf)
     if (data.size_limit > max_size_limit)
         data.size_limit = max_size_limit;
 
-    std::unique_ptr<FILE, file_closer> f(fopen(data.path, "re"));
-    if (f) {
-        fseek(f.get(), 0, SEEK_END);
-        long pos = ftell(f.get());
-        cur_log_size = pos > 0 ? static_cast<uint32_t>(pos) : 0;
+    unique_fd fd(open_checked(data.path, O_RDONLY, 0, nullptr));
+    struct stat st {};
+    if (fd.valid() && fstat(fd.get(), &st) == 0) {
+        cur_log_size = st.st_size > 0 ? static_cast<uint32_t>(st.st_size) : 0;
         syslog(LOG_INFO, "%s: Log level: %u, Log size: %u, Log backup count: %u", "set_log_conf",
                data.level_limit, data.size_limit, data.backup_count);
     } else {
@@ -154,4 +161,23 @@ void log_reset_running_size()
 {
     std::lock_guard<std::mutex> lock(log_lock);
     cur_log_size = 0;
+}
+
+std::string log_escape(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (char ch : text) {
+        auto c = static_cast<unsigned char>(ch);
+        if (c == '\\') {
+            out += "\\\\";
+        } else if (c < 0x20 || c == 0x7f) {
+            char hex[5];
+            snprintf(hex, sizeof hex, "\\x%02x", c);
+            out += hex;
+        } else {
+            out += ch;
+        }
+    }
+    return out;
 }

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 namespace log_lvl {
 constexpr unsigned emerg = 0;
@@ -51,3 +53,8 @@ const char* log_timestamp();
 // Shifts the numbered backups of path up by one, renames path to backup 0 and
 // resets the running size. Callers hold the log lock (log_msg does).
 void log_rotate(const char* path);
+
+// Text that came from the air or the network, made safe for one log line:
+// control bytes become \xNN and a backslash is doubled, so such text can never
+// end a record or start a forged one. Any thread.
+std::string log_escape(std::string_view text);

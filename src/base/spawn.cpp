@@ -2,31 +2,70 @@
 // posix_spawn rather than system/popen so that they begin with an empty
 // signal mask and default signal dispositions: the daemon blocks its own
 // signals in every thread but one and ignores SIGPIPE, and neither should
-// leak into the scripts and programs it runs.
+// leak into the scripts and programs it runs. Each child leads its own
+// process group, so a hung script is killed with everything it started.
 #include "base/spawn.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
+#include <ctime>
 #include <vector>
 
 #include "base/files.h"
+#include "base/log.h"
 
 extern char** environ;
 
+#ifndef SYS_pidfd_open
+#define SYS_pidfd_open 434
+#endif
+
 namespace {
 
-// Spawns "/bin/sh -c command", with stdout on out_fd when it is >= 0.
-// Returns the child's pid, or -1 with errno set.
-pid_t spawn_shell(const char* command, int out_fd)
+// Children running now, by pid (0: free slot), for shell_kill_all. More
+// children than slots at once only go unlisted.
+std::atomic<pid_t> running_children[8];
+
+void note_child(pid_t pid, bool running)
+{
+    for (auto& slot : running_children) {
+        pid_t expected = running ? 0 : pid;
+        if (slot.compare_exchange_strong(expected, running ? pid : 0))
+            return;
+    }
+}
+
+// Children run in real time, so the bound is kept on the monotonic clock.
+int64_t now_ms()
+{
+    struct timespec ts {};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+struct child {
+    pid_t pid = -1;
+    unique_fd pidfd;  // readable once the child has ended; invalid on kernels without pidfds
+    int64_t deadline_ms = 0;
+    const char* command = "";
+};
+
+// Spawns "/bin/sh -c command" in its own process group, with stdout on
+// out_fd when it is >= 0. False with errno set when it cannot start.
+bool spawn_shell(const char* command, int out_fd, child& c)
 {
     posix_spawnattr_t attr;
     posix_spawn_file_actions_t actions;
@@ -41,7 +80,8 @@ pid_t spawn_shell(const char* command, int out_fd)
     sigdelset(&defaults, SIGSTOP);
     posix_spawnattr_setsigmask(&attr, &empty);
     posix_spawnattr_setsigdefault(&attr, &defaults);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setpgroup(&attr, 0);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
     if (out_fd >= 0)
         posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
 
@@ -55,18 +95,61 @@ pid_t spawn_shell(const char* command, int out_fd)
     posix_spawnattr_destroy(&attr);
     if (rc != 0) {
         errno = rc;
-        return -1;
+        return false;
     }
-    return pid;
+    c.pid = pid;
+    c.command = command;
+    c.deadline_ms = now_ms() + child_time_limit * 1000LL;
+    c.pidfd.reset(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    note_child(pid, true);
+    return true;
 }
 
-int wait_child(pid_t pid)
+int64_t ms_left(const child& c)
+{
+    return std::max<int64_t>(c.deadline_ms - now_ms(), 0);
+}
+
+void kill_child(const child& c)
+{
+    kill(-c.pid, SIGKILL);
+    log_msg(1, log_lvl::error, "[dorvand] Killed \"%s\": still running after %d s\n", c.command, child_time_limit);
+}
+
+// Reaps the child, killing its group once the bound has passed. Returns
+// its wait status, or -1.
+int wait_child(const child& c)
 {
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR)
-            return -1;
+    bool killed = false;
+    int nap_ms = 1;
+    for (;;) {
+        pid_t r = waitpid(c.pid, &status, killed ? 0 : WNOHANG);
+        if (r == c.pid)
+            break;
+        if (r < 0 && errno != EINTR) {
+            status = -1;
+            break;
+        }
+        if (r != 0)
+            continue;
+        int64_t left = ms_left(c);
+        if (left == 0) {
+            kill_child(c);
+            killed = true;
+            continue;
+        }
+        if (c.pidfd.valid()) {
+            struct pollfd p {c.pidfd.get(), POLLIN, 0};
+            poll(&p, 1, static_cast<int>(std::min<int64_t>(left, 1000)));
+        } else {
+            // No pidfd (an older kernel): short naps, growing while it runs.
+            struct timespec ts {0, std::min<int64_t>(nap_ms, left) * 1000000L};
+            clock_nanosleep(CLOCK_MONOTONIC, 0, &ts, nullptr);
+            nap_ms = std::min(nap_ms * 2, 20);
+        }
     }
+    note_child(c.pid, false);
     return status;
 }
 
@@ -79,10 +162,10 @@ int shell_run(size_t limit, const char* format, ...)
     va_start(ap, format);
     vsnprintf(cmd.data(), cmd.size(), format, ap);
     va_end(ap);
-    pid_t pid = spawn_shell(cmd.data(), -1);
-    if (pid < 0)
+    child c;
+    if (!spawn_shell(cmd.data(), -1, c))
         return -1;
-    return wait_child(pid);
+    return wait_child(c);
 }
 
 int shell_read(const char* command, std::string& out, size_t max_bytes)
@@ -93,12 +176,21 @@ int shell_read(const char* command, std::string& out, size_t max_bytes)
         return -1;
     unique_fd rd(fds[0]);
     unique_fd wr(fds[1]);
-    pid_t pid = spawn_shell(command, wr.get());
-    if (pid < 0)
+    child c;
+    if (!spawn_shell(command, wr.get(), c))
         return -1;
     wr.reset();
     char buf[512];
     for (;;) {
+        struct pollfd p {rd.get(), POLLIN, 0};
+        int64_t left = ms_left(c);
+        if (left == 0)
+            break;  // wait_child kills it
+        int ready = poll(&p, 1, static_cast<int>(std::min<int64_t>(left, 1000)));
+        if (ready < 0 && errno != EINTR)
+            break;
+        if (ready <= 0)
+            continue;
         ssize_t n = read(rd.get(), buf, sizeof buf);
         if (n < 0 && errno == EINTR)
             continue;
@@ -108,6 +200,15 @@ int shell_read(const char* command, std::string& out, size_t max_bytes)
             out.append(buf, std::min(static_cast<size_t>(n), max_bytes - out.size()));
     }
     rd.reset();  // a child still writing gets EPIPE and ends
-    wait_child(pid);
+    wait_child(c);
     return 0;
+}
+
+void shell_kill_all()
+{
+    for (auto& slot : running_children) {
+        pid_t pid = slot.load();
+        if (pid > 0)
+            kill(-pid, SIGKILL);
+    }
 }

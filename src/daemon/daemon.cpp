@@ -11,10 +11,12 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <atomic>
 #include <iterator>
 
 #include "configstore/dbcom.h"
 #include "base/files.h"
+#include "base/spawn.h"
 #include "ftstatus/ft_status.h"
 #include "base/log.h"
 #include "base/paths.h"
@@ -36,10 +38,13 @@ constexpr auto cleanup_config_wait = std::chrono::seconds(1);
 using thread_entry = void* (*)(void*);
 constexpr thread_entry thread_table[] = {eloop_thread, event_socket_thread};
 
-// Signal handlers write one note to a pipe: signal 10 to exit_pipe, read by
-// the signal thread, SIGRTMIN to ft_pipe, read by the fast-transition
-// thread. They are kept apart so that an exit never waits behind an update
-// that may wait minutes for configd.
+// Signal 10 writes one note to exit_pipe, read by the signal thread. SIGRTMIN
+// ORs its value into ft_pending and writes one wake byte to ft_pipe, read by
+// the fast-transition thread, which takes all pending bits at once: however
+// many signals queue up, one update covers them, and a full pipe loses
+// nothing because the bits stay in ft_pending. The two are kept apart so
+// that an exit never waits behind an update that may wait minutes for
+// configd.
 struct signal_note {
     int32_t signo;
     int32_t value;
@@ -47,24 +52,29 @@ struct signal_note {
 int exit_pipe[2] = {-1, -1};
 int ft_pipe[2] = {-1, -1};
 
-void post_signal_note(int fd, int signo, int32_t value)
-{
-    int saved = errno;
-    signal_note note{signo, value};
-    // A full pipe drops the note: thousands of queued signals are already
-    // waiting, and the handler must not block.
-    [[maybe_unused]] ssize_t n = write(fd, &note, sizeof note);
-    errno = saved;
-}
+// Bit 32: an update is pending; bits 0..31: the OR of the pending values.
+// One word, so the handler's bits and their pending mark are taken together.
+std::atomic<uint64_t> ft_pending{0};
+constexpr uint64_t ft_pending_mark = uint64_t{1} << 32;
+static_assert(std::atomic<uint64_t>::is_always_lock_free, "the signal handler needs a lock-free word");
 
 void exit_signal_handler(int signo)
 {
-    post_signal_note(exit_pipe[1], signo, 0);
+    int saved = errno;
+    signal_note note{signo, 0};
+    [[maybe_unused]] ssize_t n = write(exit_pipe[1], &note, sizeof note);
+    errno = saved;
 }
 
-void ft_status_signal_handler(int signo, siginfo_t* info, void*)
+void ft_status_signal_handler(int, siginfo_t* info, void*)
 {
-    post_signal_note(ft_pipe[1], signo, info ? info->si_value.sival_int : 0);
+    int saved = errno;
+    auto value = static_cast<uint32_t>(info ? info->si_value.sival_int : 0);
+    ft_pending.fetch_or(ft_pending_mark | value);
+    const char wake = 1;
+    // A full pipe already holds a wake-up for these bits.
+    [[maybe_unused]] ssize_t n = write(ft_pipe[1], &wake, 1);
+    errno = saved;
 }
 
 // Reads one whole note; false when the pipe is closed or broken.
@@ -78,15 +88,22 @@ bool read_signal_note(int fd, signal_note& note)
     }
 }
 
-// The fast-transition thread: runs the SIGRTMIN updates one after another.
-// It keeps the daemon's signals blocked, like every thread but the signal
-// thread.
+// The fast-transition thread: one update for all the SIGRTMIN values pending
+// when it wakes. It keeps the daemon's signals blocked, like every thread
+// but the signal thread.
 void* ft_update_thread(void*)
 {
-    signal_note note{};
-    while (read_signal_note(ft_pipe[0], note))
-        ft_status_update(note.signo, note.value);
-    return nullptr;
+    char wake[64];
+    for (;;) {
+        ssize_t n = read(ft_pipe[0], wake, sizeof wake);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return nullptr;
+        uint64_t pending = ft_pending.exchange(0);
+        if (pending & ft_pending_mark)
+            ft_status_update(SIGRTMIN, static_cast<int32_t>(static_cast<uint32_t>(pending)));
+    }
 }
 
 // The daemon's own signals go to the signal thread only: every other thread
@@ -186,8 +203,12 @@ void start_thread(thread_entry entry)
 
 int write_pid_file()
 {
-    unique_fd fd(open(paths::pid_file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0200));
+    // Truncated only once it is known to be the daemon's own file: a planted
+    // link (or another's file) is refused before anything is written.
+    unique_fd fd = open_owned(paths::pid_file, O_WRONLY | O_CREAT, 0200);
     if (!fd.valid())
+        return -1;
+    if (ftruncate(fd.get(), 0) != 0)
         return -1;
     fchmod(fd.get(), 0200);  // an older file may have had another mode
     char text[8] = {};
@@ -236,8 +257,12 @@ void exit_handler(int)
 {
     remove_daemon_file(paths::pid_file);
     remove_daemon_file(paths::event_socket);
-    remove_daemon_file(paths::key_holders);
+    // The key-holder file goes once no thread can append to it again: with
+    // kh_lock held (each append is made under it).
     const cleanup_locks held = take_cleanup_locks();
+    remove_daemon_file(paths::key_holders);
+    shell_kill_all();
+    remove_scan_markers();
     free_tables(held.tables);
     free_key_holders(held.key_holders);
     stop_scan_scheduler();
@@ -281,6 +306,9 @@ void* signal_thread(void*)
 
 int daemon_main()
 {
+    // Files and sockets the daemon creates are never writable by others,
+    // whatever umask it was started with.
+    umask(022);
     log_init(8, 0x80000, 2, paths::log_file);
     eloop_init(0);
     board_load();

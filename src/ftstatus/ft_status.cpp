@@ -115,7 +115,7 @@ void refresh_locked()
     }
     if (neighbours().ft_enabled_vaps.load() != 0 && file_exists(paths::key_holders)) {
         log_msg(0, log_lvl::info, "MKH exist\n");
-        std::lock_guard<std::timed_mutex> hold(neighbours().kh_lock);
+        kh_update update;
         reload_key_holders();
     }
     log_msg(0, log_lvl::info, "ft_enabled_vaps  = %08X \n", neighbours().ft_enabled_vaps.load());
@@ -144,7 +144,7 @@ bool read_changed_status(const setting_key& key, int& status)
 
 void report_status_change(int radio, int vap, int enabled)
 {
-    std::lock_guard<std::timed_mutex> hold(neighbours().kh_lock);
+    kh_update update;
     if (!neighbours().kh_list_nonempty) {
         log_msg(0, log_lvl::info, "List is empty \n");
         return;
@@ -181,7 +181,7 @@ void ft_status_update(int signo, int32_t value)
         }
     }
     {
-        std::lock_guard<std::timed_mutex> hold_kh(neighbours().kh_lock);
+        kh_update update;
         if (neighbours().kh_list_nonempty)
             run_ft_script();
     }

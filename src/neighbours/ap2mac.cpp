@@ -2,13 +2,17 @@
 // deleting one BSSID, and dropping a VAP's line. Callers hold kh_lock.
 #include <cerrno>
 #include <cstring>
+#include <array>
 #include <optional>
+#include <utility>
+#include <vector>
 #include <string>
 #include <string_view>
 
 #include "base/files.h"
 #include "base/log.h"
 #include "base/spawn.h"
+#include "board/board.h"
 #include "neighbours/nb_internal.h"
 
 namespace {
@@ -37,16 +41,34 @@ void log_open_failure(const char* path, int err)
             strerror(err), err);
 }
 
-// Appends one line; logs it as written.
+void mark_stale()
+{
+    neighbours().files_stale = true;
+}
+
+void log_write_failure(const char* path, int err)
+{
+    log_msg(0, log_lvl::error, "[dorvand] \n Failed to write the AP2MAC file \"(%s)\" [ Reason = %s(%d)]", path,
+            strerror(err), err);
+}
+
+// Appends one line; logs it as written. A line that cannot be written
+// leaves the file as it was.
 int append_line(const std::string& line, int site, bool report_failure)
 {
-    file_ptr f = open_file(paths::ap2mac, "a");
-    if (!f) {
+    append_file f;
+    if (!f.open(paths::ap2mac)) {
         if (report_failure)
             log_open_failure(paths::ap2mac, errno);
+        mark_stale();
         return -1;
     }
     fprintf(f.get(), "%s\n", line.c_str());
+    if (!f.close()) {
+        log_write_failure(paths::ap2mac, errno);
+        mark_stale();
+        return -1;
+    }
     log_msg(0, log_lvl::error, "[%d] mac_str_cpy:%s\n", site, line.c_str());
     return 0;
 }
@@ -71,13 +93,16 @@ bool key_line_missing(const char* key)
 template <typename Edit>
 int rewrite_ap2mac(tmp_msg which, Edit edit)
 {
-    file_ptr in = open_file(paths::ap2mac, "r");
+    file_ptr in = open_owned_file(paths::ap2mac, "r");
     if (!in) {
-        log_open_failure(paths::ap2mac, errno);
+        int err = errno;
+        log_open_failure(paths::ap2mac, err);
+        if (err != ENOENT)
+            mark_stale();
         return -1;
     }
-    file_ptr out = open_file(paths::ap2mac_tmp, "w");
-    if (!out) {
+    replace_file out(paths::ap2mac_tmp, paths::ap2mac);
+    if (!out.open()) {
         int err = errno;
         if (which == tmp_msg::update)
             log_msg(0, log_lvl::error, "[dorvand] \n Failed to open the TMP AP2MAC file \"(%s)\" [ Reason = %s(%d)]",
@@ -86,6 +111,7 @@ int rewrite_ap2mac(tmp_msg which, Edit edit)
             log_msg(0, log_lvl::error,
                     "[dorvand] \n Failed to open the TMP AP2MAC file \"(%s)\"  [ Reason = %s(%d)]",
                     paths::ap2mac_tmp, strerror(err), err);
+        mark_stale();
         return -1;
     }
     char line[max_line + 2];
@@ -100,18 +126,11 @@ int rewrite_ap2mac(tmp_msg which, Edit edit)
             fprintf(out.get(), "%s\n", kept->c_str());
     }
     in.reset();
-    FILE* raw = out.release();
-    bool written = fflush(raw) == 0 && !ferror(raw);
-    int err = errno;
-    written = fclose(raw) == 0 && written;
-    if (!written) {
+    if (!out.commit()) {
+        int err = errno;
         log_msg(0, log_lvl::error, "[dorvand] \n Failed to write the TMP AP2MAC file \"(%s)\" [ Reason = %s(%d)]",
                 paths::ap2mac_tmp, strerror(err), err);
-        remove(paths::ap2mac_tmp);
-        return -1;
-    }
-    if (rename(paths::ap2mac_tmp, paths::ap2mac) != 0) {
-        remove(paths::ap2mac_tmp);
+        mark_stale();
         return -1;
     }
     return 0;
@@ -173,7 +192,7 @@ int ap2mac_update(const char* vap, const char* text, int op)
     char key_buf[128];
     snprintf(key_buf, sizeof key_buf, "%s_%s", "ap2_macaddr", vap);
     const std::string key(key_buf);
-    if (!open_file(paths::ap2mac, "r")) {
+    if (!open_owned_file(paths::ap2mac, "r")) {
         if (op == 0)
             return 0;
         return append_line(key + "=" + text, site_new_file, true);
@@ -200,4 +219,67 @@ int ap2mac_remove_vap(const char* key)
         log_msg(0, log_lvl::error, "%d [dorvand] str:%s, buf:%s\n", site_vap_kept, kept.c_str(), key);
         return kept;
     });
+}
+
+int ap2mac_rebuild(uint32_t mask)
+{
+    // Every enabled VAP's line as the list gives it, in the file's order;
+    // other lines are kept as a rewrite keeps them.
+    std::vector<std::pair<std::string, std::string>> wanted;  // key and "=" prefix, whole line
+    for (int r = 0; r < board().radio_count && r < 3; ++r) {
+        for (int v = 0; v < 10; ++v) {
+            if (!((mask >> (10 * r + v)) & 1U))
+                continue;
+            char key[32];
+            snprintf(key, sizeof key, "%s_wifi%dvap%d=", "ap2_macaddr", r, v);
+            std::string line = key;
+            for (const kh_entry* e = neighbours().kh_list.next; e != &neighbours().kh_list; e = e->next) {
+                for (int k = 0; k < 3; ++k) {
+                    std::array<char, 18> text =
+                        nb::neighbour_bssid_text(e->mac, e->mac[5], k, v, nb::offsets_for(e->family));
+                    if (line.find(text.data()) != std::string::npos || line.size() + 1 + 17 > max_line)
+                        continue;
+                    if (line.size() > key_len)
+                        line += ' ';
+                    line += text.data();
+                }
+            }
+            wanted.emplace_back(key, line);
+        }
+    }
+    std::vector<bool> done(wanted.size(), false);
+    replace_file out(paths::ap2mac_tmp, paths::ap2mac);
+    if (!out.open()) {
+        log_write_failure(paths::ap2mac_tmp, errno);
+        return -1;
+    }
+    // A file that cannot be read (missing, or refused) is written anew.
+    if (file_ptr in = open_owned_file(paths::ap2mac, "r")) {
+        char line[max_line + 2];
+        nb::line_status st;
+        while ((st = nb::read_line(in.get(), line, max_line)) != nb::line_status::end) {
+            std::string_view sv(line);
+            if (st == nb::line_status::too_long || sv.size() < kept_line_min)
+                continue;
+            size_t i = 0;
+            while (i < wanted.size() && sv.substr(0, wanted[i].first.size()) != wanted[i].first)
+                ++i;
+            if (i == wanted.size()) {
+                fprintf(out.get(), "%s\n", line);
+            } else if (!done[i]) {
+                fprintf(out.get(), "%s\n", wanted[i].second.c_str());
+                done[i] = true;
+            }
+        }
+    }
+    const bool any = !dlist_is_empty(&neighbours().kh_list);
+    for (size_t i = 0; i < wanted.size(); ++i) {
+        if (!done[i] && any)
+            fprintf(out.get(), "%s\n", wanted[i].second.c_str());
+    }
+    if (!out.commit()) {
+        log_write_failure(paths::ap2mac_tmp, errno);
+        return -1;
+    }
+    return 0;
 }

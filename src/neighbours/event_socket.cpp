@@ -1,6 +1,8 @@
 // The neighbour event socket: datagrams from the peer daemon applied to the
 // known-AP tables, the key-holder list and the key-holder files.
+#include <poll.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -74,9 +76,7 @@ void on_kh_addition(const neighbour_event& ev)
     c.active = 1;
     c.family = ev.family;
     log_msg(0, log_lvl::info, "KH_ADDITION [wlan%d]\n", ev.wlan);
-    // The script runs under kh_lock too, so it never sees a half-done update
-    // of the files by the other thread.
-    std::lock_guard<std::timed_mutex> hold(neighbours().kh_lock);
+    kh_update update;
     add_to_kh_list(&c, ev.wlan, &changed, KH_MODE_DERIVE);
     write_key_holders("a");
     if (changed)
@@ -89,7 +89,7 @@ void on_ap_deletion(const neighbour_event& ev, known_ap_table* table)
     log_mac(ev.mac);
     del_from_ht(table, ev.mac);
     traverse_hash_table(table, nb::radio_names[ev.wlan]);
-    std::lock_guard<std::timed_mutex> hold(neighbours().kh_lock);
+    kh_update update;
     remove_key_holder(ev.mac);
     traverse_kh_list();
     write_key_holders("w");
@@ -97,6 +97,45 @@ void on_ap_deletion(const neighbour_event& ev, known_ap_table* table)
     std::memcpy(mac, ev.mac, sizeof mac);
     key_change_on_deletion(ev.wlan, ev.family, mac);
     run_ft_script();
+}
+
+// Blocks until a datagram is waiting. While the key-holder files are stale
+// (a write failed), they are written again every kh_files_retry_secs.
+void wait_for_event(int fd)
+{
+    for (;;) {
+        struct pollfd p {fd, POLLIN, 0};
+        int timeout = neighbours().files_stale ? kh_files_retry_secs * 1000 : -1;
+        int ready = poll(&p, 1, timeout);
+        if (ready != 0)
+            return;  // a datagram, or an error the receive reports
+        kh_files_retry();
+    }
+}
+
+// Receives one datagram into buf with its sender's uid ((uid_t)-1 when the
+// kernel gave none). Returns the byte count as recv does.
+ssize_t receive_event(int fd, std::array<uint8_t, sizeof(neighbour_event)>& buf, uid_t& sender)
+{
+    iovec iov{buf.data(), buf.size()};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))] = {};
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof control;
+    sender = static_cast<uid_t>(-1);
+    ssize_t n = recvmsg(fd, &msg, 0);
+    if (n < 0)
+        return n;
+    for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
+        if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_CREDENTIALS && c->cmsg_len >= CMSG_LEN(sizeof(ucred))) {
+            ucred cred{};
+            std::memcpy(&cred, CMSG_DATA(c), sizeof cred);
+            sender = cred.uid;
+        }
+    }
+    return n;
 }
 
 }  // namespace
@@ -122,6 +161,18 @@ int open_event_socket()
         errno = err;
         return -1;
     }
+    // Only root may send events: the socket is closed to others whatever the
+    // umask, and each datagram's sender is checked as well (receive_event),
+    // so a later chmod opens nothing. /tmp is sticky, so nobody else can swap
+    // the socket between the bind and the chmod.
+    int one = 1;
+    if (chmod(paths::event_socket, 0600) != 0 ||
+        setsockopt(fd.get(), SOL_SOCKET, SO_PASSCRED, &one, sizeof one) != 0) {
+        int err = errno;
+        log_msg(1, log_lvl::error, "[dorvand] Event socket cannot be restricted to root [%d|%s]\n", err, strerror(err));
+        errno = err;
+        return -1;
+    }
     return fd.release();
 }
 
@@ -138,7 +189,14 @@ void* event_socket_thread(void*)
     for (;;) {
         std::array<uint8_t, sizeof(neighbour_event)> buf{};
         log_msg(0, log_lvl::info, "Waiting for events from  pxlmd\n");
-        ssize_t n = recv(fd.get(), buf.data(), buf.size(), 0);
+        wait_for_event(fd.get());
+        uid_t sender = 0;
+        ssize_t n = receive_event(fd.get(), buf, sender);
+        if (n >= 0 && sender != 0) {
+            log_msg(1, log_lvl::error, "[dorvand] Event from uid %ld dropped: only root may send events\n",
+                    sender == static_cast<uid_t>(-1) ? -1L : static_cast<long>(sender));
+            continue;
+        }
         if (n <= 0) {
             log_msg(0, log_lvl::info, "no data \n");
             continue;

@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "base/files.h"
@@ -20,7 +21,7 @@ using mac_bytes = std::array<uint8_t, 6>;
 std::vector<mac_bytes> cached_macs()
 {
     std::vector<mac_bytes> macs;
-    file_ptr f = open_file(paths::key_holders, "r");
+    file_ptr f = open_owned_file(paths::key_holders, "r");
     if (!f)
         return macs;
     nb::key_holder_record rec{};
@@ -41,6 +42,11 @@ bool contains(const std::vector<mac_bytes>& macs, const uint8_t mac[6])
     return false;
 }
 
+void log_write_failure(int err)
+{
+    log_msg(0, log_lvl::error, "fwrite failed [%d | %s ]\n", err, strerror(err));
+}
+
 // Writes the record of every entry that `skip` does not hold; false (with
 // the error logged) at the first failed write.
 bool write_records(FILE* f, const std::vector<mac_bytes>& skip)
@@ -53,62 +59,74 @@ bool write_records(FILE* f, const std::vector<mac_bytes>& skip)
         }
         nb::record_bytes bytes = nb::encode_record(*e);
         if (fwrite(bytes.data(), bytes.size(), 1, f) != 1) {
-            int err = errno;
-            log_msg(0, log_lvl::error, "fwrite failed [%d | %s ]\n", err, strerror(err));
+            log_write_failure(errno);
             return false;
         }
     }
     return true;
 }
 
-bool close_checked(file_ptr& f)
-{
-    FILE* raw = f.release();
-    if (fflush(raw) != 0 || ferror(raw)) {
-        int err = errno;
-        fclose(raw);
-        log_msg(0, log_lvl::error, "fwrite failed [%d | %s ]\n", err, strerror(err));
-        return false;
-    }
-    return fclose(raw) == 0;
-}
-
-// Mode "a": only entries not yet on disk are appended.
-void append_key_holders()
+// Mode "a": only entries not yet on disk are appended. A failed append
+// leaves the file as it was, whole records only, and the files stale.
+bool append_key_holders()
 {
     std::vector<mac_bytes> on_disk = cached_macs();
-    file_ptr f = open_file(paths::key_holders, "a");
-    if (!f)
-        return;
-    if (write_records(f.get(), on_disk))
-        close_checked(f);
+    append_file f;
+    if (!f.open(paths::key_holders))
+        return false;
+    f.trim_to_records(sizeof(nb::key_holder_record));
+    if (!write_records(f.get(), on_disk)) {
+        int err = errno;
+        f.close();
+        errno = err;
+        return false;
+    }
+    if (!f.close()) {
+        log_write_failure(errno);
+        return false;
+    }
+    return true;
 }
 
 // Mode "w": the whole list goes to a temporary file that replaces the old
 // one only when complete, so readers never see a half-written file.
-void rewrite_key_holders()
+bool rewrite_key_holders()
 {
-    file_ptr f = open_file(paths::key_holders_tmp, "w");
-    if (!f)
-        return;
-    bool ok = write_records(f.get(), {});
-    if (ok)
-        ok = close_checked(f);
-    else
-        f.reset();
-    if (!ok || rename(paths::key_holders_tmp, paths::key_holders) != 0)
-        remove(paths::key_holders_tmp);
+    replace_file f(paths::key_holders_tmp, paths::key_holders);
+    if (!f.open())
+        return false;
+    if (!write_records(f.get(), {}))
+        return false;
+    if (!f.commit()) {
+        log_write_failure(errno);
+        return false;
+    }
+    return true;
 }
 
-file_ptr open_key_change_file(const char* what)
+void mark_stale()
 {
-    file_ptr f = open_file(paths::key_changes, "a");
-    if (!f) {
+    neighbours().files_stale = true;
+}
+
+// The key-change notes of one update: appended whole or not at all.
+void close_key_change_file(append_file& f)
+{
+    if (!f.close()) {
         int err = errno;
-        log_msg(0, log_lvl::error, "[dorvand] \n Failed to open the %s file \"(%s)\" [ Reason = %s(%d)]", what,
-                paths::key_changes, strerror(err), err);
+        log_msg(0, log_lvl::error, "[dorvand] Failed to write %s [%d|%s]; the file is kept as it was\n",
+                paths::key_changes, err, strerror(err));
     }
-    return f;
+}
+
+bool open_key_change_file(append_file& f, const char* what)
+{
+    if (f.open(paths::key_changes))
+        return true;
+    int err = errno;
+    log_msg(0, log_lvl::error, "[dorvand] \n Failed to open the %s file \"(%s)\" [ Reason = %s(%d)]", what,
+            paths::key_changes, strerror(err), err);
+    return false;
 }
 
 // Adds the three neighbour BSSIDs of a key holder whose last byte is `last`
@@ -124,6 +142,8 @@ void add_neighbour_bssids(const uint8_t mac[6], uint8_t last, int r, int v, cons
             log_msg(1, log_lvl::error, "Failed to add ap2_macaddr to text file \n");
     }
 }
+
+thread_local int update_depth = 0;
 
 void log_mac(const char* prefix, const uint8_t m[6])
 {
@@ -145,11 +165,13 @@ bool key_holder_cached(const kh_entry& entry)
 void write_key_holders(const char* mode)
 {
     log_msg(0, log_lvl::debug, "mode = %s \n", mode);
-    if (std::strcmp(mode, "a") == 0)
-        append_key_holders();
-    else if (std::strcmp(mode, "w") == 0)
-        rewrite_key_holders();
-    else
+    if (std::strcmp(mode, "a") == 0) {
+        if (!append_key_holders())
+            mark_stale();
+    } else if (std::strcmp(mode, "w") == 0) {
+        if (!rewrite_key_holders())
+            mark_stale();
+    } else
         log_msg(0, log_lvl::error, "[dorvand] write_key_holders: unknown mode \"%s\"\n", mode);
 }
 
@@ -160,8 +182,8 @@ void key_change_on_addition(const kh_candidate& candidate)
             candidate.family, off.eth_offset, off.wlan_diff, off.first_vap_offset);
     log_msg(0, log_lvl::info, "MAC = ");
     log_mac("", candidate.mac);
-    file_ptr f = open_key_change_file("KEY_CHANGE");
-    if (!f)
+    append_file f;
+    if (!open_key_change_file(f, "KEY_CHANGE"))
         return;
     const uint32_t mask = neighbours().ft_enabled_vaps.load();
     for (int r = 0; r < board().radio_count && r < 3; ++r) {
@@ -172,6 +194,7 @@ void key_change_on_addition(const kh_candidate& candidate)
             add_neighbour_bssids(candidate.mac, candidate.mac[5], r, v, off);
         }
     }
+    close_key_change_file(f);
 }
 
 void key_change_on_deletion(int radio, uint8_t family, uint8_t mac[6])
@@ -180,8 +203,8 @@ void key_change_on_deletion(int radio, uint8_t family, uint8_t mac[6])
     log_msg(0, log_lvl::info, "DELETION | family = %d | ethOffset = %X | wlanDiff = %X  | firstVapOffset = %X\n",
             family, off.eth_offset, off.wlan_diff, off.first_vap_offset);
     mac[5] = static_cast<uint8_t>((mac[5] & 0xF0) - static_cast<uint8_t>(radio * off.wlan_diff) + off.eth_offset);
-    file_ptr f = open_key_change_file("KEY_CHANGE");
-    if (!f)
+    append_file f;
+    if (!open_key_change_file(f, "KEY_CHANGE"))
         return;
     log_mac("MAC ", mac);
     const uint32_t mask = neighbours().ft_enabled_vaps.load();
@@ -204,6 +227,7 @@ void key_change_on_deletion(int radio, uint8_t family, uint8_t mac[6])
             }
         }
     }
+    close_key_change_file(f);
 }
 
 void vap_ft_status_changed(int radio, int vap, const kh_entry& entry, int status)
@@ -215,8 +239,8 @@ void vap_ft_status_changed(int radio, int vap, const kh_entry& entry, int status
             off.first_vap_offset);
     log_msg(0, log_lvl::info, "MAC = ");
     log_mac("", entry.mac);
-    file_ptr f = open_key_change_file("KEY CHANGE");
-    if (!f)
+    append_file f;
+    if (!open_key_change_file(f, "KEY CHANGE"))
         return;
     fprintf(f.get(), "%s_wifi%dvap%d=1,%d\n", "ft_key_changed", radio, vap, status);
     if (status == 0) {
@@ -226,12 +250,58 @@ void vap_ft_status_changed(int radio, int vap, const kh_entry& entry, int status
     } else if (status == 1) {
         add_neighbour_bssids(entry.mac, entry.mac[5], radio, vap, off);
     }
+    close_key_change_file(f);
 }
 
 void run_ft_script()
 {
+    if (update_depth > 0) {
+        neighbours().script_wanted = true;
+        return;
+    }
     if (shell_run(128, "%s", paths::ft_script) == -1) {
         int err = errno;
         log_msg(0, log_lvl::error, "Failed to run script [%d|%s]\n", err, strerror(err));
     }
+}
+
+kh_update::kh_update() : outer_(update_depth == 0)
+{
+    ++update_depth;
+    if (!outer_)
+        return;
+    neighbours().script_lock.lock();
+    neighbours().kh_lock.lock();
+    stale_at_start_ = neighbours().files_stale;
+}
+
+kh_update::~kh_update()
+{
+    if (!outer_) {
+        --update_depth;
+        return;
+    }
+    // Written again only when the failure came from an earlier update: the
+    // one that just failed would fail the same way at once.
+    if (stale_at_start_ && neighbours().files_stale) {
+        bool ok = rewrite_key_holders();
+        ok = ap2mac_rebuild(neighbours().ft_enabled_vaps.load()) == 0 && ok;
+        if (ok) {
+            neighbours().files_stale = false;
+            log_msg(0, log_lvl::error, "[dorvand] Key-holder files written again from the list\n");
+            neighbours().script_wanted = true;
+        }
+    }
+    const bool script = std::exchange(neighbours().script_wanted, false);
+    neighbours().kh_lock.unlock();
+    --update_depth;
+    if (script)
+        run_ft_script();
+    neighbours().script_lock.unlock();
+}
+
+void kh_files_retry()
+{
+    if (neighbours().files_stale)
+        kh_update retry;
 }

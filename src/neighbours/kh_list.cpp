@@ -176,7 +176,7 @@ void print_scan_list(int count, const scan_ap_record* records)
 void reload_key_holders()
 {
     uint8_t changed = 0;
-    if (file_ptr f = open_file(paths::key_holders, "r")) {
+    if (file_ptr f = open_owned_file(paths::key_holders, "r")) {
         nb::key_holder_record rec{};
         while (nb::read_record(f.get(), rec)) {
             const uint8_t* m = rec.mac;

@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "neighbours/neighbours.h"
+#include "base/files.h"
 #include "base/paths.h"
 
 namespace nb {
@@ -49,13 +50,12 @@ key_holder_record decode_record(const record_bytes& bytes);
 // a short last record.
 bool read_record(FILE* f, key_holder_record& out);
 
-// Reads lines of at most `max_len` characters (newline not counted) into a
-// caller's buffer of max_len + 2 bytes, the newline removed; `had_newline`,
-// when given, tells whether there was one (the last line may lack it). An
-// over-long line is consumed to its end and reported as such, so its tail is
-// never taken for a line of its own.
-enum class line_status { ok, too_long, end };
-line_status read_line(FILE* f, char* buf, size_t max_len, bool* had_newline = nullptr);
+// The bounded line reader of the daemon's files (base/files.h).
+using ::line_status;
+inline line_status read_line(FILE* f, char* buf, size_t max_len, bool* had_newline = nullptr)
+{
+    return read_bounded_line(f, buf, max_len, had_newline);
+}
 
 // The 17-character neighbour BSSID text for neighbour radio k and local VAP v
 // of a key holder whose last byte is `last`.

@@ -33,28 +33,6 @@ bool read_record(FILE* f, key_holder_record& out)
     return true;
 }
 
-line_status read_line(FILE* f, char* buf, size_t max_len, bool* had_newline)
-{
-    if (had_newline)
-        *had_newline = false;
-    if (!fgets(buf, static_cast<int>(max_len + 2), f))
-        return line_status::end;
-    size_t len = std::strlen(buf);
-    if (len > 0 && buf[len - 1] == '\n') {
-        buf[len - 1] = '\0';
-        if (had_newline)
-            *had_newline = true;
-        return line_status::ok;
-    }
-    if (len <= max_len)
-        return line_status::ok;  // the last line, without a newline
-    int c;
-    do
-        c = fgetc(f);
-    while (c != '\n' && c != EOF);
-    return line_status::too_long;
-}
-
 std::array<char, 18> neighbour_bssid_text(const uint8_t mac[6], uint8_t last, int k, int v,
                                           const vap_offsets& off)
 {

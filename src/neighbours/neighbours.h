@@ -82,6 +82,13 @@ struct neighbour_state {
     kh_entry kh_list{&kh_list, &kh_list, {}, 0, 0};  // sentinel head of the circular list
     uint8_t kh_list_nonempty = 0;
     std::timed_mutex kh_lock;  // the list, kh_list_nonempty and the three files
+    // Held by one whole key-holder update and the transition script it asks
+    // for, so the script sees every file of that update and nothing later.
+    std::timed_mutex script_lock;
+    bool script_wanted = false;  // under kh_lock: the current update asked for the script
+    // A file write of the list failed: the files are written again from the
+    // list when an update ends or the retry comes, whichever is first.
+    std::atomic<bool> files_stale{false};
     // Bit 10*radio + vap: 802.11r enabled. Written by the status refresh,
     // read by the key-change writers under kh_lock.
     std::atomic<uint32_t> ft_enabled_vaps{0};
@@ -111,6 +118,34 @@ void free_kh_list();
 
 // ---- Key-holder files and transition script -------------------------------
 
+// One update of the key-holder list and its files, as a scope: takes
+// script_lock, then kh_lock. run_ft_script inside it only asks for the
+// script; the script runs when the update ends, after kh_lock is released
+// and before script_lock is, so it sees the whole update while no thread
+// waits on kh_lock behind it. Files left stale by an earlier failure are
+// written again from the list at the end. Nests: an inner scope on the same
+// thread adds nothing.
+class kh_update {
+public:
+    kh_update();
+    ~kh_update();
+    kh_update(const kh_update&) = delete;
+    kh_update& operator=(const kh_update&) = delete;
+
+private:
+    bool outer_;
+    bool stale_at_start_ = false;
+};
+
+// Writes the key-holder file and every enabled VAP's ap2_macaddr line again
+// from the list when an earlier write failed. Any thread but a holder of
+// kh_lock; the event-socket thread calls it while no event comes.
+void kh_files_retry();
+// How often kh_files_retry is due while files are stale, in seconds.
+inline constexpr int kh_files_retry_secs = 60;
+// Rebuilds the ap2_macaddr lines of the VAPs in `mask` from the list. 0 or -1.
+int ap2mac_rebuild(uint32_t mask);
+
 bool key_holder_cached(const kh_entry& entry);
 void write_key_holders(const char* mode);
 int ap2mac_update(const char* vap, const char* text, int op);
@@ -118,6 +153,7 @@ int ap2mac_remove_vap(const char* key);
 void key_change_on_addition(const kh_candidate& candidate);
 void key_change_on_deletion(int radio, uint8_t family, uint8_t mac[6]);
 void vap_ft_status_changed(int radio, int vap, const kh_entry& entry, int status);
+// Inside a kh_update, asks for the script at its end; outside one, runs it.
 void run_ft_script();
 
 // ---- Neighbour event socket -----------------------------------------------

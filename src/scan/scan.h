@@ -3,6 +3,7 @@
 // scan databases. Everything here runs on the event-loop thread.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <vector>
@@ -20,6 +21,8 @@ struct scan_state {
     // Held by process_scan_result for its whole run.
     std::mutex scan_result_lock;
     uint16_t rand_scan_timer = 0;
+    // Per band: its marker file is there because a scan cycle is writing.
+    std::atomic<bool> marker_set[3] = {};
 };
 scan_state& scanning();
 
@@ -57,6 +60,9 @@ void set_scan_startup_work(void (*work)());
 // Cancels every timer of the scheduler, band by band, logging each count.
 // Any thread (the event loop has its own lock).
 void stop_scan_scheduler();
+// Removes the marker of every band whose scan cycle is writing now, so an
+// exit in the middle of a scan leaves none behind. Any thread.
+void remove_scan_markers();
 void rogue_ap_check_2g(intptr_t ctx1, intptr_t ctx2);
 void rogue_ap_check_5gl(intptr_t ctx1, intptr_t ctx2);
 void rogue_ap_check_5gh(intptr_t ctx1, intptr_t ctx2);

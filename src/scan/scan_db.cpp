@@ -1,9 +1,12 @@
 // The per-band scan databases: creation, and the channel and BSS upserts of
 // a scan's write cycles.
+#include "base/files.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "scan/scan.h"
 #include "scan/scan_internal.h"
+
+#include <fcntl.h>
 
 #include <cstdio>
 #include <initializer_list>
@@ -77,11 +80,34 @@ bool row_exists(stmt_ptr stmt)
     return sqlite3_step(stmt.get()) == SQLITE_ROW;
 }
 
+// How long a write waits for a reader of the database (another program of
+// the access point) before it fails.
+constexpr int busy_timeout_ms = 2000;
+
+// Opens a band's database the way every connection of the daemon does: no
+// symbolic link anywhere in the name, only the daemon's own file with one
+// link, and a busy timeout so that readers delay writes instead of failing
+// them. A refused file is reported like one that cannot be opened.
+int open_db(int radio, sqlite_ptr& db)
+{
+    const char* path = paths::scan_dbs[radio];
+    if (file_exists(path)) {
+        unique_fd checked = open_owned(path, O_RDONLY);
+        if (!checked.valid())
+            return SQLITE_CANTOPEN;
+    }
+    sqlite3* raw = nullptr;
+    int rc = sqlite3_open_v2(path, &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, nullptr);
+    db.reset(raw);
+    if (rc == SQLITE_OK)
+        sqlite3_busy_timeout(raw, busy_timeout_ms);
+    return rc;
+}
+
 int create_scan_db(int radio)
 {
-    sqlite3* raw = nullptr;
-    int rc = sqlite3_open(paths::scan_dbs[radio], &raw);
-    sqlite_ptr db(raw);
+    sqlite_ptr db;
+    int rc = open_db(radio, db);
     if (rc != SQLITE_OK) {
         log_msg(0, log_lvl::error, "Cannot open database: %s\n", sqlite3_errmsg(db.get()));
         return rc;
@@ -159,9 +185,8 @@ int create_scan_db_5gh()
 
 sqlite_ptr open_scan_db(int radio, int line)
 {
-    sqlite3* raw = nullptr;
-    int rc = sqlite3_open(paths::scan_dbs[radio], &raw);
-    sqlite_ptr db(raw);
+    sqlite_ptr db;
+    int rc = open_db(radio, db);
     if (rc != SQLITE_OK) {
         log_msg(0, log_lvl::error, "[%d]Error in opening Db \n", line);
         return nullptr;

@@ -139,7 +139,7 @@ int fetch_neighbours(report_session& s, uint8_t i, neighbour_buffer& buffer, siz
 void hand_over(const scan_ap_record* list, int count, int radio)
 {
     log_msg(0, log_lvl::info, "\t #### SCAN RESULTS ### \n");
-    std::lock_guard<std::timed_mutex> hold(neighbours().kh_lock);
+    kh_update update;
     print_scan_list(count, list);
     match_known_aps(list, count, radio);
     traverse_kh_list();
@@ -160,10 +160,11 @@ void store_neighbours(const acs_report& report, const acs_neighbour* buffer, siz
         char ssid[sizeof n.ssid];
         memcpy(ssid, n.ssid, sizeof ssid);
         ssid[sizeof ssid - 1] = '\0';
+        // Anyone in radio range picks the SSID: it goes to the log escaped.
         log_msg(0, log_lvl::error,
                 "Dorvand chan:%3d\t chan_nbss:%d\t ssid:%s\t bssid:%02x:%02x:%02x:%02x:%02x:%02x\t rssi:%d\t "
                 "phymode:%d vx_ap_type:%d\n",
-                report.ieee_chan, report.chan_nbss, ssid, n.bssid[0], n.bssid[1], n.bssid[2], n.bssid[3], n.bssid[4],
+                report.ieee_chan, report.chan_nbss, log_escape(ssid).c_str(), n.bssid[0], n.bssid[1], n.bssid[2], n.bssid[3], n.bssid[4],
                 n.bssid[5], n.rssi, n.phymode, n.vx_ap_type);
         if (list) {
             scan_ap_record& rec = list[j];

@@ -149,7 +149,21 @@ const band bands[3] = {
 void schedule(eloop_timeout_handler handler, uint32_t secs, intptr_t radio)
 {
     eloop_cancel_timer(handler, 0, radio);
-    eloop_add_timer(secs, 0, handler, 0, radio);
+    if (eloop_add_timer(secs, 0, handler, 0, radio) != 0)
+        log_msg(1, log_lvl::error, "[dorvand] No timer for the next scan stage of radio %ld: its scans stop\n",
+                static_cast<long>(radio));
+}
+
+void set_marker(int radio)
+{
+    scanning().marker_set[radio] = true;
+    touch_marker(paths::scan_db_markers[radio]);
+}
+
+void clear_marker(int radio)
+{
+    unlink(paths::scan_db_markers[radio]);
+    scanning().marker_set[radio] = false;
 }
 
 // The radio a scan handler was registered for; the band's own radio when
@@ -246,8 +260,7 @@ void full_scan(const band& b, intptr_t ctx2)
         return;
     }
     log_msg(0, log_lvl::info, b.triggered, b.full_name);
-    const char* marker = paths::scan_db_markers[b.radio];
-    touch_marker(marker);
+    set_marker(b.radio);
     scan_sleep(full_scan_wait_secs);
     if (process_scan_result(radio, vap_name, 0) != -1) {
         log_msg(0, log_lvl::info, results_stored_text, b.full_name);
@@ -257,7 +270,7 @@ void full_scan(const band& b, intptr_t ctx2)
         log_msg(1, log_lvl::error, b.results_failed, b.full_name, radio_name);
         schedule(b.full_scan, retry_secs, radio);
     }
-    unlink(marker);
+    clear_marker(b.radio);
 }
 
 // The batch scan's conditions, in the band's order; false when one fails.
@@ -291,8 +304,7 @@ void batch_scan(const band& b, intptr_t ctx2)
             return;
         }
     }
-    const char* marker = paths::scan_db_markers[b.radio];
-    touch_marker(marker);
+    set_marker(b.radio);
     const std::vector<int32_t>& channels = scanning().scan_chan_list[radio];
     log_msg(0, log_lvl::info, channel_count_text, b.batch_name, static_cast<int>(channels.size()));
     // Indexing, not iterators: nothing may grow the list meanwhile, but an
@@ -303,7 +315,7 @@ void batch_scan(const band& b, intptr_t ctx2)
         scan_sleep(channel_scan_wait_secs);
         process_scan_result(radio, radio_name, channel);
     }
-    unlink(marker);
+    clear_marker(b.radio);
     schedule(b.batch_scan, batch_period_secs, radio);
 }
 
@@ -419,4 +431,12 @@ void stop_scan_scheduler()
     log_cancelled(__LINE__, eloop_cancel_timer(start_5gh_scan_timer, 0, ELOOP_ANY_CTX));
     log_cancelled(__LINE__, eloop_cancel_timer(trigger_5gh_full_scan, 0, ELOOP_ANY_CTX));
     log_cancelled(__LINE__, eloop_cancel_timer(trigger_5gh_batch_scan, 0, ELOOP_ANY_CTX));
+}
+
+void remove_scan_markers()
+{
+    for (int radio = 0; radio < 3; ++radio) {
+        if (scanning().marker_set[radio])
+            unlink(paths::scan_db_markers[radio]);
+    }
 }
