@@ -1,6 +1,7 @@
 #!/bin/bash
 # Simulated transition script: keeps a copy of the files it was run for, one
-# numbered folder per run, and exits with the code the harness asked for.
+# numbered folder per run, and exits with the code the harness asked for
+# (or hangs while /dorvsim/ctl/fast_bss_transition.sh.hang exists).
 # Shell built-ins wherever they do (two programs a run: mkdir and cp), as
 # the daemon waits for it, and a deployment runs it thousands of times.
 runs=/dorvsim/runs/fast_bss_transition.sh
@@ -20,6 +21,7 @@ done
 [ ${#files[@]} -eq 0 ] || cp "${files[@]}" "$run/"
 echo "$*" > "$run/args"
 echo "${EPOCHREALTIME/,/.}" > "$run/time"
+while [ -e /dorvsim/ctl/fast_bss_transition.sh.hang ]; do sleep 0.05; done
 rc=0
 read -r rc 2>/dev/null < /dorvsim/ctl/fast_bss_transition.sh.rc
 exit "${rc:-0}"

@@ -4,9 +4,10 @@
 //
 // Locking (see daemon/threads.h for the whole order): the table operations take
 // ht_mutex themselves. Everything that touches the key-holder list,
-// kh_list_nonempty or the three files expects the caller to hold kh_lock;
-// the callers are the event-socket thread (per event), process_scan_result
-// (around its hand-over), the 802.11r refresh and the SIGRTMIN update.
+// kh_list_nonempty or the three files expects the caller to hold kh_lock,
+// taken through a kh_update scope by the event-socket thread (per event),
+// process_scan_result (around its hand-over), the 802.11r refresh and the
+// SIGRTMIN update.
 #pragma once
 
 #include <atomic>
@@ -167,8 +168,8 @@ int open_event_socket();
 void* event_socket_thread(void* arg);
 void remove_key_holder(const uint8_t mac[6]);
 // Applies one received datagram (len bytes; missing bytes count as 0, bytes
-// past the ninth are ignored). Takes kh_lock as needed, holding it through
-// the script run. An event of a known type naming a radio without a table
+// past the ninth are ignored). Takes a kh_update as needed; the script runs
+// at its end. An event of a known type naming a radio without a table
 // is refused with an ERROR line and changes nothing. Event-socket thread
 // (and tests).
 void handle_neighbour_event(const uint8_t* buf, size_t len);

@@ -8,7 +8,9 @@
 
 #include <fcntl.h>
 
+#include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <initializer_list>
 #include <memory>
 #include <utility>
@@ -81,8 +83,35 @@ bool row_exists(stmt_ptr stmt)
 }
 
 // How long a write waits for a reader of the database (another program of
-// the access point) before it fails.
-constexpr int busy_timeout_ms = 2000;
+// the access point) before it fails, and the naps in between.
+constexpr int64_t busy_timeout_ms = 2000;
+constexpr int64_t busy_nap_ms = 5;
+
+int64_t monotonic_ms()
+{
+    struct timespec ts {};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// SQLite's busy handler: the readers are other processes working in real
+// time, so the wait for them is kept on the monotonic clock. `count` is 0 at
+// the first call for each lock the statement waits for. Event-loop thread.
+int wait_for_readers(void*, int count)
+{
+    thread_local int64_t since_ms = 0;
+    int64_t now = monotonic_ms();
+    if (count == 0)
+        since_ms = now;
+    if (now - since_ms >= busy_timeout_ms)
+        return 0;
+    int64_t until = now + busy_nap_ms;
+    struct timespec ts {};
+    ts.tv_sec = static_cast<time_t>(until / 1000);
+    ts.tv_nsec = static_cast<long>(until % 1000 * 1000000);
+    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr);
+    return 1;
+}
 
 // Opens a band's database the way every connection of the daemon does: no
 // symbolic link anywhere in the name, only the daemon's own file with one
@@ -100,7 +129,7 @@ int open_db(int radio, sqlite_ptr& db)
     int rc = sqlite3_open_v2(path, &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, nullptr);
     db.reset(raw);
     if (rc == SQLITE_OK)
-        sqlite3_busy_timeout(raw, busy_timeout_ms);
+        sqlite3_busy_handler(raw, wait_for_readers, nullptr);
     return rc;
 }
 
