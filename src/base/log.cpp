@@ -35,6 +35,9 @@ std::mutex log_lock;
 
 log_conf startup_conf{};
 
+// Whether syslog has been told that the log file was refused (under log_lock).
+bool log_refusal_told = false;
+
 }  // namespace
 
 const char* log_timestamp()
@@ -95,7 +98,13 @@ int log_msg(int to_syslog, unsigned level, const char* format, ...)
     // The log lives in a world-writable directory: no link is followed and
     // only the daemon's own regular file is written (a refused file is
     // handled like one that cannot be opened).
-    int fd = open_checked(data.path, O_RDWR | O_APPEND | O_CREAT, 0666, nullptr);
+    const char* why = nullptr;
+    int fd = open_checked(data.path, O_RDWR | O_APPEND | O_CREAT, 0666, &why);
+    if (why && !log_refusal_told) {
+        // Nowhere else to say it: the one line goes to syslog, once.
+        syslog(LOG_ERR, "[dorvand] Refused %s: %s\n", data.path, why);
+        log_refusal_told = true;
+    }
     std::unique_ptr<FILE, file_closer> f(fd >= 0 ? fdopen(fd, "a+") : nullptr);
     if (!f) {
         if (fd >= 0)

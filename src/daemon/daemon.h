@@ -25,9 +25,10 @@ void register_exit_signal(struct sigaction* action, int signo, void (*handler)(i
 void register_info_signal(struct sigaction* action, int signo, void (*handler)(int, siginfo_t*, void*));
 
 // Blocks signal 10 and SIGRTMIN in the calling thread (and so in every thread
-// it starts later), installs their handlers, which only pass the signal on
-// through a pipe, and starts the signal thread that does their work. Main
-// thread, before the worker threads are created.
+// it starts later), installs their handlers, which only record the signal
+// and wake a thread through a pipe, and starts the signal thread and the
+// fast-transition thread that do their work. Main thread, before the worker
+// threads are created.
 void setup_signals();
 
 // Thread entries.
