@@ -137,6 +137,16 @@ bool append_file::close()
     return ok;
 }
 
+void append_file::discard()
+{
+    if (!f_)
+        return;
+    FILE* raw = f_.release();
+    __fpurge(raw);
+    [[maybe_unused]] int rc = ftruncate(fileno(raw), start_);
+    fclose(raw);
+}
+
 replace_file::~replace_file()
 {
     if (f_) {

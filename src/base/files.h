@@ -83,6 +83,8 @@ public:
     // on a record boundary and a failed one ends on it.
     void trim_to_records(off_t unit);
     bool close();
+    // Drops whatever was written since open() and closes.
+    void discard();
 
 private:
     file_ptr f_;

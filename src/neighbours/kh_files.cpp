@@ -76,9 +76,7 @@ bool append_key_holders()
         return false;
     f.trim_to_records(sizeof(nb::key_holder_record));
     if (!write_records(f.get(), on_disk)) {
-        int err = errno;
-        f.close();
-        errno = err;
+        f.discard();
         return false;
     }
     if (!f.close()) {
