@@ -144,7 +144,8 @@ int wait_child(const child& c)
             poll(&p, 1, static_cast<int>(std::min<int64_t>(left, 1000)));
         } else {
             // No pidfd (an older kernel): short naps, growing while it runs.
-            struct timespec ts {0, std::min<int64_t>(nap_ms, left) * 1000000L};
+            struct timespec ts {};
+            ts.tv_nsec = static_cast<long>(std::min<int64_t>(nap_ms, left) * 1000000);
             clock_nanosleep(CLOCK_MONOTONIC, 0, &ts, nullptr);
             nap_ms = std::min(nap_ms * 2, 20);
         }
