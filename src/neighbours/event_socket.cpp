@@ -99,14 +99,14 @@ void on_ap_deletion(const neighbour_event& ev, known_ap_table* table)
     run_ft_script();
 }
 
-// Blocks until a datagram is waiting. While the key-holder files are stale
-// (a write failed), they are written again every kh_files_retry_secs.
+// Blocks until a datagram is waiting. Key-holder files left stale by a
+// failed write (on any thread) are written again every kh_files_retry_secs
+// meanwhile.
 void wait_for_event(int fd)
 {
     for (;;) {
         struct pollfd p {fd, POLLIN, 0};
-        int timeout = neighbours().files_stale ? kh_files_retry_secs * 1000 : -1;
-        int ready = poll(&p, 1, timeout);
+        int ready = poll(&p, 1, kh_files_retry_secs * 1000);
         if (ready != 0)
             return;  // a datagram, or an error the receive reports
         kh_files_retry();
