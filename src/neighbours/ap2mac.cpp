@@ -153,6 +153,14 @@ std::string delete_from_line(std::string_view line, const std::string& key, cons
         first = false;
         last_token.assign(token);
         if (bssid != text) {
+            // Each token gains a blank, and a short first token the key: a
+            // line the daemon did not write could outgrow the bound, and the
+            // next rewrite would drop all of it.
+            if (rebuilt.size() + bssid.size() + 1 > max_line) {
+                log_msg(0, log_lvl::error, "[dorvand] ap2_macaddr line full, %s dropped\n",
+                        std::string(bssid).c_str());
+                continue;
+            }
             rebuilt.append(bssid);
             rebuilt += ' ';
         }
