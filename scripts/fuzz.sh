@@ -20,7 +20,7 @@ cmake --build build-fuzz -j"$jobs" >/dev/null
 # their bound, the most records or events a target looks at.
 max_len() {
     case $1 in
-        fuzz_event) echo 256 ;;
+        fuzz_event) echo 160 ;;
         fuzz_keyholders) echo 129 ;;
         fuzz_board) echo 1024 ;;
         *) echo 4096 ;;

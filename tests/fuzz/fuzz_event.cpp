@@ -17,7 +17,9 @@
 
 namespace {
 
-constexpr int max_events = 64;
+// Enough for additions and deletions to meet in one slot; each event's
+// table walk is logged, so more would mostly time the log formatting.
+constexpr int max_events = 16;
 using mac_bytes = std::array<uint8_t, 6>;
 
 }  // namespace
