@@ -9,7 +9,7 @@
 // requests in order: per request a control byte (0xFF: the request fails;
 // bit 0: answer 7, "buffer too small"), the entry count, the channel, the
 // neighbour count it claims, 20 bytes of statistics, and the number of
-// neighbours written (never more than the buffer holds), 52 bytes each.
+// neighbours written (0..6, never more than the buffer holds), 52 bytes each.
 #include <sqlite3.h>
 
 #include <cerrno>
@@ -27,8 +27,11 @@
 
 namespace {
 
-constexpr int max_requests = 64;
-constexpr uint8_t max_entries = 16;
+// Each neighbour stored is a write cycle on the database: a few requests of
+// a few neighbours reach every path, more only slow the target down.
+constexpr int max_requests = 24;
+constexpr uint8_t max_entries = 8;
+constexpr size_t max_written = 6;
 
 struct answer_source {
     const uint8_t* data = nullptr;
@@ -68,7 +71,7 @@ int fuzz_driver(int, unsigned long request, void* arg)
     answers.bytes(&r.chan_load, sizeof r.chan_load);
     answers.bytes(&r.chan_rank, sizeof r.chan_rank);
     size_t room = r.nbr.pointer ? r.nbr_length / sizeof(acs_neighbour) : 0;
-    size_t written = answers.byte();
+    size_t written = answers.byte() % (max_written + 1);
     for (size_t i = 0; i < written && i < room; ++i)
         answers.bytes(&r.nbr.pointer[i], sizeof(acs_neighbour));
     return (control & 1) ? 7 : 0;
