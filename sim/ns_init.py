@@ -32,6 +32,8 @@ def setup_mounts(cfg):
         f"lowerdir=/usr,upperdir={cfg['usr_upper']},workdir={cfg['usr_work']}", f"{root}/usr")
     for dev in cfg["binds"]:
         run("mount", "--bind", dev, f"{root}{dev}")
+    if cfg.get("proc"):
+        run("mount", "-t", "proc", "proc", f"{root}/proc")
 
 
 def setup_links(links):

@@ -62,6 +62,15 @@ PID_PATH = "tmp/dorvand.pid"
 SYSLOG_RE = re.compile(r"^<(\d+)>(\w{3} [ \d]\d \d\d:\d\d:\d\d) ([^:\[\s]+)(?:\[\d+\])?: (.*)$", re.S)
 LOG_TIME_RE = re.compile(r"^\[(\w{3} \w{3} [ \d]\d \d\d:\d\d:\d\d \d{4})\] ")
 UNIX_PATH_MAX = 107
+# Where a daemon built with AddressSanitizer or UndefinedBehaviorSanitizer
+# writes its reports (it has detached from any terminal): one file per
+# process, REPORTS_IN_ROOT.PID.
+REPORTS_IN_ROOT = "/dorvsim/sanitizer/report"
+SANITIZER_ENV = {
+    # The simulator's library is preloaded ahead of the runtime.
+    "ASAN_OPTIONS": f"log_path={REPORTS_IN_ROOT}:verify_asan_link_order=0:detect_leaks=1",
+    "UBSAN_OPTIONS": f"log_path={REPORTS_IN_ROOT}:print_stacktrace=1:halt_on_error=1",
+}
 
 
 class SandboxError(Exception):
@@ -133,6 +142,8 @@ class Sandbox:
         self._pid: int | None = None
         self._syslog: SyslogSink | None = None
         self.configd = None  # the ConfigdSim serving /tmp/confd_get, while running
+        self.sanitized = _is_sanitized(self.dorvand)
+        self.sanitizer_reports: list[str] = []  # filled by close()
 
     # ---- life cycle -----------------------------------------------------------
 
@@ -237,6 +248,7 @@ class Sandbox:
             if self._ns_log:
                 self._ns_log.close()
                 self._ns_log = None
+            self.sanitizer_reports = self._read_sanitizer_reports()
             if not self.keep and not self.running():
                 shutil.rmtree(self.scratch, ignore_errors=True)
 
@@ -481,8 +493,8 @@ class Sandbox:
     def _build_root(self) -> None:
         if (self.root / "usr").exists() and any((self.root / "usr").iterdir()):
             raise SandboxError(f"{self.root}/usr is not empty: is another sandbox using {self.scratch}?")
-        for d in ("etc", "tmp/run", "tmp/log", "var", "dev", "usr", "dorvsim/calls", "dorvsim/runs",
-                  "dorvsim/ctl"):
+        for d in ("etc", "tmp/run", "tmp/log", "var", "dev", "proc", "usr", "dorvsim/calls", "dorvsim/runs",
+                  "dorvsim/ctl", "dorvsim/sanitizer"):
             (self.root / d).mkdir(parents=True, exist_ok=True)
         for d in (self.scratch / "usr-upper", self.scratch / "usr-work", self.out):
             d.mkdir(parents=True, exist_ok=True)
@@ -568,6 +580,8 @@ class Sandbox:
             "usr_upper": str(self.scratch / "usr-upper"),
             "usr_work": str(self.scratch / "usr-work"),
             "binds": list(DEVICES),
+            # The sanitizer runtimes read /proc/self/maps.
+            "proc": self.sanitized,
             "links": [[name, bool(up)] for name, up in self.links.items()],
             "status": str(self.out / "ns_status.json"),
             "daemon": command,
@@ -580,6 +594,7 @@ class Sandbox:
                 "DORVSIM_REQLOG": "/dorvsim/reqlog",
                 "DORVSIM_SCALE": repr(self.scale),
                 "DORVSIM_T0": f"{self.t0:.6f}",
+                **(SANITIZER_ENV if self.sanitized else {}),
             },
         }
 
@@ -624,6 +639,13 @@ class Sandbox:
             raise SandboxError(f"ip {' '.join(args)}: {r.stderr.strip()}")
         return r.stdout
 
+    def _read_sanitizer_reports(self) -> list[str]:
+        folder = self.path(REPORTS_IN_ROOT).parent
+        try:
+            return [p.read_text(errors="replace") for p in sorted(folder.iterdir())]
+        except OSError:
+            return []
+
     def _log_tail(self, lines: int = 15) -> str:
         return "\n".join(self.log_text().splitlines()[-lines:])
 
@@ -638,6 +660,15 @@ def parse_reqlog(text: str) -> list[dict]:
     """The simulator's request log as dicts of each line's key=value words
     (quoted values keep their quotes)."""
     return [dict(re.findall(r'(\w+)=("[^"]*"|\S*)', line)) for line in text.splitlines()]
+
+
+def _is_sanitized(binary: Path) -> bool:
+    """True for a daemon built with AddressSanitizer or UndefinedBehaviorSanitizer."""
+    try:
+        data = binary.read_bytes()
+    except OSError:
+        return False
+    return b"__asan_init" in data or b"__ubsan_handle_" in data
 
 
 def _kill(pid: int, sig: int) -> None:

@@ -193,25 +193,3 @@ bool replace_file::commit()
     return ok;
 }
 
-line_status read_bounded_line(FILE* f, char* buf, size_t max_len, bool* had_newline)
-{
-    if (had_newline)
-        *had_newline = false;
-    size_t len = 0;
-    int c = EOF;
-    while ((c = getc(f)) != EOF && c != '\n') {
-        if (len < max_len)
-            buf[len] = static_cast<char>(c);
-        ++len;
-    }
-    if (c == EOF && len == 0)
-        return line_status::end;
-    if (had_newline)
-        *had_newline = c == '\n';
-    if (len > max_len) {
-        buf[0] = '\0';
-        return line_status::too_long;
-    }
-    buf[len] = '\0';
-    return line_status::ok;
-}

@@ -113,11 +113,3 @@ private:
     file_ptr f_;
 };
 
-// Reads one line of at most `max_len` bytes (newline not counted) into a
-// buffer of max_len + 2 bytes, NUL-terminated, the newline removed. The
-// length is what was read, NUL bytes included, so a line with an early NUL
-// is still measured whole. `had_newline`, when given, tells whether there
-// was one (the last line may lack it). An over-long line is consumed to its
-// end and reported as such, so its tail is never taken for a line.
-enum class line_status { ok, too_long, end };
-line_status read_bounded_line(FILE* f, char* buf, size_t max_len, bool* had_newline = nullptr);

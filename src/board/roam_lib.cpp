@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/byte_source.h"
 #include "base/files.h"
 #include "base/log.h"
 #include "base/spawn.h"
@@ -21,6 +22,58 @@ const product_info product_table[product_table_rows] = {
 namespace {
 constexpr size_t line_bound = 256;
 constexpr size_t rogue_word_max = 7;
+}  // namespace
+
+namespace {
+
+// One line as fgets reads it into a buffer of `size` bytes: at most size - 1
+// bytes, up to and including a newline, then a NUL. Returns the bytes read
+// (0 at the end); a line is measured by them, NULs included.
+size_t read_line_part(byte_source& in, char* buf, size_t size)
+{
+    size_t n = 0;
+    int c;
+    while (n + 1 < size && (c = in.get()) != EOF) {
+        buf[n++] = static_cast<char>(c);
+        if (c == '\n')
+            break;
+    }
+    buf[n] = '\0';
+    return n;
+}
+
+int scan_key_value(byte_source& in, const char* path, const char* key, char delim, char* out, size_t out_size)
+{
+    char line[line_bound];
+    while (size_t n = read_line_part(in, line, sizeof line)) {
+        if (!strstr(line, key))
+            continue;
+        char* value = strchr(line, delim);
+        if (!value)
+            continue;
+        ++value;
+        if (*value == ' ')
+            ++value;
+        if (!out)
+            return atoi(value);
+        size_t len = n - static_cast<size_t>(value - line);
+        // A copy bounded by the value's own length: the line's last character
+        // goes, and an empty value copies nothing, not even a terminator.
+        if (len == 0 || out_size == 0)
+            return 0;
+        size_t keep = len - 1;
+        if (keep > out_size - 1) {
+            log_msg(0, log_lvl::error, "[roam_lib] Value of %s in %s is longer than %zu characters; cut\n", key,
+                    path, out_size - 1);
+            keep = out_size - 1;
+        }
+        memcpy(out, value, keep);
+        out[keep] = '\0';
+        return 0;
+    }
+    return 0;
+}
+
 }  // namespace
 
 int read_key_value(const char* path, const char* key, char delim, char* out, size_t out_size)
@@ -39,34 +92,15 @@ int read_key_value(const char* path, const char* key, char delim, char* out, siz
         }
         return -1;
     }
-    char line[line_bound];
-    while (fgets(line, sizeof line, f.get())) {
-        if (!strstr(line, key))
-            continue;
-        char* value = strchr(line, delim);
-        if (!value)
-            continue;
-        ++value;
-        if (*value == ' ')
-            ++value;
-        if (!out)
-            return atoi(value);
-        size_t len = strlen(value);
-        // A copy bounded by the value's own length: the line's last character
-        // goes, and an empty value copies nothing, not even a terminator.
-        if (len == 0 || out_size == 0)
-            return 0;
-        size_t keep = len - 1;
-        if (keep > out_size - 1) {
-            log_msg(0, log_lvl::error, "[roam_lib] Value of %s in %s is longer than %zu characters; cut\n", key,
-                    path, out_size - 1);
-            keep = out_size - 1;
-        }
-        memcpy(out, value, keep);
-        out[keep] = '\0';
-        return 0;
-    }
-    return 0;
+    byte_source in(f.get());
+    return scan_key_value(in, path, key, delim, out, out_size);
+}
+
+int parse_key_value(const char* data, size_t size, const char* path, const char* key, char delim, char* out,
+                    size_t out_size)
+{
+    byte_source in(data, size);
+    return scan_key_value(in, path, key, delim, out, out_size);
 }
 
 const product_info* match_product(const char* id)
@@ -101,6 +135,12 @@ int get_rogue_ap_detection(const char* wlan)
         log_msg(0, log_lvl::error, "Getting Neighbor AP status failed\n");
         return -1;
     }
+    return parse_rogue_ap_detection(output.data(), output.size());
+}
+
+int parse_rogue_ap_detection(const char* text, size_t len)
+{
+    const std::string output(text, len);
     char word[rogue_word_max + 1] = {};
     if (sscanf(output.c_str(), "%7s", word) != 1)
         return -1;

@@ -23,6 +23,10 @@ extern const product_info product_table[product_table_rows];
 // value's atoi (0 when not found) is returned. -1 when the file cannot be
 // opened (out then holds a single '"').
 int read_key_value(const char* path, const char* key, char delim, char* out, size_t out_size);
+// read_key_value over data[0..size), a key/value file's bytes; `path` only
+// names the file in the log line of a cut value.
+int parse_key_value(const char* data, size_t size, const char* path, const char* key, char delim, char* out,
+                    size_t out_size);
 
 // Fills out (12 bytes) with the board's product identifier from /etc/board and
 // returns the radio type of the first product_table row that it is a prefix
@@ -35,6 +39,9 @@ const product_info* match_product(const char* id);
 // Integer value of the radio's rogueApDetection setting in /tmp/run/config,
 // or -1 when it cannot be read. wlan is "wlan0", "wlan1" or "wlan2".
 int get_rogue_ap_detection(const char* wlan);
+// The setting's value in the output of its look-up, text[0..len): the atoi of
+// its first word (at most 7 characters), or -1 when it has none.
+int parse_rogue_ap_detection(const char* text, size_t len);
 
 // First line of `date` (at most 24 characters) into out (>= 32 bytes).
 char* get_date_string(char* out);

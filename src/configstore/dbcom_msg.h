@@ -201,6 +201,14 @@ void dbcom_disconnect(dbcom_handle* handle, int which);
 int dbcom_do_transaction(dbcom_handle* handle, uint8_t op, uint16_t flags, const uint8_t* data, int length,
                          std::optional<std::string>* result, std::optional<std::string>* error);
 
+// Takes in one response of a transaction of operation `op` (msg: what was
+// read, header and body): its body goes to `error` when the text flag is
+// set (the fail flag also sets *failed), else to `result`. Returns true when
+// more parts of the answer are to come, or the message was not for this
+// transaction (too short, another operation or magic).
+bool dbcom_take_response(std::span<const uint8_t> msg, uint8_t op, std::optional<std::string>* result,
+                         std::optional<std::string>* error, bool* failed);
+
 // ---------------------------------------------------------------------------
 // Text lines of the get operation
 // ---------------------------------------------------------------------------

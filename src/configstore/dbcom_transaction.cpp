@@ -107,28 +107,6 @@ int send_request(dbcom_handle* handle, int which, uint8_t op, uint16_t flags, co
     return 0;
 }
 
-// Takes in the message in recv_buf. Returns true when more parts of the
-// answer are to come (or the message was for someone else).
-bool take_response(uint8_t op, std::optional<std::string>* result, std::optional<std::string>* error, bool* failed)
-{
-    dbcom_header hdr;
-    std::span<const uint8_t> body;
-    if (dbcom_parse_response(recv_buf, &hdr, &body, nullptr) < 0)
-        return true;
-    if (hdr.op != op || hdr.magic != DBCOM_MAGIC)
-        return true;
-    if (!body.empty()) {
-        if (hdr.flags & DBCOM_FLAG_TEXT) {
-            str_append_bytes(error, body.data(), body.size());
-            if (hdr.flags & DBCOM_FLAG_FAIL)
-                *failed = true;
-        } else {
-            str_append_bytes(result, body.data(), body.size());
-        }
-    }
-    return (hdr.flags & DBCOM_FLAG_MORE) != 0;
-}
-
 // A wait that outlived the response wait (signals kept restarting it) means
 // configd is stuck: say so and leave the marker for whoever restarts it.
 void check_stuck(time_t* last)
@@ -167,7 +145,7 @@ bool wait_for_answer(dbcom_handle* handle, int which, uint8_t op, std::optional<
                 append_text(error, "Error receiving transaction response: %s.\n", strerror(errno));
                 return true;
             }
-            if (!take_response(op, result, error, &failed))
+            if (!dbcom_take_response(recv_buf, op, result, error, &failed))
                 return failed;
             continue;
         }
@@ -205,4 +183,25 @@ int dbcom_do_transaction(dbcom_handle* handle, uint8_t op, uint16_t flags, const
     if (failed)
         result->reset();
     return failed ? 1 : 0;
+}
+
+bool dbcom_take_response(std::span<const uint8_t> msg, uint8_t op, std::optional<std::string>* result,
+                         std::optional<std::string>* error, bool* failed)
+{
+    dbcom_header hdr;
+    std::span<const uint8_t> body;
+    if (dbcom_parse_response(msg, &hdr, &body, nullptr) < 0)
+        return true;
+    if (hdr.op != op || hdr.magic != DBCOM_MAGIC)
+        return true;
+    if (!body.empty()) {
+        if (hdr.flags & DBCOM_FLAG_TEXT) {
+            str_append_bytes(error, body.data(), body.size());
+            if (hdr.flags & DBCOM_FLAG_FAIL)
+                *failed = true;
+        } else {
+            str_append_bytes(result, body.data(), body.size());
+        }
+    }
+    return (hdr.flags & DBCOM_FLAG_MORE) != 0;
 }

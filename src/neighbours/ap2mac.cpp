@@ -19,7 +19,7 @@ namespace {
 
 // Lines are read and written with a 1024-byte buffer: at most 1022
 // characters, the newline and the terminator.
-constexpr size_t max_line = 1022;
+constexpr size_t max_line = nb::ap2mac_max_line;
 constexpr size_t max_bssid_text = 17;
 constexpr size_t key_len = 22;  // "ap2_macaddr_wifiXvapY=", where the first BSSID starts
 constexpr size_t kept_line_min = 20;
@@ -172,6 +172,14 @@ std::string delete_from_line(std::string_view line, const std::string& key, cons
         first = false;
         last_token.assign(token);
         if (bssid != text) {
+            // Each token gains a blank, and a short first token the key: a
+            // line the daemon did not write could outgrow the bound, and the
+            // next rewrite would drop all of it.
+            if (rebuilt.size() + bssid.size() + 1 > max_line) {
+                log_msg(0, log_lvl::error, "[dorvand] ap2_macaddr line full, %s dropped\n",
+                        std::string(bssid).c_str());
+                continue;
+            }
             rebuilt.append(bssid);
             rebuilt += ' ';
         }
@@ -200,25 +208,34 @@ int ap2mac_update(const char* vap, const char* text, int op)
     if (op == 1 && key_line_missing(key_buf) && append_line(key + "=" + text, site_new_line, false) == 0)
         return 0;
     std::string last_token;
-    return rewrite_ap2mac(tmp_msg::update, [&](std::string_view line) -> std::optional<std::string> {
-        log_msg(0, log_lvl::error, "[%d] mac_str:%s\n", site_read, std::string(line).c_str());
-        if (line.size() >= 2 && line.find(key) != std::string_view::npos)
-            return op == 1 ? add_to_line(line, text) : delete_from_line(line, key, text, last_token);
-        if (line.size() >= kept_line_min)
-            return std::string(line);
-        return std::nullopt;
+    return rewrite_ap2mac(tmp_msg::update, [&](std::string_view line) {
+        return nb::ap2mac_update_line(line, key, text, op, last_token);
     });
 }
 
 int ap2mac_remove_vap(const char* key)
 {
-    return rewrite_ap2mac(tmp_msg::remove_vap, [&](std::string_view line) -> std::optional<std::string> {
-        if (line.find(key) != std::string_view::npos || line.size() < kept_line_min)
-            return std::nullopt;
-        std::string kept(line);
-        log_msg(0, log_lvl::error, "%d [dorvand] str:%s, buf:%s\n", site_vap_kept, kept.c_str(), key);
-        return kept;
-    });
+    return rewrite_ap2mac(tmp_msg::remove_vap, [&](std::string_view line) { return nb::ap2mac_remove_line(line, key); });
+}
+
+std::optional<std::string> nb::ap2mac_update_line(std::string_view line, const std::string& key, const char* text,
+                                                  int op, std::string& last_token)
+{
+    log_msg(0, log_lvl::error, "[%d] mac_str:%s\n", site_read, std::string(line).c_str());
+    if (line.size() >= 2 && line.find(key) != std::string_view::npos)
+        return op == 1 ? add_to_line(line, text) : delete_from_line(line, key, text, last_token);
+    if (line.size() >= kept_line_min)
+        return std::string(line);
+    return std::nullopt;
+}
+
+std::optional<std::string> nb::ap2mac_remove_line(std::string_view line, const char* key)
+{
+    if (line.find(key) != std::string_view::npos || line.size() < kept_line_min)
+        return std::nullopt;
+    std::string kept(line);
+    log_msg(0, log_lvl::error, "%d [dorvand] str:%s, buf:%s\n", site_vap_kept, kept.c_str(), key);
+    return kept;
 }
 
 int ap2mac_rebuild(uint32_t mask)

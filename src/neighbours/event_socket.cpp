@@ -24,18 +24,6 @@
 namespace {
 
 
-// The datagram: bytes only, so no padding and no byte order.
-struct neighbour_event {
-    uint8_t mac[6];
-    uint8_t type;
-    uint8_t family;
-    uint8_t wlan;
-};
-static_assert(sizeof(neighbour_event) == 9);
-static_assert(offsetof(neighbour_event, type) == 6);
-static_assert(offsetof(neighbour_event, family) == 7);
-static_assert(offsetof(neighbour_event, wlan) == 8);
-
 void log_mac(const uint8_t m[6])
 {
     log_msg(0, log_lvl::info, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
@@ -220,11 +208,17 @@ void remove_key_holder(const uint8_t mac[6])
     }
 }
 
-void handle_neighbour_event(const uint8_t* buf, size_t len)
+neighbour_event decode_neighbour_event(const uint8_t* buf, size_t len)
 {
     neighbour_event ev{};
     if (buf)
         std::memcpy(&ev, buf, std::min(len, sizeof ev));
+    return ev;
+}
+
+void handle_neighbour_event(const uint8_t* buf, size_t len)
+{
+    const neighbour_event ev = decode_neighbour_event(buf, len);
     log_msg(0, log_lvl::info, "Event received [%d]\n", ev.type);
     if (ev.type != AP_ADDITION && ev.type != KH_ADDITION && ev.type != AP_DELETION) {
         log_msg(0, log_lvl::info, "default case \n");

@@ -173,26 +173,50 @@ void print_scan_list(int count, const scan_ap_record* records)
     }
 }
 
-void reload_key_holders()
+namespace {
+
+// Adds every whole record of `in`; true when that changed the list.
+bool add_stored_key_holders(byte_source& in)
 {
     uint8_t changed = 0;
-    if (file_ptr f = open_owned_file(paths::key_holders, "r")) {
-        nb::key_holder_record rec{};
-        while (nb::read_record(f.get(), rec)) {
-            const uint8_t* m = rec.mac;
-            log_msg(0, log_lvl::info, "%02x:%02x:%02x:%02x:%02x:%02x %s | %s \n", m[0], m[1], m[2], m[3], m[4], m[5],
-                    rec.active ? "PRESENT" : "NOT PRESENT", rec.family ? "TRM" : "TRV");
-            kh_candidate c{};
-            std::memcpy(c.mac, rec.mac, 6);
-            c.active = rec.active;
-            c.family = rec.family;
-            for (int radio = 0; radio < board().radio_count && radio < 3; ++radio)
-                add_to_kh_list(&c, radio, &changed, KH_MODE_STORED);
-        }
+    nb::key_holder_record rec{};
+    while (nb::read_record(in, rec)) {
+        const uint8_t* m = rec.mac;
+        log_msg(0, log_lvl::info, "%02x:%02x:%02x:%02x:%02x:%02x %s | %s \n", m[0], m[1], m[2], m[3], m[4], m[5],
+                rec.active ? "PRESENT" : "NOT PRESENT", rec.family ? "TRM" : "TRV");
+        kh_candidate c{};
+        std::memcpy(c.mac, rec.mac, 6);
+        c.active = rec.active;
+        c.family = rec.family;
+        for (int radio = 0; radio < board().radio_count && radio < 3; ++radio)
+            add_to_kh_list(&c, radio, &changed, KH_MODE_STORED);
     }
+    return changed != 0;
+}
+
+void finish_reload(bool changed)
+{
     if (changed)
         run_ft_script();
     traverse_kh_list();
+}
+
+}  // namespace
+
+void reload_key_holders()
+{
+    bool changed = false;
+    if (file_ptr f = open_owned_file(paths::key_holders, "r")) {
+        byte_source in(f.get());
+        changed = add_stored_key_holders(in);
+    }
+    finish_reload(changed);
+}
+
+void reload_key_holders_from(const uint8_t* data, size_t size)
+{
+    byte_source in(data, size);
+    finish_reload(add_stored_key_holders(in));
 }
 
 void free_kh_list()

@@ -91,23 +91,19 @@ void parse_known_ap_line(known_ap_table* table, const char* text)
     add_to_ht(table, mac, attrs[0], attrs[1], 0, 0);
 }
 
-// Lines longer than 255 characters are skipped whole (and logged once each):
+namespace {
+
+// Lines longer than 255 bytes are skipped whole (and logged once each):
 // their head alone could yield a wrong entry, and their tail must not be
 // mistaken for a line of its own.
-void load_known_aps(known_ap_table* table, const char* name)
+void load_known_aps_from(known_ap_table* table, const char* name, byte_source& in)
 {
     char prefix[255];
     snprintf(prefix, sizeof prefix, "%s:%s:", known_ap_key, name);
-    file_ptr f = open_file(paths::config_file, "r");
-    if (!f) {
-        int err = errno;
-        log_msg(1, log_lvl::error, "file pointer not opened [%d|%s]\n", err, strerror(err));
-        return;
-    }
     std::array<char, max_config_line + 2> line{};
     for (;;) {
         bool had_newline = false;
-        nb::line_status st = nb::read_line(f.get(), line.data(), max_config_line, &had_newline);
+        nb::line_status st = nb::read_line(in, line.data(), max_config_line, &had_newline);
         if (st == nb::line_status::end)
             break;
         if (st == nb::line_status::too_long) {
@@ -124,4 +120,24 @@ void load_known_aps(known_ap_table* table, const char* name)
             entry += '\n';
         parse_known_ap_line(table, entry.c_str());
     }
+}
+
+}  // namespace
+
+void load_known_aps_text(known_ap_table* table, const char* name, const char* data, size_t size)
+{
+    byte_source in(data, size);
+    load_known_aps_from(table, name, in);
+}
+
+void load_known_aps(known_ap_table* table, const char* name)
+{
+    file_ptr f = open_file(paths::config_file, "r");
+    if (!f) {
+        int err = errno;
+        log_msg(1, log_lvl::error, "file pointer not opened [%d|%s]\n", err, strerror(err));
+        return;
+    }
+    byte_source in(f.get());
+    load_known_aps_from(table, name, in);
 }

@@ -52,7 +52,11 @@ void del_from_ht(known_ap_table* table, const uint8_t mac[6]);
 void traverse_hash_table(known_ap_table* table, const char* name);
 // Record i of records looked up in the radio's table; a heap copy of the match.
 std::unique_ptr<known_ap_entry> find_known_ap(const scan_ap_record* records, int radio, int i);
+// Adds the known APs of radio `name` ("wlan0".."wlan2") listed in
+// /tmp/run/config; load_known_aps_text does the same for data[0..size)
+// holding such a file's text.
 void load_known_aps(known_ap_table* table, const char* name);
+void load_known_aps_text(known_ap_table* table, const char* name, const char* data, size_t size);
 void parse_known_ap_line(known_ap_table* table, const char* text);
 int parse_mac(const char* text, uint8_t out[6]);
 int hex_digit_value(char c);
@@ -113,7 +117,12 @@ bool is_new_key_holder(const uint8_t mac[6]);
 void traverse_kh_list();
 void match_known_aps(const scan_ap_record* records, int count, int radio);
 void print_scan_list(int count, const scan_ap_record* records);
+// Adds the key holders of /var/roam_key_holders to the list (stored MACs, one
+// entry per radio of the board), runs the script when that changed the list,
+// and logs the list. reload_key_holders_from does the same for data[0..size)
+// holding such a file's bytes.
 void reload_key_holders();
+void reload_key_holders_from(const uint8_t* data, size_t size);
 // Exit clean-up: logs "Removing ..." for each entry, unlinks and frees it.
 void free_kh_list();
 
@@ -162,6 +171,22 @@ void run_ft_script();
 inline constexpr uint8_t AP_DELETION = 0;
 inline constexpr uint8_t AP_ADDITION = 1;
 inline constexpr uint8_t KH_ADDITION = 2;
+
+// The datagram: bytes only, so no padding and no byte order.
+struct neighbour_event {
+    uint8_t mac[6];
+    uint8_t type;
+    uint8_t family;
+    uint8_t wlan;
+};
+static_assert(sizeof(neighbour_event) == 9);
+static_assert(offsetof(neighbour_event, type) == 6);
+static_assert(offsetof(neighbour_event, family) == 7);
+static_assert(offsetof(neighbour_event, wlan) == 8);
+
+// The event a datagram of len bytes carries: missing bytes count as 0,
+// bytes past the ninth are ignored.
+neighbour_event decode_neighbour_event(const uint8_t* buf, size_t len);
 
 int open_event_socket();
 // Thread entry: detaches itself, binds /tmp/roam_sock and serves events.

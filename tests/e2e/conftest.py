@@ -82,3 +82,7 @@ def sandbox(dorvand, simlib):
             errors.append(e)
     if errors:
         raise errors[0]
+    # A sanitized daemon's reports fail the test that produced them.
+    reports = [r for sb in made for r in sb.sanitizer_reports]
+    if reports:
+        pytest.fail("sanitizer report(s) of the daemon:\n" + "\n".join(reports), pytrace=False)

@@ -22,8 +22,10 @@ def test_scenario_expectations_hold(name, dorvand, simlib, tmp_path_factory):
     sc = scenario.load(name)
     out = tmp_path_factory.mktemp(name)
     progress = []
-    result = Runner(sc, dorvand, simlib, out, echo=progress.append).run()
+    runner = Runner(sc, dorvand, simlib, out, echo=progress.append)
+    result = runner.run()
     text = report.build(out)
+    assert not runner.sb.sanitizer_reports, "\n".join(runner.sb.sanitizer_reports)
     assert result.passed, f"{name}:\n" + "\n".join(result.failures()) + "\n" + "\n".join(progress[-5:])
     assert len(result.outcomes) == len(sc.expectations)
     assert f"PASSED: scenario {name}" in text
