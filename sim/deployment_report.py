@@ -123,9 +123,9 @@ class Evaluation:
         """Seconds from an event to the full coverage of `names`, counted
         from when the access point it starts is up."""
         since = self.event_time(name)
-        spec = next(x for x in self.fl.events if x.name == name)
+        plan = next(x for x in self.fl.events if x.name == name)
         begin = since
-        started = spec.args.get("by", spec.ap) if spec.do in ("start", "replace") else None
+        started = plan.args.get("by", plan.ap) if plan.do in ("start", "replace") else None
         if started:
             begin = min((life.start for life in self.res.lives.get(started, []) if life.start >= since), default=since)
         t, left = self.first_covered(names, begin)
@@ -297,15 +297,15 @@ def _convergence(ev: Evaluation) -> str:
         lines.append(f"  {a.name:5} started {ev.first_start(a.name):5.0f} s: {how}")
     for e in ev.res.events:
         since = e["applied"]
-        spec = next(x for x in ev.fl.events if x.name == e["name"])
-        if spec.do in ("configd", "ft_status"):
-            lines.append(f"  {e['name']} at {since:.0f} s: " + _after_setting(ev, spec, since))
+        plan = next(x for x in ev.fl.events if x.name == e["name"])
+        if plan.do in ("configd", "ft_status"):
+            lines.append(f"  {e['name']} at {since:.0f} s: " + _after_setting(ev, plan, since))
             continue
         took, left = ev.covered_after_event(e["name"], list(ev.res.lives))
         text = f"every access point covered {took:.0f} s after it" if took is not None else \
             "not all covered again: " + "; ".join(f"{n} misses {_names(m)}" for n, m in left.items())
         lines.append(f"  after {e['name']} at {since:.0f} s: {text}")
-        gone = spec if spec.do in ("fail", "replace") else None
+        gone = plan if plan.do in ("fail", "replace") else None
         if gone:
             kh = ev.fl.ap(gone.ap).key_holder()
             holders = [n for n in ev.res.lives if n != gone.ap and ev.up(n, since) and kh in ev.held(n, since - 0.001)]
@@ -317,24 +317,24 @@ def _convergence(ev: Evaluation) -> str:
     return "\n".join(lines) + "\n"
 
 
-def _after_setting(ev: Evaluation, spec, since: float) -> str:
+def _after_setting(ev: Evaluation, plan, since: float) -> str:
     """What a configd or 802.11r event changed on its access point: when
     the daemon's next 802.11r read ended, or when the transition script
     first ran with the switched VAPs' lines as they should be."""
-    if spec.do == "configd":
-        life = next((x for x in ev.res.lives[spec.ap] if (x.end or 1e18) > since), None)
+    if plan.do == "configd":
+        life = next((x for x in ev.res.lives[plan.ap] if (x.end or 1e18) > since), None)
         ready = life.ready if life else None
-        return f"{spec.ap}'s 802.11r read " + (f"ended {ready - since:.0f} s later" if ready else "never ended")
-    base = ev.out / "aps" / spec.ap / "root/dorvsim/runs/fast_bss_transition.sh"
+        return f"{plan.ap}'s 802.11r read " + (f"ended {ready - since:.0f} s later" if ready else "never ended")
+    base = ev.out / "aps" / plan.ap / "root/dorvsim/runs/fast_bss_transition.sh"
     for d in sorted(base.iterdir()) if base.is_dir() else []:
         try:
             t = (float((d / "time").read_text()) - ev.res.t0) * ev.res.scale
         except (OSError, ValueError):
             continue
         keys = {ln.partition("=")[0][12:] for ln in text_lines(d / "ap2_macaddr.txt")}
-        if t >= since and all((vap in keys) == (value == 1) for vap, value in spec.args["vaps"].items()):
-            return f"the transition script ran with {spec.ap}'s ap2_macaddr lines switched {t - since:.0f} s later"
-    return f"the transition script never ran with {spec.ap}'s ap2_macaddr lines switched"
+        if t >= since and all((vap in keys) == (value == 1) for vap, value in plan.args["vaps"].items()):
+            return f"the transition script ran with {plan.ap}'s ap2_macaddr lines switched {t - since:.0f} s later"
+    return f"the transition script never ran with {plan.ap}'s ap2_macaddr lines switched"
 
 
 def _pictures(ev: Evaluation) -> str:

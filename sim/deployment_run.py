@@ -89,15 +89,15 @@ class DeploymentResult:
 class Node:
     """One access point while the deployment runs."""
 
-    def __init__(self, spec: ApSpec):
-        self.spec = spec
+    def __init__(self, apdef: ApSpec):
+        self.apdef = apdef
         self.sb: Sandbox | None = None
         self.watcher: LogWatcher | None = None
         self.lives: list[Life] = []
         self.outbox: deque[bytes] = deque()
         self.sent = 0  # datagrams sent to the current life
         self.signals = 0
-        self.ft = list(spec.ft)
+        self.ft = list(apdef.ft)
 
     @property
     def up(self) -> bool:
@@ -151,7 +151,7 @@ class DeploymentRunner:
     def _start_all(self) -> None:
         first = [self.nodes[a.name] for a in self.members]
         for node in self.nodes.values():  # the slow part first, so that the daemons come up close together
-            node.sb = self._sandbox(node.spec).prepare()
+            node.sb = self._sandbox(node.apdef).prepare()
         self.t0 = self.result.t0 = time.time()
         for node in first:
             self._launch(node, update=False)
@@ -159,31 +159,31 @@ class DeploymentRunner:
         self.echo(f"{len(first)} access points started within {self.now():.0f} deployment seconds; "
                   f"scale {self.scale:g}, until {self.fl.until:g} s")
 
-    def _sandbox(self, spec: ApSpec) -> Sandbox:
-        return Sandbox(self.dorvand, self.simlib, scratch=self.out / "aps" / spec.name, board=spec.board,
-                       config=self.fl.config_text(spec, self.members), links=self.fl.links(spec),
-                       configd=self.fl.configd_table(spec), scale=self.scale, t0=0.0)
+    def _sandbox(self, apdef: ApSpec) -> Sandbox:
+        return Sandbox(self.dorvand, self.simlib, scratch=self.out / "aps" / apdef.name, board=apdef.board,
+                       config=self.fl.config_text(apdef, self.members), links=self.fl.links(apdef),
+                       configd=self.fl.configd_table(apdef), scale=self.scale, t0=0.0)
 
     def _launch(self, node: Node, update: bool = True) -> None:
         """Starts the node's daemon (again), without waiting for it, with
         the configuration file and the scans of the deployment as it is now."""
         sb = node.sb
         sb.t0 = self.t0
-        _write(sb.path("/tmp/run/config"), self.fl.config_text(node.spec, self.members))
-        sb.set_driver(self.fl.driver_state(node.spec, [n.spec for n in self.nodes.values() if n.up] + [node.spec]))
+        _write(sb.path("/tmp/run/config"), self.fl.config_text(node.apdef, self.members))
+        sb.set_driver(self.fl.driver_state(node.apdef, [n.apdef for n in self.nodes.values() if n.up] + [node.apdef]))
         kept = parse_records(sb.path(KEY_HOLDERS).read_bytes()) if sb.path(KEY_HOLDERS).exists() else []
         node.watcher = LogWatcher(sb.root, t0=self.t0, keep=False)
         node.watcher.track(HANDLED, *SIGNALS_HANDLED)
         node.watcher.skip_existing()
         node.outbox.clear()
         node.sent = node.signals = 0
-        for ev in [e for e in self._pending if e.ap == node.spec.name and e.do == "configd" and e.at <= self.now()]:
+        for ev in [e for e in self._pending if e.ap == node.apdef.name and e.do == "configd" and e.at <= self.now()]:
             self._do(ev, node, self.now())  # configd misbehaves from the daemon's first read on
         sb.start(wait=False)
         node.lives.append(Life(self.now(), key_holders_at_start=[mac_text(m) for m, _, _ in kept]))
         for other in self.nodes.values():
-            if other is not node and other.ready and other.spec.peer:
-                self._announce(node.spec, other)
+            if other is not node and other.ready and other.apdef.peer:
+                self._announce(node.apdef, other)
         if update:
             self._update_drivers()
 
@@ -192,17 +192,17 @@ class DeploymentRunner:
         life.end, life.how = self.now(), how
         node.outbox.clear()
         for other in self.nodes.values():
-            if other is not node and other.ready and other.spec.peer:
-                for r in range(min(other.spec.radio_count, node.spec.radio_count)):
-                    other.outbox.append(_datagram(node.spec, AP_DELETION, r))
+            if other is not node and other.ready and other.apdef.peer:
+                for r in range(min(other.apdef.radio_count, node.apdef.radio_count)):
+                    other.outbox.append(_datagram(node.apdef, AP_DELETION, r))
         self._update_drivers()
 
     def _update_drivers(self) -> None:
         """Every running daemon's scans see the access points now up."""
-        up = [n.spec for n in self.nodes.values() if n.up]
+        up = [n.apdef for n in self.nodes.values() if n.up]
         for n in self.nodes.values():
             if n.up:
-                n.sb.set_driver(self.fl.driver_state(n.spec, up))
+                n.sb.set_driver(self.fl.driver_state(n.apdef, up))
 
     def _stop_all(self) -> None:
         """Signal 10 to every daemon at once, then waits for each."""
@@ -231,16 +231,16 @@ class DeploymentRunner:
     # ---- the peer --------------------------------------------------------------------------
 
     def _announce(self, member: ApSpec, to: Node) -> None:
-        for r in range(min(to.spec.radio_count, member.radio_count)):
+        for r in range(min(to.apdef.radio_count, member.radio_count)):
             to.outbox.append(_datagram(member, AP_ADDITION, r))
             if self.fl.key_holder_events:
                 to.outbox.append(_datagram(member, KH_ADDITION, r))
 
     def _on_ready(self, node: Node) -> None:
-        if node.spec.peer:
+        if node.apdef.peer:
             for other in self.nodes.values():
                 if other is not node and other.up:
-                    self._announce(other.spec, node)
+                    self._announce(other.apdef, node)
 
     def _flush(self) -> None:
         """Sends what each peer has queued, as far as the daemon's socket
@@ -253,7 +253,7 @@ class DeploymentRunner:
                 except BlockingIOError:
                     break
                 except OSError as e:
-                    self.result.problems.append(f"{node.spec.name}: an event could not be sent: {e}")
+                    self.result.problems.append(f"{node.apdef.name}: an event could not be sent: {e}")
                     node.outbox.clear()
                     break
                 node.outbox.popleft()
@@ -288,7 +288,7 @@ class DeploymentRunner:
             life.ready = node.watcher.milestones["ready"]
             self._on_ready(node)
         if not node.sb.running():
-            self.result.problems.append(f"{node.spec.name}: the daemon ended at {now:.0f} s "
+            self.result.problems.append(f"{node.apdef.name}: the daemon ended at {now:.0f} s "
                                         f"(exit code {node.sb.exit_code()})")
             life.exit_code = node.sb.exit_code()
             self._down(node, "died")
@@ -320,10 +320,10 @@ class DeploymentRunner:
             self._flush()
         if ev.do == "replace":
             by = self.nodes[a["by"]]
-            self.members = [by.spec if m is node.spec else m for m in self.members]
+            self.members = [by.apdef if m is node.apdef else m for m in self.members]
             for other in self.nodes.values():  # the new member in every configuration file
                 if other.up:
-                    _write(other.sb.path("/tmp/run/config"), self.fl.config_text(other.spec, self.members))
+                    _write(other.sb.path("/tmp/run/config"), self.fl.config_text(other.apdef, self.members))
             self._start(by)
         elif ev.do == "start":
             self._start(node)
@@ -340,7 +340,7 @@ class DeploymentRunner:
 
     def _start(self, node: Node) -> None:
         if node.up:
-            raise RuntimeError(f"{node.spec.name} is already running")
+            raise RuntimeError(f"{node.apdef.name} is already running")
         if node.lives:
             node.sb.wait_exit(10)
             node.lives[-1].exit_code = node.sb.exit_code()
@@ -349,18 +349,18 @@ class DeploymentRunner:
     def _progress(self, now: float) -> None:
         self._last_progress = time.time()
         up = [n for n in self.nodes.values() if n.up]
-        upnames = {n.spec.name for n in up}
+        upnames = {n.apdef.name for n in up}
         owner = {a.key_holder(): a.name for a in self.fl.aps}
         held = covered = wanted = stale = 0
         for n in up:
             p = n.sb.path(KEY_HOLDERS)
             khs = {owner.get(m) for m, _, _ in parse_records(p.read_bytes())} if p.exists() else set()
-            cands = [o.name for o in self.fl.aps if o.name in upnames and o is not n.spec
-                     and self.fl.candidate(n.spec, o)]
+            cands = [o.name for o in self.fl.aps if o.name in upnames and o is not n.apdef
+                     and self.fl.candidate(n.apdef, o)]
             held += len(khs)
             wanted += len(cands)
             covered += sum(c in khs for c in cands)
-            stale += sum(k not in upnames or k == n.spec.name for k in khs)
+            stale += sum(k not in upnames or k == n.apdef.name for k in khs)
         scanned = sum(any(f"{b}.full" in n.watcher.milestones for b in BANDS) for n in up)
         self.echo(f"  {now:6.0f} s  up {len(up)}, ready {sum(n.ready for n in up)} | key holders {held}: "
                   f"roaming candidates covered {covered} of {wanted}, stale {stale} | "
@@ -404,12 +404,12 @@ class DeploymentRunner:
                     self._follow(node, now)
                     w = node.watcher
                     handled = w.count(HANDLED) - 1
-                    if seen.get(node.spec.name, (None,))[0] != handled:
-                        seen[node.spec.name] = (handled, time.time())
-                    quiet = w.gaps and time.time() - seen[node.spec.name][1] > QUIET
+                    if seen.get(node.apdef.name, (None,))[0] != handled:
+                        seen[node.apdef.name] = (handled, time.time())
+                    quiet = w.gaps and time.time() - seen[node.apdef.name][1] > QUIET
                     if node.outbox or handled < node.sent and not quiet \
                             or sum(w.count(t) for t in SIGNALS_HANDLED) < node.signals and not quiet:
-                        busy.append(node.spec.name)
+                        busy.append(node.apdef.name)
             self._flush()
             if not busy:
                 return
