@@ -73,8 +73,8 @@ TEST_F(exit_signal_test, DuringStalledUpdateEndsWithStatusZero)
 }
 
 // Runs in the death-test child: a worker takes kh_lock, waits until the
-// clean-up has begun (the pid file is gone), then prints a table, which takes
-// ht_mutex, as a scan match does. Taking the tables' lock before the
+// clean-up has begun (the pid file is gone), appends to the key-holder file
+// and prints a table, which takes ht_mutex, as a scan match does. Taking the tables' lock before the
 // key-holder lock would leave the worker stuck and the list unfreed.
 [[noreturn]] void exit_during_scan_match()
 {
@@ -91,6 +91,7 @@ TEST_F(exit_signal_test, DuringStalledUpdateEndsWithStatusZero)
         while (file_exists("/tmp/dorvand.pid"))
             usleep(1000);
         usleep(50000);  // let the clean-up reach its locks
+        write_key_holders("a");  // an append still in flight
         traverse_hash_table(neighbours().known_ap_tables[0], "wlan0");
     });
     while (!holding)
@@ -108,6 +109,7 @@ TEST_F(exit_signal_test, DuringScanMatchFreesTheKeyHolders)
     EXPECT_EQ(testutil::log_count("Removing 0a:1b:2c:3d:4e:5f\n"), 1);
     EXPECT_EQ(testutil::log_count("busy; left to the end of the process"), 0);
     EXPECT_EQ(testutil::log_count("[dorvand] Exiting from daemon\n"), 1);
+    EXPECT_FALSE(testutil::exists("/var/roam_key_holders")) << "the append in flight outlived the exit";
 }
 
 }  // namespace

@@ -62,6 +62,18 @@ TEST_F(kh_files_test, AppendModeSkipsStoredEntriesRewriteModeWritesTheList)
     EXPECT_TRUE(read_bytes("/var/roam_key_holders").empty());
 }
 
+// A torn last record (a power cut mid-append) is cut off before the next
+// append, so every later record stays on its 16-byte boundary.
+TEST_F(kh_files_test, AppendAfterATornRecordStartsOnARecordBoundary)
+{
+    append_key_holder(kh_a, 1, 0);
+    append_key_holder(kh_b, 0, 1);
+    std::vector<unsigned char> torn = record_of(kh_a, 1, 0);
+    write_bytes(concat({torn, {0xDE, 0xAD, 0xBE}}));
+    write_key_holders("a");
+    EXPECT_EQ(read_bytes("/var/roam_key_holders"), concat({torn, record_of(kh_b, 0, 1)}));
+}
+
 TEST_F(kh_files_test, RecordLayoutByteByByte)
 {
     append_key_holder({0x01, 0x02, 0x03, 0x04, 0x05, 0x06}, 0x07, 0x08);
