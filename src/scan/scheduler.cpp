@@ -146,12 +146,12 @@ const band bands[3] = {
 
 // Registers the band's next stage. A band has one pending timer of the
 // chain at any time, so any older timer of the same handler goes first.
-void schedule(eloop_timeout_handler handler, uint32_t secs, intptr_t radio)
+void schedule(const band& b, eloop_timeout_handler handler, uint32_t secs, intptr_t ctx2)
 {
-    eloop_cancel_timer(handler, 0, radio);
-    if (eloop_add_timer(secs, 0, handler, 0, radio) != 0)
-        log_msg(1, log_lvl::error, "[dorvand] No timer for the next scan stage of radio %ld: its scans stop\n",
-                static_cast<long>(radio));
+    eloop_cancel_timer(handler, 0, ctx2);
+    if (eloop_add_timer(secs, 0, handler, 0, ctx2) != 0)
+        log_msg(1, log_lvl::error, "[dorvand] No timer for the next scan stage of radio %d: its scans stop\n",
+                b.radio);
 }
 
 void set_marker(int radio)
@@ -188,20 +188,20 @@ void rogue_check(const band& b)
         b.start(0, 0);
         return;
     }
-    schedule(b.rogue_check, rogue_retry_secs, 0);
+    schedule(b, b.rogue_check, rogue_retry_secs, 0);
 }
 
 void start_band(const band& b)
 {
     if (is_radio_up(b.radio) != 0) {
         log_msg(0, log_lvl::error, "The radio wifi%d is down, initiating retry mechanism\n", b.radio);
-        schedule(b.start, retry_secs, 0);
+        schedule(b, b.start, retry_secs, 0);
         return;
     }
     b.create_db();
     set_rand_scan_timer();
     scanning().rand_scan_timer = static_cast<uint16_t>(scanning().rand_scan_timer * 10);
-    schedule(b.full_scan, scanning().rand_scan_timer, b.radio);
+    schedule(b, b.full_scan, scanning().rand_scan_timer, b.radio);
     log_msg(0, log_lvl::info, "[dorvand] %s : %d seconds \n", b.start_name, scanning().rand_scan_timer);
 }
 
@@ -213,12 +213,12 @@ bool full_scan_ready(const band& b, int radio, const char* radio_name, char (&va
     int rogue = get_rogue_ap_detection(b.wlan);
     if (!((rogue != 0 || ft_status() != 0) && vap != -1)) {
         log_msg(0, log_lvl::info, b.not_started, rogue, ft_status(), vap);
-        schedule(b.full_scan, retry_secs, radio);
+        schedule(b, b.full_scan, retry_secs, radio);
         return false;
     }
     if (vap == VAP_IDX_FALLBACK) {
         log_msg(1, log_lvl::error, b.no_vap, b.no_vap_line, radio_name);
-        schedule(b.full_scan, retry_secs, radio);
+        schedule(b, b.full_scan, retry_secs, radio);
         return false;
     }
     snprintf(vap_name, sizeof vap_name, "wifi%dvap%d", radio, vap);
@@ -232,12 +232,12 @@ bool full_scan_ready(const band& b, int radio, const char* radio_name, char (&va
     }
     if (monitor_traffic(radio_name) == VOICE_ACTIVE) {
         log_msg(0, log_lvl::info, b.voice, b.full_name, radio_name);
-        schedule(b.full_scan, retry_secs, radio);
+        schedule(b, b.full_scan, retry_secs, radio);
         return false;
     }
     if (b.checks_cac && get_cac_state(vap_name) == CAC_RUNNING) {
         log_msg(0, log_lvl::info, cac_text, b.full_name, vap_name);
-        schedule(b.full_scan, cac_retry_secs, radio);
+        schedule(b, b.full_scan, cac_retry_secs, radio);
         return false;
     }
     return true;
@@ -256,7 +256,7 @@ void full_scan(const band& b, intptr_t ctx2)
     if (trigger_acs_scan(vap_name) == -1) {
         int err = errno;
         log_msg(1, log_lvl::error, b.trigger_failed, b.full_name, err, strerror(err));
-        schedule(b.full_scan, retry_secs, radio);
+        schedule(b, b.full_scan, retry_secs, radio);
         return;
     }
     log_msg(0, log_lvl::info, b.triggered, b.full_name);
@@ -265,10 +265,10 @@ void full_scan(const band& b, intptr_t ctx2)
     if (process_scan_result(radio, vap_name, 0) != -1) {
         log_msg(0, log_lvl::info, results_stored_text, b.full_name);
         get_channel_info(vap_name);
-        schedule(b.batch_scan, batch_period_secs, radio);
+        schedule(b, b.batch_scan, batch_period_secs, radio);
     } else {
         log_msg(1, log_lvl::error, b.results_failed, b.full_name, radio_name);
-        schedule(b.full_scan, retry_secs, radio);
+        schedule(b, b.full_scan, retry_secs, radio);
     }
     clear_marker(b.radio);
 }
@@ -292,7 +292,7 @@ void batch_scan(const band& b, intptr_t ctx2)
     int vap = find_active_vap(radio_name, radio);
     if (!batch_scan_allowed(b, radio_name, vap)) {
         log_msg(0, log_lvl::info, b.batch_skip, b.batch_name, radio_name, get_rogue_ap_detection(b.wlan), ft_status());
-        schedule(b.batch_scan, retry_secs, radio);
+        schedule(b, b.batch_scan, retry_secs, radio);
         return;
     }
     if (b.checks_cac) {
@@ -300,7 +300,7 @@ void batch_scan(const band& b, intptr_t ctx2)
         snprintf(vap_name, sizeof vap_name, "wifi%dvap%d", radio, vap);
         if (get_cac_state(vap_name) == CAC_RUNNING) {
             log_msg(0, log_lvl::info, cac_text, b.batch_name, vap_name);
-            schedule(b.batch_scan, cac_retry_secs, radio);
+            schedule(b, b.batch_scan, cac_retry_secs, radio);
             return;
         }
     }
@@ -316,7 +316,7 @@ void batch_scan(const band& b, intptr_t ctx2)
         process_scan_result(radio, radio_name, channel);
     }
     clear_marker(b.radio);
-    schedule(b.batch_scan, batch_period_secs, radio);
+    schedule(b, b.batch_scan, batch_period_secs, radio);
 }
 
 } // namespace
