@@ -30,6 +30,27 @@ const char* refusal(int fd)
     return nullptr;
 }
 
+// Flushes and closes `raw`. On a failure whatever is still buffered is
+// dropped and, unless `cut_to` is negative, the file is cut back to that
+// size. False with errno set on any failure.
+bool flush_and_close(FILE* raw, off_t cut_to)
+{
+    bool ok = fflush(raw) == 0 && !ferror(raw);
+    int err = errno;
+    if (!ok) {
+        if (cut_to >= 0) {
+            [[maybe_unused]] int rc = ftruncate(fileno(raw), cut_to);
+        }
+        __fpurge(raw);
+    }
+    if (fclose(raw) != 0 && ok) {
+        err = errno;
+        ok = false;
+    }
+    errno = err;
+    return ok;
+}
+
 }  // namespace
 
 file_ptr open_file(const char* path, const char* mode)
@@ -118,23 +139,9 @@ void append_file::trim_to_records(off_t unit)
 
 bool append_file::close()
 {
-    if (!f_)
-        return false;
-    FILE* raw = f_.release();
-    bool ok = fflush(raw) == 0 && !ferror(raw);
-    int err = errno;
-    if (!ok) {
-        // What reached the file is cut off and what is still buffered is
-        // dropped, so the file ends as it was opened.
-        [[maybe_unused]] int rc = ftruncate(fileno(raw), start_);
-        __fpurge(raw);
-    }
-    if (fclose(raw) != 0 && ok) {
-        err = errno;
-        ok = false;
-    }
-    errno = err;
-    return ok;
+    // On failure what reached the file is cut off as well, so the file ends
+    // as it was opened.
+    return f_ && flush_and_close(f_.release(), start_);
 }
 
 void append_file::discard()
@@ -174,15 +181,8 @@ bool replace_file::commit()
 {
     if (!f_)
         return false;
-    FILE* raw = f_.release();
-    bool ok = fflush(raw) == 0 && !ferror(raw);
+    bool ok = flush_and_close(f_.release(), -1);
     int err = errno;
-    if (!ok)
-        __fpurge(raw);
-    if (fclose(raw) != 0 && ok) {
-        err = errno;
-        ok = false;
-    }
     if (ok && rename(tmp_, target_) != 0) {
         err = errno;
         ok = false;
@@ -192,4 +192,3 @@ bool replace_file::commit()
     errno = err;
     return ok;
 }
-
