@@ -393,7 +393,15 @@ def main():
     ap.add_argument("--list", action="store_true", help="print the sampled mutants and stop")
     ap.add_argument("--unit-timeout", type=int, default=30, help="seconds per unit test")
     ap.add_argument("-j", type=int, default=2, help="build and ctest jobs")
+    ap.add_argument("--shard", help="K/N: run only every N-th sampled mutant from the K-th (1-based), so that N runs "
+                    "with their own --work share one sample; join them with --report")
+    ap.add_argument("--report", type=Path, nargs="+", help="print the report of these result files and stop")
     args = ap.parse_args()
+    if args.report:
+        mutants = [m for f in args.report for m in json.loads(f.read_text())["mutants"]]
+        args.per_test = False
+        report(mutants, None, args)
+        return
     args.work = args.work.resolve()
     runner = Runner(args)
     if args.list:
@@ -406,6 +414,10 @@ def main():
     picked = sorted(random.Random(args.seed).sample(range(len(pool)), min(args.sample or len(pool), len(pool))))
     mutants = [pool[k] for k in picked]
     print(f"{len(mutants)} of {len(pool)} mutants (seed {args.seed})", flush=True)
+    if args.shard:
+        k, n = (int(x) for x in args.shard.split("/"))
+        mutants = mutants[k - 1::n]
+        print(f"shard {k} of {n}: {len(mutants)} mutants", flush=True)
     if args.list:
         print("\n".join("  " + m["id"] for m in mutants))
         return
