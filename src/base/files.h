@@ -78,7 +78,6 @@ public:
     // False with errno set when the file cannot be opened (or is refused).
     bool open(const char* path);
     FILE* get() const { return f_.get(); }
-    explicit operator bool() const { return f_ != nullptr; }
     // Cuts a torn tail off a file of `unit`-byte records, so appends start
     // on a record boundary and a failed one ends on it.
     void trim_to_records(off_t unit);
