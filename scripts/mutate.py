@@ -15,10 +15,10 @@ compile is left out of the score, and so is one listed in --equivalent.
 """
 import argparse
 import fnmatch
+import hashlib
 import io
 import json
 import os
-import random
 import re
 import signal
 import subprocess
@@ -380,7 +380,7 @@ def e2e_stage(runner, survivors):
 
 def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
-    ap.add_argument("--seed", type=int, default=1, help="picks the sample (same seed, same tree: same mutants)")
+    ap.add_argument("--seed", type=int, default=1, help="picks the sample (same seed: same mutants, but for those an edit changed)")
     ap.add_argument("--sample", type=int, default=120, help="how many mutants (0: all)")
     ap.add_argument("--work", type=Path, default=Path("/tmp/dorvand-mutate"), help="scratch folder")
     ap.add_argument("--json", type=Path, help="result file (default WORK/mutants.json)")
@@ -411,7 +411,15 @@ def main():
         runner.prepare()
 
     pool = all_mutants(runner.repo / "src", args.only)
-    picked = sorted(random.Random(args.seed).sample(range(len(pool)), min(args.sample or len(pool), len(pool))))
+    # Each mutant is ranked by a hash of the seed and of what it changes (not
+    # of its line number), so an edit elsewhere in src/ leaves the rest of the
+    # sample as it was and runs before and after an edit can be compared.
+    counts, ranked = {}, []
+    for k, m in enumerate(pool):
+        key = "\0".join(str(m[f]) for f in ("file", "kind", "line_text", "start", "replacement"))
+        counts[key] = counts.get(key, 0) + 1
+        ranked.append((hashlib.sha256(f"{args.seed}\0{key}\0{counts[key]}".encode()).digest(), k))
+    picked = sorted(k for _, k in sorted(ranked)[:args.sample or len(pool)])
     mutants = [pool[k] for k in picked]
     print(f"{len(mutants)} of {len(pool)} mutants (seed {args.seed})", flush=True)
     if args.shard:
