@@ -108,9 +108,9 @@ def line_mutants(o, m, starts_stmt):
         if op in CMP_OFF_BY_ONE:
             found.append((x.start(), x.end(), CMP_OFF_BY_ONE[op], "off-by-one", False))
     for x in re.finditer(r"(?<![\w.'])(0[xX][0-9a-fA-F]+|\d+)([uUlL]*)(?![\w.'])", m):
-        decl = re.search(r"([A-Za-z_]\w*)[\s*&]+[A-Za-z_]\w*\s*\[$", m[:x.start()])
+        decl = re.search(r"([A-Za-z_]\w*)[\s*&]+[A-Za-z_]\w*\s*(\[[^\]]*\]\s*)*\[$", m[:x.start()])
         if decl and decl.group(1) not in KEYWORDS:
-            continue  # an array's declared size
+            continue  # an array's declared size, in any dimension
         digits = x.group(1)
         value = int(digits, 16) + 1 if digits[:2] in ("0x", "0X") else int(digits) + 1
         rep = (digits[:2] + format(value, "x") if digits[:2] in ("0x", "0X") else str(value)) + x.group(2)
