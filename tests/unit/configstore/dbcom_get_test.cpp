@@ -79,36 +79,6 @@ TEST_F(dbcom_client_test, get_sends_user_item_key_line_feed_and_nul)
     EXPECT_EQ(handle_->get.open, 1);
 }
 
-TEST_F(dbcom_client_test, spaces_in_the_key_are_escaped)
-{
-    scripted_server srv(get_path, always({reply(1, 0, "x 1\n")}));
-    ASSERT_EQ(dbcom_get(handle_, "a b  c", nullptr, nullptr), 0);
-    auto reqs = srv.requests();
-    ASSERT_EQ(reqs.size(), 1u);
-    EXPECT_EQ(reqs[0].data, std::string("a\\ b\\ \\ c\n\0", 11));
-}
-
-TEST_F(dbcom_client_test, long_data_goes_out_as_a_run_of_messages)
-{
-    scripted_server srv(get_path, always({reply(1, 0, "k v\n")}));
-    std::string key(70000, 'k');
-    key += '\n';
-    opt result;
-    opt error;
-    ASSERT_EQ(transaction(key, &result, &error), 0);
-    auto reqs = srv.requests();
-    ASSERT_EQ(reqs.size(), 1u);
-    ASSERT_EQ(reqs[0].messages.size(), 2u);
-    const bytes& first = reqs[0].messages[0];
-    EXPECT_EQ(first.size(), DBCOM_MAX_MSG);
-    EXPECT_EQ(first[2], 0x10);
-    EXPECT_EQ(reqs[0].messages[1][2], 0x00);
-    // Both messages repeat the user item.
-    EXPECT_EQ(reqs[0].messages[1][12], DBCOM_TLV_USER);
-    EXPECT_EQ(reqs[0].data, key);
-    EXPECT_EQ(result, opt("k v\n"));
-}
-
 // --- what the answers make of a get ---------------------------------------
 
 struct answer_case {
@@ -176,55 +146,6 @@ INSTANTIATE_TEST_SUITE_P(
         answer_case{"stalled", {}, 1, std::nullopt, times3(timeout_text), 3, 3, 3},
         answer_case{"answer_after_one_timeout", {reply(1, 0, "key on\n")}, 0, "on", std::nullopt, 2, 2, 1}),
     [](const auto& p) { return std::string(p.param.name); });
-
-TEST_F(dbcom_client_test, reconnects_once_when_the_server_closed_the_idle_connection)
-{
-    scripted_server srv(get_path, [](const seen_request&, int n) {
-        return reply_plan{{reply(1, 0, "k " + std::to_string(n) + "\n")}, true};
-    });
-    opt result;
-    opt error;
-    ASSERT_EQ(transaction("k\n", &result, &error), 0);
-    EXPECT_EQ(result, opt("k 0\n"));
-    ASSERT_TRUE(srv.wait_for(1, 1));
-
-    result.reset();
-    ASSERT_EQ(transaction("k\n", &result, &error), 0);
-    EXPECT_EQ(result, opt("k 1\n"));
-    EXPECT_EQ(error, std::nullopt);
-    auto reqs = srv.requests();
-    ASSERT_EQ(reqs.size(), 2u);
-    EXPECT_EQ(reqs[1].conn, 2);
-}
-
-TEST_F(dbcom_client_test, bad_magic_fails_the_transaction_and_closes_the_channel)
-{
-    scripted_server srv(get_path, [](const seen_request&, int n) {
-        bytes bad = cstest::wire(2, 1, 0, 0x5A5A5A5A, "k v\n");
-        return reply_plan{{n == 0 ? bad : reply(1, 0, "k w\n")}, false};
-    });
-    opt result;
-    opt error;
-    EXPECT_EQ(transaction("k\n", &result, &error), 1);
-    EXPECT_EQ(result, std::nullopt);
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->rfind("Error receiving transaction response: ", 0), 0u) << *error;
-    EXPECT_EQ(handle_->get.open, 0);
-
-    error.reset();
-    EXPECT_EQ(transaction("k\n", &result, &error), 0);
-    EXPECT_EQ(result, opt("k w\n"));
-    EXPECT_EQ(srv.requests().back().conn, 2);
-}
-
-TEST_F(dbcom_client_test, missing_server_reports_every_connect)
-{
-    opt value;
-    opt error;
-    EXPECT_EQ(dbcom_get(handle_, "key", &value, &error), 1);
-    EXPECT_EQ(error, opt(times3("Couldn't connect to /tmp/confd_get:  No such file or directory\n")));
-    EXPECT_EQ(handle_->get.open, 0);
-}
 
 TEST_F(dbcom_client_test, missing_handle_or_key)
 {

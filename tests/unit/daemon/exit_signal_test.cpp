@@ -1,76 +1,20 @@
-// Signal 10 against work in progress on other threads: the exit must not
-// queue behind a SIGRTMIN update that waits on configd, and must not strand a
-// scan match that holds the key-holder lock and wants the tables.
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+// Signal 10 against work in progress on another thread: the exit must not
+// strand a scan match that holds the key-holder lock and wants the tables.
 #include <unistd.h>
 
 #include <atomic>
-#include <csignal>
-#include <cstring>
 #include <mutex>
 #include <thread>
 
-#include "configstore/dbcom.h"
 #include "daemon/daemon.h"
 #include "base/files.h"
 #include "board/board.h"
-#include "ftstatus/ft_status.h"
 #include "neighbours/neighbours.h"
 #include "test_util.h"
 
 namespace {
 
 using exit_signal_test = sandbox_test;
-
-// A configd that lets connections wait in its backlog and never answers.
-unique_fd silent_configd()
-{
-    unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, "/tmp/confd_get", sizeof addr.sun_path - 1);
-    unlink(addr.sun_path);
-    if (!fd.valid() || bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-        listen(fd.get(), 4) != 0)
-        fd.reset();
-    return fd;
-}
-
-// Runs in the death-test child: starts the signal machinery, queues a
-// SIGRTMIN whose update blocks on the silent configd, then sends signal 10.
-// Exit status 0 comes only from the clean-up; 1 means it never ran.
-[[noreturn]] void exit_during_stalled_update()
-{
-    unique_fd configd = silent_configd();
-    if (!configd.valid())
-        _exit(3);
-    board().radio_count = 2;
-    ft_state().config_handle = dbcom_init(nullptr, nullptr, DBCOM_UNIX_STREAM);
-    init_tables();
-    setup_signals();
-    sigval value{};
-    value.sival_int = 1;
-    sigqueue(getpid(), SIGRTMIN, value);
-    pollfd waiting{configd.get(), POLLIN, 0};
-    if (poll(&waiting, 1, 5000) != 1)
-        _exit(2);  // the update never reached configd
-    kill(getpid(), 10);
-    sleep(5);  // the clean-up gives up on the configuration lock after one second
-    _exit(1);
-}
-
-TEST_F(exit_signal_test, DuringStalledUpdateEndsWithStatusZero)
-{
-    EXPECT_EXIT(exit_during_stalled_update(), testing::ExitedWithCode(0), "");
-    std::string log = testutil::log_text();
-    EXPECT_NE(log.find("Received " + std::to_string(SIGRTMIN) + " signal | 1[1] \n"), std::string::npos) << log;
-    EXPECT_EQ(testutil::log_count("[dorvand] configuration read in progress; handle left to the end of the process\n"),
-              1);
-    EXPECT_EQ(testutil::log_count("[dorvand] Exiting from daemon\n"), 1);
-    EXPECT_EQ(testutil::log_count("wifi0vap0 - 11rStatus"), 0) << "the update should still have been waiting";
-}
 
 // Runs in the death-test child: a worker takes kh_lock, waits until the
 // clean-up has begun (the pid file is gone), appends to the key-holder file

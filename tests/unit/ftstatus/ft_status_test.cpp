@@ -70,19 +70,6 @@ protected:
     std::unique_ptr<fake_configd> server_;
 };
 
-TEST_F(ft_status_test, RefreshSetsOnlyVapsWhoseStatusIsExactlyOne)
-{
-    server_->set(key(0, 0), "1");
-    server_->set(key(1, 2), "1");
-    server_->set(key(1, 3), "2");
-    neighbours().ft_enabled_vaps = 1u << 5;  // wlan0 vap5 was on and now reads 0
-    refresh_ft_status();
-    EXPECT_EQ(neighbours().ft_enabled_vaps.load(), 0x1001u);
-    EXPECT_EQ(log_count("ft_enabled_vaps  = 00001001 \n"), 1);
-    EXPECT_EQ(log_count("wlan1vap3 = 2\n"), 1);
-    EXPECT_EQ(server_->requests(), 20) << "two radios of ten VAPs, one read each";
-}
-
 TEST_F(ft_status_test, EmptyValueRetriesAreSharedByTheWholeRefresh)
 {
     server_->set(key(0, 0), "");
@@ -94,16 +81,6 @@ TEST_F(ft_status_test, EmptyValueRetriesAreSharedByTheWholeRefresh)
     EXPECT_EQ(log_count(" Assigning respto zero \n"), 2);
     EXPECT_EQ(server_->requests(), 18 + 4 + 1);
     EXPECT_EQ(neighbours().ft_enabled_vaps.load(), 0u);
-}
-
-TEST_F(ft_status_test, ReadFailureKeepsTheBit)
-{
-    dbcom_close(ft_state().config_handle);
-    ft_state().config_handle = nullptr;
-    neighbours().ft_enabled_vaps = 0x2;
-    refresh_ft_status();
-    EXPECT_EQ(neighbours().ft_enabled_vaps.load(), 0x2u);
-    EXPECT_EQ(log_count("dbcom get failed for system:vapSettings:vapSettingTable:wlan"), 20);
 }
 
 // wlan1 vap2 switched off and wlan0 vap3 to status 2 in one signal: the key
@@ -131,25 +108,6 @@ TEST_F(ft_status_test, SignalReportsChangedVapsAndRunsScriptOnce)
     EXPECT_EQ(testutil::script_runs(), runs_before + 1);
     EXPECT_EQ(neighbours().ft_enabled_vaps.load(), 0x1u);
     EXPECT_EQ(log_count("ft_enabled_vaps = 00000001 \n"), 1);
-}
-
-// Value 0 reads nothing, and bit 25 names radio 2, which a dual-radio board
-// does not loop over: only the closing refresh reads, and the script still
-// runs once for the non-empty list.
-TEST_F(ft_status_test, UpdateReadsNothingForValueZeroOrAMissingRadio)
-{
-    server_->set(key(0, 0), "1");
-    refresh_ft_status();
-    add_key_holder();
-    for (int32_t value : {0, 1 << 25}) {
-        SCOPED_TRACE(value);
-        int requests = server_->requests();
-        int runs = testutil::script_runs();
-        ft_status_update(SIGRTMIN, value);
-        EXPECT_EQ(testutil::script_runs(), runs + 1);
-        EXPECT_EQ(server_->requests(), requests + 20);
-    }
-    EXPECT_EQ(log_count("wifi2vap5"), 0);
 }
 
 // Signals queued while the event-loop thread refreshes: the work runs on the

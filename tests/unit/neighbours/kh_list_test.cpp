@@ -79,26 +79,6 @@ TEST_F(kh_list_test, DerivationTable)
     }
 }
 
-TEST_F(kh_list_test, KnownKeyHolderChangesNothing)
-{
-    neighbours().ft_enabled_vaps = 1;
-    kh_candidate first{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50}, 1, 0, 0, 0};
-    uint8_t changed = 0;
-    add_to_kh_list(&first, 0, &changed, KH_MODE_DERIVE);
-    ASSERT_EQ(changed, 1);
-    std::string key_changes = read_file("/tmp/ft_key_changed.txt");
-    std::string ap2mac = read_file("/tmp/ap2_macaddr.txt");
-
-    // A different neighbour byte that derives the same key holder on radio 1.
-    kh_candidate again{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x70}, 1, 0, 0, 0};
-    changed = 0;
-    add_to_kh_list(&again, 2, &changed, KH_MODE_DERIVE);
-    EXPECT_EQ(changed, 0);
-    EXPECT_EQ(list_macs().size(), 1u);
-    EXPECT_EQ(read_file("/tmp/ft_key_changed.txt"), key_changes);
-    EXPECT_EQ(read_file("/tmp/ap2_macaddr.txt"), ap2mac);
-}
-
 TEST_F(kh_list_test, TraversalPrintsTheListAndSetsTheFlag)
 {
     traverse_kh_list();
@@ -132,48 +112,6 @@ TEST_F(kh_list_test, ScanMatchesOfOneKnownApAddOneKeyHolder)
 
     // Nothing new: no script.
     match_known_aps(recs, 3, 0);
-    EXPECT_EQ(script_runs(), 1);
-}
-
-TEST_F(kh_list_test, ScanMatchCarriesTheScannedChannelAndType)
-{
-    const mac_t ap = {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50};
-    add_to_ht(neighbours().known_ap_tables[1], ap.data(), 1, 1, 0, 0);
-    scan_ap_record rec{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x55}, 149, 4};
-    match_known_aps(&rec, 1, 1);
-    EXPECT_EQ(list_macs(), std::vector<mac_t>({{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x2F}}));
-    EXPECT_EQ(log_count(" Scanned known AP: 0a:1b:2c:3d:4e:50 | Channel: 149 | VX AP type: 4\n"), 1);
-}
-
-// Records are taken as stored (no derivation), each once; a short last
-// record is ignored.
-TEST_F(kh_list_test, ReloadAddsWholeRecordsOnce)
-{
-    neighbours().ft_enabled_vaps = 1;  // wifi0vap0
-    reload_key_holders();  // no file: the empty list is only printed
-    EXPECT_EQ(log_count("########## LIST TRAVERSAL ##############\n"), 1);
-    EXPECT_EQ(script_runs(), 0);
-
-    std::vector<unsigned char> bytes = record_of({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, 1, 0);
-    std::vector<unsigned char> second = record_of({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x6F}, 0, 1);
-    bytes.insert(bytes.end(), second.begin(), second.end());
-    bytes[0] = 0xAA;  // link words mean nothing to a reader
-    bytes.insert(bytes.end(), {0, 0, 0, 0, 0, 0, 0, 0, 0x0A, 0x1B});  // short last record
-    testutil::write_file("/var/roam_key_holders", std::string(bytes.begin(), bytes.end()));
-
-    reload_key_holders();
-    EXPECT_EQ(list_macs(), std::vector<mac_t>({{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F},
-                                               {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x6F}}));
-    EXPECT_EQ(neighbours().kh_list.next->next->active, 0);
-    EXPECT_EQ(neighbours().kh_list.next->next->family, 1);
-    EXPECT_EQ(log_count("0a:1b:2c:3d:4e:5f PRESENT | TRV \n"), 1);
-    EXPECT_EQ(log_count("0a:1b:2c:3d:4e:6f NOT PRESENT | TRM \n"), 1);
-    EXPECT_EQ(read_file("/tmp/ft_key_changed.txt"), "ft_key_changed_wifi0vap0=1,1\nft_key_changed_wifi0vap0=1,1\n");
-    EXPECT_EQ(script_runs(), 1);
-    EXPECT_EQ(neighbours().kh_list_nonempty, 1);
-
-    reload_key_holders();
-    EXPECT_EQ(list_macs().size(), 2u);
     EXPECT_EQ(script_runs(), 1);
 }
 

@@ -40,13 +40,6 @@ struct debug_call {
     uint32_t nbr_length; // 0 without a neighbour buffer
 };
 
-struct ext_call {
-    std::string ifname;
-    uint32_t cmd;
-    uint32_t length;
-    drv_chan_scan scan; // the block of EXT_CMD_CHAN_SCAN
-};
-
 struct fake_driver {
     // Interface flags by name; a name not present fails with ENODEV.
     std::map<std::string, int16_t> ifaces;
@@ -63,8 +56,6 @@ struct fake_driver {
     std::vector<debug_call> debug_calls;
     std::vector<drv_param_req> param_sets;
     std::vector<drv_param_req> param_gets;
-    std::vector<ext_call> ext_calls;
-    std::vector<std::pair<std::string, uint16_t>> chan_info_calls; // name, buffer length
 };
 
 inline fake_driver fake;
@@ -118,10 +109,6 @@ inline int answer_debug(drv_iwreq& req)
 inline int answer_ext(drv_ifreq& req)
 {
     auto* cmd = static_cast<drv_ext_cmd*>(req.u.data);
-    ext_call call{name_of(req.name), cmd->cmd, cmd->length, {}};
-    if (cmd->cmd == EXT_CMD_CHAN_SCAN)
-        memcpy(&call.scan, cmd->data, sizeof call.scan);
-    fake.ext_calls.push_back(call);
     if (fake.fail_io)
         return fail_with(EIO);
     if (cmd->cmd == EXT_CMD_VOICE_STATS)
@@ -131,7 +118,6 @@ inline int answer_ext(drv_ifreq& req)
 
 inline int answer_chan_info(drv_iwreq& req)
 {
-    fake.chan_info_calls.emplace_back(name_of(req.name), req.u.data.length);
     if (fake.fail_io)
         return fail_with(EIO);
     auto* reply = static_cast<drv_chan_info*>(req.u.data.pointer);

@@ -59,32 +59,6 @@ class scan_result_test : public scan_test
     }
 };
 
-// The request blocks' bytes are checked in requests_test; here, what reaches
-// the driver and the failures.
-TEST_F(scan_result_test, triggers)
-{
-    EXPECT_EQ(trigger_acs_scan("wifi0vap2"), 0);
-    ASSERT_EQ(fake.param_sets.size(), 1u);
-    EXPECT_STREQ(fake.param_sets[0].name, "wifi0vap2");
-    EXPECT_EQ(fake.param_sets[0].param, 318);
-    fake.param_set_errno = EBUSY;
-    errno = 0;
-    EXPECT_EQ(trigger_acs_scan("wifi0vap2"), -1);
-    EXPECT_EQ(errno, EBUSY); // left for the caller's message
-    EXPECT_EQ(log_count("wifi0vap2 | Failed to trigger ACS scan [Device or resource busy | 16 ]\n"), 1);
-
-    EXPECT_EQ(trigger_batch_scan(1, 36), 0);
-    ASSERT_EQ(fake.ext_calls.size(), 1u);
-    EXPECT_EQ(fake.ext_calls[0].ifname, "wifi1");
-    EXPECT_EQ(fake.ext_calls[0].cmd, 6u);
-    EXPECT_EQ(fake.ext_calls[0].length, 56u);
-    EXPECT_EQ(fake.ext_calls[0].scan.channel, 36);
-    EXPECT_EQ(log_count("The ACS scan trigger for radio:1 on channel:36\n"), 1);
-    fake.fail_io = true;
-    EXPECT_EQ(trigger_batch_scan(1, 40), -1);
-    EXPECT_EQ(log_count("trigger_batch_scan: ioctl failed\n"), 1);
-}
-
 TEST_F(scan_result_test, full_scan_writes_every_channel)
 {
     EXPECT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
@@ -105,19 +79,6 @@ TEST_F(scan_result_test, full_scan_writes_every_channel)
     // A hand-over per channel that has neighbours.
     EXPECT_EQ(log_count(handover_line), 2);
     EXPECT_EQ(log_count("mutex unlocked [process_scan_result] \n"), 1);
-}
-
-TEST_F(scan_result_test, every_entry_is_asked_twice)
-{
-    ASSERT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
-    std::vector<int> wanted;
-    for (const auto& c : fake.debug_calls) {
-        wanted.push_back(c.wanted);
-        EXPECT_EQ(c.cmd, 20);
-        EXPECT_EQ(c.ifname, "wifi0vap0");
-    }
-    EXPECT_EQ(wanted, (std::vector<int>{0, 0, 1, 2, 0, 1, 2}));
-    EXPECT_EQ(buffer_requests(), (std::vector<std::pair<int, uint32_t>>{{0, 1664}, {1, 1664}, {2, 1664}}));
 }
 
 TEST_F(scan_result_test, batch_scan_touches_only_its_channel)
@@ -180,39 +141,6 @@ TEST_P(neighbour_buffer_test, grows_when_the_driver_needs_it)
 
 INSTANTIATE_TEST_SUITE_P(scan, neighbour_buffer_test, ::testing::ValuesIn(buffer_cases),
                          [](const auto& p) { return std::string(p.param.what); });
-
-TEST_F(scan_result_test, empty_report)
-{
-    fake.report.clear();
-    EXPECT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
-    EXPECT_EQ(fake.debug_calls.size(), 1u);
-    EXPECT_EQ(query(db2g, "SELECT COUNT(*) FROM CHANNEL_DETAILS"), (rows{{"0"}}));
-    EXPECT_EQ(log_count(handover_line), 0);
-}
-
-TEST_F(scan_result_test, neighbour_entry_is_stored_as_given)
-{
-    acs_neighbour n = neighbour({0x00, 0x11, 0x00, 0x22, 0x00, 0x33}, "", -72, 21, 5);
-    memset(n.ssid, 'x', sizeof n.ssid); // no terminator from the driver
-    fake.report = {channel(6, 0)};
-    fake.report[0].neighbours = {n};
-    ASSERT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
-    EXPECT_EQ(query(db2g, "SELECT MAC, SSID, CHANNEL, PHY_MODE, RSSI, AP_TYPE FROM SCANNED_AP_DETAILS"),
-              (rows{{"00:11:00:22:00:33", std::string(32, 'x'), "6", "21", "-72", "5"}}));
-    EXPECT_EQ(log_count("Dorvand chan:  6\t chan_nbss:1\t ssid:" + std::string(32, 'x') +
-                        "\t bssid:00:11:00:22:00:33\t rssi:-72\t phymode:21 vx_ap_type:5\n"),
-              1);
-}
-
-TEST_F(scan_result_test, radio_name_resolves_to_the_fallback)
-{
-    fake.ifaces["wifi0vap0"] = DOWN;
-    fake.ifaces["ath0"] = UP;
-    ASSERT_EQ(process_scan_result(0, "wifi0", 0), 0);
-    ASSERT_FALSE(fake.debug_calls.empty());
-    for (const auto& c : fake.debug_calls)
-        EXPECT_EQ(c.ifname, "ath0");
-}
 
 struct failure_case {
     const char* what;

@@ -6,49 +6,8 @@
 #include "board/board.h"
 #include "scan/scan.h"
 
-#include <atomic>
 #include <cmath>
-#include <cstdlib>
 #include <gtest/gtest.h>
-#include <new>
-
-namespace
-{
-// Fault injection: the next allocation of exactly this many bytes fails.
-// The sanitizers bring operators of their own, so they keep theirs.
-std::atomic<size_t> fail_next_alloc_of{0};
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool alloc_faults = false;
-#else
-constexpr bool alloc_faults = true;
-#endif
-} // namespace
-
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-// The replacement operators pair malloc with free by design; GCC sees the
-// inlined new-expressions of this file and would call that a mismatch.
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-
-void* operator new(std::size_t n)
-{
-    size_t armed = fail_next_alloc_of.load();
-    if (armed != 0 && n == armed && fail_next_alloc_of.compare_exchange_strong(armed, 0))
-        throw std::bad_alloc();
-    if (void* p = std::malloc(n ? n : 1))
-        return p;
-    throw std::bad_alloc();
-}
-
-void operator delete(void* p) noexcept
-{
-    std::free(p);
-}
-
-void operator delete(void* p, std::size_t) noexcept
-{
-    std::free(p);
-}
-#endif
 
 using namespace scantest;
 using testutil::log_count;
@@ -131,27 +90,6 @@ class scheduler_test : public scan_test
     }
 };
 
-// A timer the loop cannot take (no memory for it) would end the band's
-// chain silently; it is reported instead.
-TEST_F(scheduler_test, timer_that_cannot_be_registered_is_reported)
-{
-    // On 32-bit targets a list node is 24 bytes, a size that other
-    // allocations on this path share, so the fault cannot be aimed there.
-    if (!alloc_faults || sizeof(void*) != 8)
-        GTEST_SKIP() << "allocation faults are injected in plain 64-bit builds only";
-    fake.ifaces["wifi1"] = DOWN;  // the radio check's retry is the timer that fails
-    struct list_node {
-        void* next;
-        void* prev;
-        eloop_timer timer;
-    };
-    fail_next_alloc_of = sizeof(list_node);
-    rogue_ap_check_5gl(0, 0);
-    ASSERT_EQ(fail_next_alloc_of.load(), 0u) << "the injected failure never fired";
-    EXPECT_TRUE(band_timers(1).empty());
-    EXPECT_EQ(log_count("[dorvand] No timer for the next scan stage of radio 1: its scans stop\n"), 1);
-}
-
 TEST_F(scheduler_test, rogue_check_repeats_while_disabled)
 {
     set_rogue(0, 0, 0);
@@ -161,23 +99,6 @@ TEST_F(scheduler_test, rogue_check_repeats_while_disabled)
     rogue_ap_check_5gl(0, 0);
     expect_next(1, rogue_ap_check_5gl, 0, 5);
     EXPECT_EQ(log_count("Rogue AP enabled"), 0);
-}
-
-TEST_F(scheduler_test, unreadable_rogue_setting_counts_as_enabled)
-{
-    testutil::write_file("/tmp/run/config", "");
-    rogue_ap_check_2g(0, 0);
-    EXPECT_EQ(log_count("[dorvand] Rogue AP enabled for 2.4GHz radio. Starting the scan\n"), 1);
-    expect_next(0, trigger_2g_full_scan, 0, scanning().rand_scan_timer);
-}
-
-TEST_F(scheduler_test, radio_down_retries_without_a_database)
-{
-    fake.ifaces["wifi1"] = DOWN;
-    rogue_ap_check_5gl(0, 0);
-    expect_next(1, start_5gl_scan_timer, 0, 10);
-    EXPECT_EQ(log_count("The radio wifi1 is down, initiating retry mechanism\n"), 1);
-    EXPECT_FALSE(testutil::exists("/tmp/scan_db_5g"));
 }
 
 TEST_F(scheduler_test, radio_up_creates_database_and_draws_delay)
@@ -190,20 +111,6 @@ TEST_F(scheduler_test, radio_up_creates_database_and_draws_delay)
     expect_next(2, trigger_5gh_full_scan, 2, scanning().rand_scan_timer);
     EXPECT_EQ(log_count("[dorvand] start_5gh_scan_timer : " + std::to_string(scanning().rand_scan_timer) + " seconds \n"), 1);
     EXPECT_EQ(log_count("**** 1736 : rand_scan_timer: " + std::to_string(scanning().rand_scan_timer) + " seconds ****\n"), 1);
-}
-
-TEST_F(scheduler_test, high_band_runs_only_for_radio_type_1)
-{
-    set_rogue(0, 0, 0);
-    for (int32_t type : {0, 1, 2, -1}) {
-        SCOPED_TRACE(type);
-        eloop_init(0);
-        board().radio_type_val = type;
-        start_rogue_checks();
-        expect_next(0, rogue_ap_check_2g, 0, 5);
-        expect_next(1, rogue_ap_check_5gl, 0, 5);
-        EXPECT_EQ(band_timers(2).size(), type == 1 ? 1u : 0u);
-    }
 }
 
 // What a scan handler meets, set up before it runs.
@@ -287,6 +194,14 @@ TEST_P(full_scan_test, leaves_one_timer)
     EXPECT_EQ(fake.param_gets.size(), c.asks_cac ? 1u : 0u);
 }
 
+// A context that names no radio is reported, and the band's own radio scans.
+TEST_F(scheduler_test, bad_radio_index_falls_back_to_the_band)
+{
+    trigger_5gl_full_scan(0, 7);
+    EXPECT_EQ(log_count("[dorvand] trigger_5gl_full_scan: bad radio index 7\n"), 1);
+    expect_next(1, trigger_5gl_batch_scan, 1, 1800);
+}
+
 INSTANTIATE_TEST_SUITE_P(scan, full_scan_test, ::testing::ValuesIn(full_cases),
                          [](const auto& p) { return std::string(p.param.what); });
 
@@ -299,26 +214,6 @@ TEST_F(scheduler_test, full_scan_success_learns_channels)
     ASSERT_EQ(fake.param_sets.size(), 1u);
     EXPECT_STREQ(fake.param_sets[0].name, "wifi1vap0");
     EXPECT_EQ(query("/tmp/scan_db_5g", "SELECT CHANNEL FROM CHANNEL_DETAILS"), (rows{{"36"}}));
-}
-
-TEST_F(scheduler_test, batch_scan_walks_the_channel_list)
-{
-    scanning().scan_chan_list[0] = {1, 6, 11};
-    trigger_2g_batch_scan(0, 0);
-    expect_next(0, trigger_2g_batch_scan, 0, 1800);
-    std::vector<int> scanned;
-    for (const auto& call : fake.ext_calls)
-        if (call.cmd == EXT_CMD_CHAN_SCAN)
-            scanned.push_back(call.scan.channel);
-    EXPECT_EQ(scanned, (std::vector<int>{1, 6, 11}));
-    ASSERT_EQ(sleeps.size(), 3u);
-    for (const auto& s : sleeps) {
-        EXPECT_EQ(s.seconds, 5u);
-        EXPECT_TRUE(s.marker[0]);
-    }
-    EXPECT_FALSE(testutil::exists(paths::scan_db_markers[0]));
-    EXPECT_EQ(log_count("[dorvand] trigger_2g_batch_scan: The total channel count is 3\n"), 1);
-    EXPECT_EQ(log_count("mutex unlocked [process_scan_result] \n"), 3);
 }
 
 // Batch scans that read nothing: skipped or held, or with no channel learned.
