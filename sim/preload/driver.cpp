@@ -23,6 +23,26 @@ using namespace dorvsim;
 
 namespace {
 
+// The driver's request, parameter and command numbers as the driver defines
+// them. They are written out here rather than taken from the daemon's header
+// (which gives only the block layouts), so that a wrong number on the
+// daemon's side shows as a request the simulated driver does not answer.
+namespace wire {
+constexpr unsigned long drv_siocgifflags = 0x8913;
+constexpr unsigned long drv_req_param_set = 0x8BE0;
+constexpr unsigned long drv_req_param_get = 0x8BE1;
+constexpr unsigned long drv_req_chan_info = 0x8BE7;
+constexpr unsigned long drv_req_debug = 0x8BF8;
+constexpr unsigned long drv_req_ext_cmd = 0x89F8;
+constexpr int32_t param_cac_state = 310;
+constexpr int32_t param_acs_scan = 318;
+constexpr uint32_t ext_cmd_chan_scan = 6;
+constexpr uint32_t ext_cmd_voice_stats = 23;
+constexpr uint8_t dbg_cmd_acs_report = 20;
+constexpr uint16_t drv_iff_up = 0x1;
+}  // namespace wire
+
+
 constexpr size_t max_state_bytes = 4 << 20;
 
 std::atomic<void*> real_ioctl_slot{nullptr};
@@ -164,7 +184,7 @@ const char* errno_text(int rc, int err, char (&buf)[32])
 int answer_param_set(const char* name, int radio, drv_param_req* req)
 {
     char e[32];
-    if (req->param != PARAM_ACS_SCAN) {
+    if (req->param != wire::param_acs_scan) {
         reqlog("req=param_set if=%s param=%d value=%d rc=-1 errno=%d", name, req->param, req->value, EOPNOTSUPP);
         return fail(EOPNOTSUPP);
     }
@@ -178,7 +198,7 @@ int answer_param_set(const char* name, int radio, drv_param_req* req)
 int answer_param_get(const char* name, drv_param_req* req)
 {
     char e[32];
-    if (req->param != PARAM_CAC_STATE) {
+    if (req->param != wire::param_cac_state) {
         reqlog("req=param_get if=%s param=%d rc=-1 errno=%d", name, req->param, EOPNOTSUPP);
         return fail(EOPNOTSUPP);
     }
@@ -191,7 +211,7 @@ int answer_param_get(const char* name, drv_param_req* req)
     int err = errno;
     if (rc == 0)
         req->param = found.value;
-    reqlog("req=cac if=%s param=%d rc=%d value=%d%s", name, PARAM_CAC_STATE, rc, found.value, errno_text(rc, err, e));
+    reqlog("req=cac if=%s param=%d rc=%d value=%d%s", name, wire::param_cac_state, rc, found.value, errno_text(rc, err, e));
     errno = err;
     return rc;
 }
@@ -257,7 +277,7 @@ acs_report* report_of(const char* name, const drv_iwreq* req)
     int err = 0;
     if (!blk || req->u.data.length < offsetof(drv_debug_block, report) + sizeof blk->report)
         err = EINVAL;
-    else if (blk->cmd != DBG_CMD_ACS_REPORT)
+    else if (blk->cmd != wire::dbg_cmd_acs_report)
         err = EOPNOTSUPP;
     else if (!blk->report || blk->report_length < offsetof(acs_report, chan_rank) + sizeof blk->report->chan_rank)
         err = EINVAL;
@@ -322,7 +342,7 @@ int answer_ext_cmd(const char* name, int radio, drv_ifreq* req)
         return fail(EFAULT);
     const sim_radio& r = current.st.radio[radio];
     char e[32];
-    if (cmd->cmd == EXT_CMD_VOICE_STATS) {
+    if (cmd->cmd == wire::ext_cmd_voice_stats) {
         if (!cmd->data || cmd->length < sizeof(drv_voice_stats))
             return fail(EINVAL);
         int rc = fail_with(r.voice);
@@ -339,7 +359,7 @@ int answer_ext_cmd(const char* name, int radio, drv_ifreq* req)
         errno = err;
         return rc;
     }
-    if (cmd->cmd == EXT_CMD_CHAN_SCAN) {
+    if (cmd->cmd == wire::ext_cmd_chan_scan) {
         if (!cmd->data || cmd->length < sizeof(drv_chan_scan))
             return fail(EINVAL);
         drv_chan_scan blk{};
@@ -358,8 +378,8 @@ int answer_ext_cmd(const char* name, int radio, drv_ifreq* req)
 
 bool is_private(unsigned long request)
 {
-    return request == DRV_REQ_PARAM_SET || request == DRV_REQ_PARAM_GET || request == DRV_REQ_CHAN_INFO ||
-           request == DRV_REQ_DEBUG || request == DRV_REQ_EXT_CMD;
+    return request == wire::drv_req_param_set || request == wire::drv_req_param_get || request == wire::drv_req_chan_info ||
+           request == wire::drv_req_debug || request == wire::drv_req_ext_cmd;
 }
 
 // The kernel decides whether the interface exists, as it would for the
@@ -390,13 +410,13 @@ int answer_private(int fd, unsigned long request, void* arg)
         return fail(err);
     }
     switch (request) {
-    case DRV_REQ_PARAM_SET:
+    case wire::drv_req_param_set:
         return answer_param_set(name.text, radio, static_cast<drv_param_req*>(arg));
-    case DRV_REQ_PARAM_GET:
+    case wire::drv_req_param_get:
         return answer_param_get(name.text, static_cast<drv_param_req*>(arg));
-    case DRV_REQ_CHAN_INFO:
+    case wire::drv_req_chan_info:
         return answer_chan_info(name.text, radio, static_cast<drv_iwreq*>(arg));
-    case DRV_REQ_DEBUG:
+    case wire::drv_req_debug:
         return answer_report(name.text, radio, static_cast<drv_iwreq*>(arg));
     default:
         return answer_ext_cmd(name.text, radio, static_cast<drv_ifreq*>(arg));
@@ -411,7 +431,7 @@ int interface_flags(int fd, void* arg)
         if_name name = name_of(arg);
         const auto* req = static_cast<const drv_ifreq*>(arg);
         if (rc == 0)
-            reqlog("req=flags if=%s rc=0 up=%d", name.text, (req->u.flags & DRV_IFF_UP) ? 1 : 0);
+            reqlog("req=flags if=%s rc=0 up=%d", name.text, (req->u.flags & wire::drv_iff_up) ? 1 : 0);
         else
             reqlog("req=flags if=%s rc=%d errno=%d", name.text, rc, err);
     }
@@ -429,7 +449,7 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept
     va_end(ap);
     if (!config.active)
         return real_ioctl(fd, request, arg);
-    if (request == DRV_SIOCGIFFLAGS)
+    if (request == wire::drv_siocgifflags)
         return interface_flags(fd, arg);
     if (!is_private(request))
         return real_ioctl(fd, request, arg);

@@ -142,49 +142,4 @@ TEST_P(neighbour_buffer_test, grows_when_the_driver_needs_it)
 INSTANTIATE_TEST_SUITE_P(scan, neighbour_buffer_test, ::testing::ValuesIn(buffer_cases),
                          [](const auto& p) { return std::string(p.param.what); });
 
-struct failure_case {
-    const char* what;
-    const char* ifname;
-    int fail_call; // debug request that fails, -1 none
-    bool radio_down;
-    const char* log_line;
-    size_t requests;
-    const char* ap_rows; // rows written before the failure stay
-};
-
-void PrintTo(const failure_case& c, std::ostream* os)
-{
-    *os << c.what;
-}
-
-const failure_case failure_cases[] = {
-    {"first_request", "wifi0vap0", 0, false, "Dorvand error in ioctl \n", 1, "0"},
-    {"statistics_request", "wifi0vap0", 2, false, "Dorvand DBG req failed", 3, "0"},
-    {"neighbour_request", "wifi0vap0", 5, false, "Failed to return a value", 6, "2"}, // of the second entry
-    {"name_too_long", "wifi0vap0_is_too_long", -1, false, "ifname too long: wifi0vap0_is_too_long\n", 0, "0"},
-    {"radio_without_vap", "wifi0", -1, true, "Dorvand error in ioctl \n", 1, "0"},
-};
-
-class scan_result_failure_test : public scan_result_test, public ::testing::WithParamInterface<failure_case>
-{
-};
-
-TEST_P(scan_result_failure_test, fails_and_releases_the_lock)
-{
-    const failure_case& c = GetParam();
-    fake.fail_debug_call = c.fail_call;
-    if (c.radio_down)
-        fake.ifaces["wifi0"] = DOWN;
-    EXPECT_EQ(process_scan_result(0, c.ifname, 0), -1);
-    EXPECT_EQ(log_count(c.log_line), 1) << testutil::log_text();
-    EXPECT_EQ(fake.debug_calls.size(), c.requests);
-    EXPECT_EQ(query(db2g, "SELECT COUNT(*) FROM SCANNED_AP_DETAILS"), (rows{{c.ap_rows}}));
-    EXPECT_EQ(log_count("mutex unlocked [process_scan_result] \n"), 1);
-    ASSERT_TRUE(scanning().scan_result_lock.try_lock());
-    scanning().scan_result_lock.unlock();
-}
-
-INSTANTIATE_TEST_SUITE_P(scan, scan_result_failure_test, ::testing::ValuesIn(failure_cases),
-                         [](const auto& p) { return std::string(p.param.what); });
-
 } // namespace
