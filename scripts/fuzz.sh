@@ -22,6 +22,7 @@ max_len() {
     case $1 in
         fuzz_event) echo 160 ;;
         fuzz_keyholders) echo 129 ;;
+        fuzz_board) echo 1024 ;;
         fuzz_config) echo 1100 ;;
         fuzz_ap2mac) echo 2100 ;;
         fuzz_scan_report) echo 1024 ;;
