@@ -50,13 +50,16 @@ def test_startup_board_radio_type(sandbox, board, product, kind, radios):
 @pytest.mark.parametrize("gone", [(), ("/tmp/dorvand.pid", "/var/roam_key_holders")])
 def test_startup_pid_file_and_exit(sandbox, gone):
     """The pid file holds the detached daemon's pid, a newline and NULs up to 8 bytes, mode 0200, replacing a longer
-    one. Signal 10 removes it, the event socket and the key-holder file, reports each one already gone to the log
+    one; the log settings go to syslog. Signal 10 removes it, the event socket and the key-holder file, reports each one already gone to the log
     and syslog, logs the exit line last and ends with status 0."""
     sb = sandbox(start=False)
     pid_file = sb.path("/tmp/dorvand.pid")
     pid_file.parent.mkdir(parents=True, exist_ok=True)
     pid_file.write_bytes(b"1234567890123456789\n")
     pid_file.chmod(0o644)
+    log_file = sb.path("/tmp/log/dorvand_log")
+    log_file.parent.mkdir(parents=True, exist_ok=True)
+    log_file.write_text("an earlier run\n")
     sb.start()
     pid = sb.pid()
     assert pid_file.read_bytes() == f"{pid}\n".encode().ljust(8, b"\0")
@@ -70,6 +73,8 @@ def test_startup_pid_file_and_exit(sandbox, gone):
     assert sb.stop() == 0
     log = sb.log_text()
     assert log.endswith(EXIT_LINE + "\n"), f"last lines: {log[-300:]!r}"
+    conf = "set_log_conf: Log level: 8, Log size: 524288, Log backup count: 2"
+    assert any(conf in m for m in sb.syslog_lines()), "the log settings go to syslog when the log file is there"
     for path in ("/tmp/dorvand.pid", "/tmp/roam_sock", "/var/roam_key_holders"):
         assert not sb.path(path).exists(), f"{path} left behind"
         failed = f"[dorvand] Failed to delete {path} file ( No such file or directory| 2 )"

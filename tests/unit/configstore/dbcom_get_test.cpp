@@ -147,6 +147,17 @@ INSTANTIATE_TEST_SUITE_P(
         answer_case{"answer_after_one_timeout", {reply(1, 0, "key on\n")}, 0, "on", std::nullopt, 2, 2, 1}),
     [](const auto& p) { return std::string(p.param.name); });
 
+// A transaction without data still goes out: one message of the items alone.
+TEST_F(dbcom_client_test, empty_data_goes_out_as_one_message)
+{
+    scripted_server srv(get_path, always({reply(1, 0, "k v\n")}));
+    opt result;
+    ASSERT_EQ(transaction("", &result, nullptr), 0);
+    EXPECT_EQ(result, opt("k v\n"));
+    ASSERT_EQ(srv.requests().size(), 1u);
+    EXPECT_EQ(srv.requests()[0].data, "");
+}
+
 TEST_F(dbcom_client_test, missing_handle_or_key)
 {
     opt value = "stale";

@@ -111,6 +111,17 @@ TEST(dbcom_read, stream_messages)
     EXPECT_EQ(dbcom_read_message(cut.ours.get(), 1, buf.data(), buf.size()), -1);
 }
 
+// After a bad header the stream is out of step: everything queued is thrown
+// away, however many reads that takes.
+TEST(dbcom_read, bad_header_drains_the_stream)
+{
+    socket_pair sp(SOCK_STREAM);
+    sp.put(cstest::wire(2, 6, 0, DBCOM_MAGIC, std::string(100, 'x')));
+    bytes buf(16);
+    EXPECT_EQ(dbcom_read_message(sp.ours.get(), 1, buf.data(), buf.size()), -1);
+    EXPECT_TRUE(drained(sp.ours.get()));
+}
+
 TEST(dbcom_read, timed_receive_ends_on_budget_or_close)
 {
     socket_pair sp(SOCK_STREAM);

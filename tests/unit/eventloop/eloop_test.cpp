@@ -56,6 +56,14 @@ TEST_F(eloop_test, ExpiryThenRegistrationOrderThenLoopEnds)
     EXPECT_TRUE(eloop.timers.empty());
 }
 
+TEST_F(eloop_test, TimerOverdueWhenTheLoopStartsRunsAtOnce)
+{
+    eloop_add_timer(0, 0, record_b, 1, 0);
+    usleep(30000);
+    eloop_run();
+    EXPECT_EQ(fired, std::vector<std::string>{"b1"});
+}
+
 TEST_F(eloop_test, OrderSurvivesTickCounterWrap)
 {
     // Two expiries either side of the 32-bit wrap: the one before the wrap is
