@@ -52,7 +52,6 @@ struct fake_driver {
     int fail_debug_call = -1;    // index of the debug request that fails
     int answer7_debug_call = -1; // index of the debug request answered with 7
 
-    std::vector<std::string> flag_queries;
     std::vector<debug_call> debug_calls;
     std::vector<drv_param_req> param_sets;
     std::vector<drv_param_req> param_gets;
@@ -73,7 +72,6 @@ inline int fail_with(int err)
 
 inline int answer_flags(drv_ifreq& req)
 {
-    fake.flag_queries.push_back(name_of(req.name));
     auto it = fake.ifaces.find(name_of(req.name));
     if (it == fake.ifaces.end())
         return fail_with(ENODEV);
