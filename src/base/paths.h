@@ -17,6 +17,9 @@ inline constexpr const char* configd_set_socket = "/tmp/confd_set";
 inline constexpr const char* configd_stuck_marker = "/tmp/run/configd_stuck_notify";
 inline constexpr const char* configd_check_program = "/usr/local/bin/check_configd_child";
 inline constexpr const char* configd_check_flag = "/tmp/FT_Configd_Child_Check";
+// The datagram transport's own ends, named by the daemon's pid.
+inline constexpr const char* configd_set_local_format = "/tmp/dls_%d";
+inline constexpr const char* configd_get_local_format = "/tmp/dlg_%d";
 
 // Neighbours and key holders.
 inline constexpr const char* event_socket = "/tmp/roam_sock";

@@ -27,7 +27,7 @@ std::optional<dbcom_addr> inet_server(const char* name)
     return make_in_addr(host.c_str(), service.c_str());
 }
 
-// The datagram transport's own path for a channel, e.g. "/tmp/dlg_%d".
+// The datagram transport's own path for a channel, from a format taking the pid.
 std::optional<dbcom_addr> local_path(const char* fmt)
 {
     char path[1024];
@@ -44,8 +44,8 @@ bool set_addresses(dbcom_handle* h, const char* get_server, const char* set_serv
         h->set.server_addr = make_un_addr(set_server ? set_server : paths::configd_set_socket);
         h->get.server_addr = make_un_addr(get_server ? get_server : paths::configd_get_socket);
         if (h->protocol == DBCOM_UNIX_DGRAM) {
-            h->set.local_un_addr = local_path("/tmp/dls_%d");
-            h->get.local_un_addr = local_path("/tmp/dlg_%d");
+            h->set.local_un_addr = local_path(paths::configd_set_local_format);
+            h->get.local_un_addr = local_path(paths::configd_get_local_format);
             h->set.local_addr_len = h->set.local_un_addr ? h->set.local_un_addr->len : 0;
             h->get.local_addr_len = h->get.local_un_addr ? h->get.local_un_addr->len : 0;
         }
