@@ -42,7 +42,6 @@ constexpr uint8_t dbg_cmd_acs_report = 20;
 constexpr uint16_t drv_iff_up = 0x1;
 }  // namespace wire
 
-
 constexpr size_t max_state_bytes = 4 << 20;
 
 std::atomic<void*> real_ioctl_slot{nullptr};
@@ -211,7 +210,8 @@ int answer_param_get(const char* name, drv_param_req* req)
     int err = errno;
     if (rc == 0)
         req->param = found.value;
-    reqlog("req=cac if=%s param=%d rc=%d value=%d%s", name, wire::param_cac_state, rc, found.value, errno_text(rc, err, e));
+    reqlog("req=cac if=%s param=%d rc=%d value=%d%s", name, wire::param_cac_state, rc, found.value,
+           errno_text(rc, err, e));
     errno = err;
     return rc;
 }
@@ -378,8 +378,8 @@ int answer_ext_cmd(const char* name, int radio, drv_ifreq* req)
 
 bool is_private(unsigned long request)
 {
-    return request == wire::drv_req_param_set || request == wire::drv_req_param_get || request == wire::drv_req_chan_info ||
-           request == wire::drv_req_debug || request == wire::drv_req_ext_cmd;
+    return request == wire::drv_req_param_set || request == wire::drv_req_param_get ||
+           request == wire::drv_req_chan_info || request == wire::drv_req_debug || request == wire::drv_req_ext_cmd;
 }
 
 // The kernel decides whether the interface exists, as it would for the
