@@ -1,6 +1,7 @@
-// The module's state, the key-holder list: derivation of a neighbour's
-// key-holder MAC, the list itself, and the two ways new key holders reach it
-// from this module (scan matches and the reload of the key-holder file).
+// The module's state record and the key-holder list: derivation of a
+// neighbour's key-holder MAC, the list itself, the two ways new key holders
+// reach it from this module (scan matches and the reload of the key-holder
+// file), and the locks the exit clean-up takes.
 #include <cstring>
 #include <memory>
 #include <new>
