@@ -15,6 +15,8 @@ Scratch layout:
         calls/TOOL.log    arguments of each run of wifitool, ifconfig, ...
         runs/SCRIPT/NNNNN copies of the key-holder files at each script run
         ctl/              switches for the simulated tools
+        faults            fault rules, re-read while the daemon runs (sim/faults.py)
+        faults.fired      what they failed, one line a firing
     usr-upper/, usr-work/ the overlay's layers
     out/                  ns_init config and status, its output, syslog.txt
 """
@@ -35,6 +37,7 @@ import time
 from dataclasses import dataclass
 from pathlib import Path
 
+from sim import faults
 from sim.driver_state import DriverState, write_atomic
 from sim.syslog_sink import SyslogSink
 
@@ -144,6 +147,8 @@ class Sandbox:
         self.configd = None  # the ConfigdSim serving /tmp/confd_get, while running
         self.sanitized = _is_sanitized(self.dorvand)
         self.sanitizer_reports: list[str] = []  # filled by close()
+        self.faults = faults.Faults(self.root, self._daemon_running,
+                                    timeout=30.0 if emulation else 10.0)
 
     # ---- life cycle -----------------------------------------------------------
 
@@ -294,6 +299,25 @@ class Sandbox:
             pids = self.status().get("daemon_pids") or []
             self._pid = pids[0] if pids else None
         return self._pid
+
+    def arm_fault(self, rule: str, optional: bool = False) -> faults.FaultHandle:
+        """Arms a fault rule (sim/README.md) for the daemon; once it runs,
+        returns after the daemon has taken the rule. Raises FaultError for a
+        rule it refuses. Unless `optional`, the test fixture fails a test
+        whose armed rule never fired."""
+        return self.faults.arm(rule, optional)
+
+    def disarm_faults(self) -> None:
+        """Disarms every rule; their firings stay on record."""
+        self.faults.disarm_all()
+
+    def faults_fired(self, handle: faults.FaultHandle | None = None) -> list[dict]:
+        """Every firing (t, rule, call, path, errno or short), or one rule's."""
+        fired = self.faults.fired()
+        return [f for f in fired if f["rule"] == handle.rule] if handle else fired
+
+    def _daemon_running(self) -> bool:
+        return self.running() and self.pid() is not None and self.exit_code() is None
 
     def daemon_time(self, real: float | None = None) -> float:
         """The daemon's wall clock (epoch seconds) at real time `real`."""
@@ -594,6 +618,7 @@ class Sandbox:
                 "DORVSIM_REQLOG": "/dorvsim/reqlog",
                 "DORVSIM_SCALE": repr(self.scale),
                 "DORVSIM_T0": f"{self.t0:.6f}",
+                **faults.ENV,
                 **(SANITIZER_ENV if self.sanitized else {}),
             },
         }

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "dorvfault.h"
 #include "test_util.h"
 
 namespace testutil {
@@ -59,6 +60,17 @@ bool enter_sandbox()
            overlay("/usr/sbin", "sbin");
 }
 
+// A fault a test armed that never fired means the test did not reach the
+// path it meant to break: that fails the test. Each test starts unarmed.
+class fault_check : public ::testing::EmptyTestEventListener {
+    void OnTestEnd(const ::testing::TestInfo&) override
+    {
+        for (const std::string& rule : dorvfault::unfired())
+            ADD_FAILURE() << "armed fault never fired: " << rule;
+        dorvfault::reset();
+    }
+};
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -67,5 +79,6 @@ int main(int argc, char** argv)
     if (!enter_sandbox())
         return 1;
     testutil::sandbox_active = true;
+    ::testing::UnitTest::GetInstance()->listeners().Append(new fault_check);
     return RUN_ALL_TESTS();
 }
