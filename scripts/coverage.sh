@@ -6,7 +6,9 @@
 # into each daemon's root, so the counters of every run, concurrent ones too,
 # merge into the build's files), then prints coverage per folder of src/ and
 # writes build-cov/coverage/: index.html (with a page per file), summary.json,
-# lines.txt and branches.txt (per file, the lines not covered). Throw branches
+# lines.txt and branches.txt (gcovr's per file, the lines not covered) and
+# gaps.txt (the files with the most branches missed first, their lines never
+# run and their lines with a branch never taken). Throw branches
 # and branches the compiler made unreachable are left out; lines and regions
 # marked GCOVR_EXCL_LINE or GCOVR_EXCL_START ... GCOVR_EXCL_STOP are not
 # counted. Run as root, like the tests. Exits non-zero when a test failed.
@@ -38,7 +40,9 @@ done
 
 if ! command -v gcovr >/dev/null; then
     echo "installing: gcovr"
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq gcovr >/dev/null
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -qq
+    apt-get install -y -qq gcovr >/dev/null
 fi
 
 status=0
@@ -67,21 +71,47 @@ gcovr "${gcov_opts[@]}" -j"$jobs" --json $out/coverage.json --json-summary-prett
       --html-details $out/index.html --html-title "dorvand: src/ by the unit and end-to-end tests" $build
 gcovr --add-tracefile $out/coverage.json --txt $out/lines.txt
 gcovr --add-tracefile $out/coverage.json --branches --txt $out/branches.txt
-/usr/bin/python3 - "$out/summary.json" <<'EOF'
+/usr/bin/python3 - "$out" <<'EOF'
 import collections, json, sys
 
-files = json.load(open(sys.argv[1]))["files"]
+out = sys.argv[1]
+files = json.load(open(f"{out}/summary.json"))["files"]
 folders = collections.defaultdict(lambda: [0, 0, 0, 0])
 for f in files:
-    folder = f["filename"].rsplit("/", 1)[0] + "/"
-    for key, n in zip(("line_covered", "line_total", "branch_covered", "branch_total"), (0, 1, 2, 3)):
-        folders[folder][n] += f[key]
-        folders["src"][n] += f[key]
+    for name in (f["filename"].rsplit("/", 1)[0] + "/", "src"):
+        for n, key in enumerate(("line_covered", "line_total", "branch_covered", "branch_total")):
+            folders[name][n] += f[key]
 
 
 def pct(covered, total):
     return 100.0 * covered / total if total else 100.0
 
+
+def ranges(numbers):
+    spans = []
+    for n in numbers:
+        if spans and spans[-1][1] == n - 1:
+            spans[-1][1] = n
+        else:
+            spans.append([n, n])
+    return ",".join(str(a) if a == b else f"{a}-{b}" for a, b in spans)
+
+
+# gaps.txt: per file, most missed branches first, the lines never run and
+# the lines with a branch never taken (taken/total).
+gaps = []
+for f in json.load(open(f"{out}/coverage.json"))["files"]:
+    lines = [l for l in f["lines"] if not l["gcovr/noncode"] and not l["gcovr/excluded"]]
+    unrun = [l["line_number"] for l in lines if l["count"] == 0]
+    partial = [(l["line_number"], sum(b["count"] > 0 for b in l["branches"]), len(l["branches"]))
+               for l in lines if any(b["count"] == 0 for b in l["branches"])]
+    missed = sum(total - taken for _, taken, total in partial)
+    gaps.append((-missed, f["file"], unrun, partial))
+with open(f"{out}/gaps.txt", "w") as g:
+    for minus, name, unrun, partial in sorted(gaps):
+        g.write(f"{name}: {-minus} branches missed, {len(unrun)} lines not run\n")
+        g.write(f"  lines not run: {ranges(unrun) or '-'}\n")
+        g.write(f"  branches missed: {' '.join(f'{n}({t}/{a})' for n, t, a in partial) or '-'}\n")
 
 print(f"{'folder':<18}{'lines':>16}{'':>9}{'branches':>16}")
 for name in sorted(k for k in folders if k != "src"):
