@@ -4,6 +4,8 @@
 set -euo pipefail
 packages=(g++ cmake make libgtest-dev libgmock-dev libsqlite3-dev sqlite3 python3 python3-pytest
           iproute2 util-linux procps python3-matplotlib)
+# scripts/coverage.sh: its reports.
+packages+=(gcovr)
 # The fuzz targets: clang with its libFuzzer and sanitizer runtimes.
 packages+=(clang libclang-rt-14-dev)
 # The armhf build: Debian's cross compiler, and qemu-arm to run what it builds.

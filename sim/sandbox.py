@@ -74,6 +74,11 @@ SANITIZER_ENV = {
     "ASAN_OPTIONS": f"log_path={REPORTS_IN_ROOT}:verify_asan_link_order=0:detect_leaks=1",
     "UBSAN_OPTIONS": f"log_path={REPORTS_IN_ROOT}:print_stacktrace=1:halt_on_error=1",
 }
+# How long a daemon built for coverage (DORVAND_COVERAGE) gets to write its
+# counters on SIGTERM when the sandbox is ended, before SIGKILL. Below
+# terminate()'s own wait for ns_init.
+COVERAGE_TERM_GRACE = 2.0
+COVERAGE_TERM_STATUS = 143  # its exit status then: 128 + SIGTERM, as a shell reports it
 
 
 class SandboxError(Exception):
@@ -146,6 +151,9 @@ class Sandbox:
         self._syslog: SyslogSink | None = None
         self.configd = None  # the ConfigdSim serving /tmp/confd_get, while running
         self.sanitized = _is_sanitized(self.dorvand)
+        # A coverage daemon writes its counters to the build's absolute
+        # paths: that folder is bound into the root at the same path.
+        self.coverage_dir = None if emulation else _coverage_dir(self.dorvand)
         self.sanitizer_reports: list[str] = []  # filled by close()
         self.faults = faults.Faults(self.root, self._daemon_running,
                                     timeout=30.0 if emulation else 10.0)
@@ -527,6 +535,8 @@ class Sandbox:
                 (self.root / link).symlink_to(f"usr/{link}")
         for dev in DEVICES:
             (self.root / dev.lstrip("/")).touch()
+        if self.coverage_dir:
+            (self.root / self.coverage_dir.lstrip("/")).mkdir(parents=True, exist_ok=True)
         self.path("/tmp").chmod(0o1777)
         (self.root / "etc/passwd").write_text("root:x:0:0:root:/root:/bin/sh\n")
         (self.root / "etc/group").write_text("root:x:0:\n")
@@ -603,7 +613,9 @@ class Sandbox:
             "root": str(self.root),
             "usr_upper": str(self.scratch / "usr-upper"),
             "usr_work": str(self.scratch / "usr-work"),
-            "binds": list(DEVICES),
+            "binds": list(DEVICES) + ([self.coverage_dir] if self.coverage_dir else []),
+            # SIGTERM first, so that a coverage daemon's counters are kept.
+            "term_grace": COVERAGE_TERM_GRACE if self.coverage_dir else 0.0,
             # The sanitizer runtimes read /proc/self/maps.
             "proc": self.sanitized,
             "links": [[name, bool(up)] for name, up in self.links.items()],
@@ -694,6 +706,21 @@ def _is_sanitized(binary: Path) -> bool:
     except OSError:
         return False
     return b"__asan_init" in data or b"__ubsan_handle_" in data
+
+
+def _coverage_dir(binary: Path) -> str | None:
+    """For a daemon built with gcov's counters: the build folder that holds
+    every counter file it writes (their absolute paths are compiled in).
+    None for any other binary."""
+    try:
+        data = binary.read_bytes()
+    except OSError:
+        return None
+    files = {m.decode(errors="replace") for m in re.findall(rb"(/[\x21-\x7e]+\.gcda)\0", data)}
+    if not files:
+        return None
+    folder = os.path.commonpath([os.path.dirname(f) for f in files])
+    return folder if folder != "/" else None
 
 
 def _kill(pid: int, sig: int) -> None:

@@ -15,6 +15,7 @@
 #include <iterator>
 
 #include "configstore/dbcom.h"
+#include "base/coverage.h"
 #include "base/files.h"
 #include "base/spawn.h"
 #include "ftstatus/ft_status.h"
@@ -115,6 +116,8 @@ sigset_t daemon_signals()
     sigemptyset(&set);
     sigaddset(&set, exit_signal);
     sigaddset(&set, SIGRTMIN);
+    if constexpr (coverage_build)
+        sigaddset(&set, SIGTERM);
     return set;
 }
 
@@ -266,7 +269,8 @@ void exit_handler(int)
     close_config_handle(held.config);
     log_msg(0, log_lvl::info, "[dorvand] Exiting from daemon\n");
     // The other threads are still running: end without static destructors.
-    _exit(0);
+    DORV_FLUSH_COVERAGE();
+    _exit(0);  // GCOVR_EXCL_LINE: runs after the counters are written
 }
 
 void setup_signals()
@@ -279,6 +283,10 @@ void setup_signals()
     static struct sigaction info_action {};
     register_exit_signal(&exit_action, exit_signal, exit_signal_handler);
     register_info_signal(&info_action, SIGRTMIN, ft_status_signal_handler);
+    if constexpr (coverage_build) {
+        static struct sigaction term_action {};
+        register_exit_signal(&term_action, SIGTERM, exit_signal_handler);
+    }
     start_thread(signal_thread);
     start_thread(ft_update_thread);
 }
@@ -296,8 +304,15 @@ void* signal_thread(void*)
     sigset_t set = daemon_signals();
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
     signal_note note{};
-    while (read_signal_note(exit_pipe[0], note))
+    while (read_signal_note(exit_pipe[0], note)) {
+        // Only a coverage build takes SIGTERM: it ends at once, as the
+        // default action would, but with its counters written.
+        if (coverage_build && note.signo == SIGTERM) {
+            DORV_FLUSH_COVERAGE();
+            _exit(coverage_term_status);  // GCOVR_EXCL_LINE: runs after the counters are written
+        }
         exit_handler(note.signo);
+    }
     return nullptr;
 }
 

@@ -1,6 +1,7 @@
 // Log file lines, level limit, rotation and configuration limits.
 #include <regex>
 #include <string>
+#include <utility>
 
 #include "base/log.h"
 #include "test_util.h"
@@ -38,6 +39,26 @@ TEST_F(log_test, RotationShiftsBackupsAndDropsTheOldest)
     EXPECT_EQ(b0.rfind(std::string(50, 'L'), 0), 0u);
     EXPECT_NE(b0.find("trigger"), std::string::npos);
     EXPECT_FALSE(exists(std::string(path) + ".2"));
+}
+
+// Text from the air: a control byte can never end the line or start a forged
+// one, and a backslash is doubled so that an escape already in the text
+// cannot pass for one the daemon made. Other bytes (UTF-8 SSIDs) stay.
+TEST(log_escape, ControlBytesAndBackslashes)
+{
+    const std::pair<std::string, std::string> rows[] = {
+        {"", ""},
+        {"Corp Guest", "Corp Guest"},
+        {"a\nb", "a\\x0ab"},
+        {"a\\x0ab", "a\\\\x0ab"},
+        {std::string("x\0y", 3), "x\\x00y"},
+        {"\x1f \x7f~", "\\x1f \\x7f~"},
+        {"caf\xc3\xa9", "caf\xc3\xa9"},
+    };
+    for (const auto& [in, out] : rows) {
+        SCOPED_TRACE(in);
+        EXPECT_EQ(log_escape(in), out);
+    }
 }
 
 }  // namespace

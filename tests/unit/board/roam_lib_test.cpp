@@ -43,7 +43,9 @@ INSTANTIATE_TEST_SUITE_P(
                       board_case{"NoKeyMeansEmptyId", "Model=abc\n", "", 0},
                       board_case{"MissingFileLeavesQuote", nullptr, "\"", -1},
                       board_case{"OverlongValueIsCut", "ProductID=TRM238P0123456789\n", "TRM238P0123", -1},
-                      board_case{"DelimiterBeforeKey", "a=b ProductID=TRV146\n", "b ProductID", -1}),
+                      board_case{"DelimiterBeforeKey", "a=b ProductID=TRV146\n", "b ProductID", -1},
+                      board_case{"KeyWithoutDelimiterSkipped", "ProductID TRM226\nProductID=TRM238\n", "TRM238", 1},
+                      board_case{"EmptyLastValueLeavesIdEmpty", "ProductID=", "", 0}),
     [](const auto& tp) { return std::string(tp.param.name); });
 
 }  // namespace
