@@ -155,8 +155,9 @@ cleanup_locks take_cleanup_locks()
 {
     cleanup_locks held{};
     held.config = ft_state().config_lock.try_lock_for(cleanup_config_wait);
-    held.key_holders = neighbours().kh_lock.try_lock_for(cleanup_lock_wait);
-    held.tables = neighbours().ht_mutex.try_lock_for(cleanup_lock_wait);
+    const neighbour_exit_locks neighbour_locks = lock_neighbours_for_exit(cleanup_lock_wait);
+    held.key_holders = neighbour_locks.key_holders;
+    held.tables = neighbour_locks.tables;
     return held;
 }
 
@@ -166,10 +167,7 @@ void free_tables(bool locked)
         log_msg(0, log_lvl::error, "[dorvand] known-AP tables busy; left to the end of the process\n");
         return;
     }
-    for (int r = 0; r < board().radio_count && r < 3; ++r) {
-        free_known_ap_table(neighbours().known_ap_tables[r]);
-        neighbours().known_ap_tables[r] = nullptr;
-    }
+    free_known_ap_tables();
 }
 
 void free_key_holders(bool locked)
@@ -221,13 +219,12 @@ int write_pid_file()
 void init_tables()
 {
     for (int r = 0; r < board().radio_count && r < 3; ++r) {
-        neighbours().known_ap_tables[r] = create_hash_table();
         // Events and scans for this radio are then refused as for a radio
         // the board does not have; the daemon runs on.
-        if (!neighbours().known_ap_tables[r])
+        if (!create_known_ap_table(r))
             log_msg(1, log_lvl::error, "[dorvand] No memory for the known-AP table of wlan%d\n", r);
     }
-    dlist_init(&neighbours().kh_list);
+    init_kh_list();
 }
 
 void register_exit_signal(struct sigaction* action, int signo, void (*handler)(int))

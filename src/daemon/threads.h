@@ -36,7 +36,9 @@
 //
 // Locks, always taken in this order (a thread holding one may take only the
 // ones below it). Each lives in the state record of the module that owns
-// what it guards: ft_state(), scanning(), neighbours().
+// what it guards: ft_state(), scanning(), neighbours(). The neighbour
+// module's record is its own: other modules reach locks 3 to 5 only through
+// its operations, which take them inside (neighbours/neighbours.h).
 //
 //  1. config_lock       one configuration-store transaction at a time in the
 //                       whole process; held for a whole 802.11r refresh and a
@@ -61,17 +63,17 @@
 // and read by the key-change writers under kh_lock. board() is written once
 // by the main thread before any other thread starts and only read after.
 //
-// Shutdown (signal 10) runs on the signal thread. It removes the pid file
-// and the event socket, then takes config_lock, kh_lock and ht_mutex each
-// with a bounded wait (never script_lock, so a hung script cannot hold it
-// up), and only then removes /var/roam_key_holders, so no append in flight
-// can recreate it. It kills the children still running and removes the
-// marker of a scan cycle in progress (scan_state::marker_set). What it could
-// not lock in time (a thread stuck in a configuration read, say) is left to
-// the end of the process rather than freed under a running thread. It
-// cancels the scan timers through the event loop's own lock
-// (stop_scan_scheduler) and ends the process with _exit, so no static
-// destructor runs while the other threads are still alive.
+// Shutdown (signal 10) runs on the signal thread. It removes the pid file and
+// the event socket, then takes config_lock, kh_lock and ht_mutex each with a
+// bounded wait (the last two through lock_neighbours_for_exit; never
+// script_lock, so a hung script cannot hold it up), and only then removes
+// /var/roam_key_holders, so no append in flight can recreate it. It kills the
+// children still running and removes the marker of a scan cycle in progress
+// (scan_state::marker_set). What it could not lock in time (a thread stuck in
+// a configuration read, say) is left to the end of the process rather than
+// freed under a running thread. It cancels the scan timers through the event
+// loop's own lock (stop_scan_scheduler) and ends the process with _exit, so no
+// static destructor runs while the other threads are still alive.
 //
 // Files: every fixed path the daemon writes is opened without following a
 // link and only as its own regular file with one link (base/files.h); files

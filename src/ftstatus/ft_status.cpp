@@ -108,17 +108,16 @@ void refresh_locked()
                 continue;
             log_msg(0, log_lvl::info, "wlan%dvap%d = %d\n", r, v, status);
             if (status == 1)
-                neighbours().ft_enabled_vaps.fetch_or(vap_bit(r, v));
+                ft_enabled_vaps().fetch_or(vap_bit(r, v));
             else
-                neighbours().ft_enabled_vaps.fetch_and(~vap_bit(r, v));
+                ft_enabled_vaps().fetch_and(~vap_bit(r, v));
         }
     }
-    if (neighbours().ft_enabled_vaps.load() != 0 && file_exists(paths::key_holders)) {
+    if (ft_enabled_vaps().load() != 0 && file_exists(paths::key_holders)) {
         log_msg(0, log_lvl::info, "MKH exist\n");
-        kh_update update;
         reload_key_holders();
     }
-    log_msg(0, log_lvl::info, "ft_enabled_vaps  = %08X \n", neighbours().ft_enabled_vaps.load());
+    log_msg(0, log_lvl::info, "ft_enabled_vaps  = %08X \n", ft_enabled_vaps().load());
 }
 
 // Reads one changed VAP for the signal update, up to three retries for an
@@ -140,17 +139,6 @@ bool read_changed_status(const setting_key& key, int& status)
     }
     status = value ? atoi(value->c_str()) : 0;
     return true;
-}
-
-void report_status_change(int radio, int vap, int enabled)
-{
-    kh_update update;
-    if (!neighbours().kh_list_nonempty) {
-        log_msg(0, log_lvl::info, "List is empty \n");
-        return;
-    }
-    for (kh_entry* e = neighbours().kh_list.next; e != &neighbours().kh_list; e = e->next)
-        vap_ft_status_changed(radio, vap, *e, enabled);
 }
 
 }  // namespace
@@ -175,16 +163,12 @@ void ft_status_update(int signo, int32_t value)
             if (!read_changed_status(key, status))
                 return;
             log_msg(0, log_lvl::info, "wifi%dvap%d - %s = %d \n", r, v, "11rStatus", status);
-            report_status_change(r, v, status != 0 ? 1 : 0);
+            key_holders_ft_status_changed(r, v, status != 0 ? 1 : 0);
             mask &= ~vap_bit(r, v);
             log_msg(0, log_lvl::info, "val = %d \n", static_cast<int>(mask));
         }
     }
-    {
-        kh_update update;
-        if (neighbours().kh_list_nonempty)
-            run_ft_script();
-    }
+    run_ft_script_if_key_holders();
     refresh_locked();
-    log_msg(0, log_lvl::info, "ft_enabled_vaps = %08X \n", neighbours().ft_enabled_vaps.load());
+    log_msg(0, log_lvl::info, "ft_enabled_vaps = %08X \n", ft_enabled_vaps().load());
 }

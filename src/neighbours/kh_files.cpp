@@ -1,5 +1,6 @@
 // The key-holder record file, the key-change notes with the neighbour BSSIDs
-// they bring, and the transition script. Callers hold kh_lock.
+// they bring, and the transition script. Callers hold kh_lock, but for the
+// whole updates at the end, which take it themselves.
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -155,11 +156,6 @@ bool vap_enabled(uint32_t mask, int r, int v)
 
 }  // namespace
 
-bool key_holder_cached(const kh_entry& entry)
-{
-    return contains(cached_macs(), entry.mac);
-}
-
 void write_key_holders(const char* mode)
 {
     log_msg(0, log_lvl::debug, "mode = %s \n", mode);
@@ -228,6 +224,8 @@ void key_change_on_deletion(int radio, uint8_t family, uint8_t mac[6])
     close_key_change_file(f);
 }
 
+namespace {
+
 void vap_ft_status_changed(int radio, int vap, const kh_entry& entry, int status)
 {
     const nb::vap_offsets off = nb::offsets_for(entry.family);
@@ -250,6 +248,8 @@ void vap_ft_status_changed(int radio, int vap, const kh_entry& entry, int status
     }
     close_key_change_file(f);
 }
+
+}  // namespace
 
 void run_ft_script()
 {
@@ -302,4 +302,22 @@ void kh_files_retry()
 {
     if (neighbours().files_stale)
         kh_update retry;
+}
+
+void key_holders_ft_status_changed(int radio, int vap, int status)
+{
+    kh_update update;
+    if (!neighbours().kh_list_nonempty) {
+        log_msg(0, log_lvl::info, "List is empty \n");
+        return;
+    }
+    for (kh_entry* e = neighbours().kh_list.next; e != &neighbours().kh_list; e = e->next)
+        vap_ft_status_changed(radio, vap, *e, status);
+}
+
+void run_ft_script_if_key_holders()
+{
+    kh_update update;
+    if (neighbours().kh_list_nonempty)
+        run_ft_script();
 }

@@ -1,6 +1,7 @@
-// The key-holder list: derivation of a neighbour's key-holder MAC, the list
-// itself, and the two ways new key holders reach it from this module (scan
-// matches and the reload of the key-holder file).
+// The module's state record and the key-holder list: derivation of a
+// neighbour's key-holder MAC, the list itself, the two ways new key holders
+// reach it from this module (scan matches and the reload of the key-holder
+// file), and the locks the exit clean-up takes.
 #include <cstring>
 #include <memory>
 #include <new>
@@ -15,6 +16,11 @@ neighbour_state& neighbours()
 {
     static neighbour_state state;
     return state;
+}
+
+std::atomic<uint32_t>& ft_enabled_vaps()
+{
+    return neighbours().ft_enabled_vaps;
 }
 
 namespace {
@@ -63,6 +69,8 @@ void dlist_init(kh_entry* head)
     head->prev = head;
 }
 
+namespace {
+
 void dlist_insert_after(kh_entry* pos, kh_entry* node)
 {
     node->prev = pos;
@@ -70,6 +78,8 @@ void dlist_insert_after(kh_entry* pos, kh_entry* node)
     pos->next->prev = node;
     pos->next = node;
 }
+
+}  // namespace
 
 void dlist_append(kh_entry* head, kh_entry* node)
 {
@@ -89,6 +99,8 @@ bool dlist_is_empty(const kh_entry* head)
     return head->next == head;
 }
 
+namespace {
+
 bool is_new_key_holder(const uint8_t mac[6])
 {
     for (const kh_entry* e = neighbours().kh_list.next; e != &neighbours().kh_list; e = e->next) {
@@ -101,6 +113,8 @@ bool is_new_key_holder(const uint8_t mac[6])
     }
     return true;
 }
+
+}  // namespace
 
 // A radio outside 0..2 is refused before anything changes; so is a new entry
 // when memory runs out (the changed flag then stays as it was, so no script
@@ -165,6 +179,8 @@ void match_known_aps(const scan_ap_record* records, int count, int radio)
         run_ft_script();
 }
 
+namespace {
+
 void print_scan_list(int count, const scan_ap_record* records)
 {
     for (int i = 0; i < count; ++i) {
@@ -172,8 +188,6 @@ void print_scan_list(int count, const scan_ap_record* records)
         log_msg(0, log_lvl::info, " %d | %02x:%02x:%02x:%02x:%02x:%02x", i + 1, b[0], b[1], b[2], b[3], b[4], b[5]);
     }
 }
-
-namespace {
 
 // Adds every whole record of `in`; true when that changed the list.
 bool add_stored_key_holders(byte_source& in)
@@ -203,8 +217,18 @@ void finish_reload(bool changed)
 
 }  // namespace
 
+void key_holders_from_scan(const scan_ap_record* records, int count, int radio)
+{
+    kh_update update;
+    print_scan_list(count, records);
+    match_known_aps(records, count, radio);
+    traverse_kh_list();
+    write_key_holders("a");
+}
+
 void reload_key_holders()
 {
+    kh_update update;
     bool changed = false;
     if (file_ptr f = open_owned_file(paths::key_holders, "r")) {
         byte_source in(f.get());
@@ -217,6 +241,19 @@ void reload_key_holders_from(const uint8_t* data, size_t size)
 {
     byte_source in(data, size);
     finish_reload(add_stored_key_holders(in));
+}
+
+void init_kh_list()
+{
+    dlist_init(&neighbours().kh_list);
+}
+
+neighbour_exit_locks lock_neighbours_for_exit(std::chrono::seconds wait)
+{
+    neighbour_exit_locks held{};
+    held.key_holders = neighbours().kh_lock.try_lock_for(wait);
+    held.tables = neighbours().ht_mutex.try_lock_for(wait);
+    return held;
 }
 
 void free_kh_list()

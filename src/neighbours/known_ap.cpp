@@ -7,6 +7,7 @@
 
 #include "base/log.h"
 #include "neighbours/neighbours.h"
+#include "neighbours/nb_internal.h"
 
 
 // The slot of a MAC is one nibble, so only slots 0..15 of the 256 heads ever
@@ -93,6 +94,24 @@ void free_known_ap_table(known_ap_table* table)
         table->slots[slot] = nullptr;
     }
     delete table;
+}
+
+bool create_known_ap_table(int radio)
+{
+    if (radio < 0 || radio > 2)
+        return false;
+    known_ap_table*& table = neighbours().known_ap_tables[radio];
+    if (!table)
+        table = create_hash_table();
+    return table != nullptr;
+}
+
+void free_known_ap_tables()
+{
+    for (known_ap_table*& table : neighbours().known_ap_tables) {
+        free_known_ap_table(table);
+        table = nullptr;
+    }
 }
 
 void add_to_ht(known_ap_table* table, const uint8_t mac[6], uint8_t present, uint8_t family, uint8_t channel,

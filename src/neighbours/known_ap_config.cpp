@@ -34,8 +34,6 @@ void parse_attributes(std::string_view rest, uint8_t* attrs, size_t count)
     }
 }
 
-}  // namespace
-
 int hex_digit_value(char c)
 {
     if (c >= '0' && c <= '9')
@@ -91,8 +89,6 @@ void parse_known_ap_line(known_ap_table* table, const char* text)
     add_to_ht(table, mac, attrs[0], attrs[1], 0, 0);
 }
 
-namespace {
-
 // Lines longer than 255 bytes are skipped whole (and logged once each):
 // their head alone could yield a wrong entry, and their tail must not be
 // mistaken for a line of its own.
@@ -140,4 +136,15 @@ void load_known_aps(known_ap_table* table, const char* name)
     }
     byte_source in(f.get());
     load_known_aps_from(table, name, in);
+}
+
+void reload_known_ap_table(int radio)
+{
+    known_ap_table* table = radio >= 0 && radio < 3 ? neighbours().known_ap_tables[radio] : nullptr;
+    if (!table)
+        return;
+    char wlan[8];
+    snprintf(wlan, sizeof wlan, "wlan%d", radio);
+    load_known_aps(table, wlan);
+    traverse_hash_table(table, wlan);
 }

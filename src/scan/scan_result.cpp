@@ -139,11 +139,7 @@ int fetch_neighbours(report_session& s, uint8_t i, neighbour_buffer& buffer, siz
 void hand_over(const scan_ap_record* list, int count, int radio)
 {
     log_msg(0, log_lvl::info, "\t #### SCAN RESULTS ### \n");
-    kh_update update;
-    print_scan_list(count, list);
-    match_known_aps(list, count, radio);
-    traverse_kh_list();
-    write_key_holders("a");
+    key_holders_from_scan(list, count, radio);
 }
 
 // Logs and stores the channel's neighbours, then hands them to the

@@ -178,7 +178,7 @@ int radio_of(const band& b, const char* handler, intptr_t ctx2)
 
 int ft_status()
 {
-    return static_cast<int>(neighbours().ft_enabled_vaps.load());
+    return static_cast<int>(ft_enabled_vaps().load());
 }
 
 void rogue_check(const band& b)
@@ -224,12 +224,8 @@ bool full_scan_ready(const band& b, int radio, const char* radio_name, char (&va
     snprintf(vap_name, sizeof vap_name, "wifi%dvap%d", radio, vap);
     log_msg(0, log_lvl::info, b.iface, vap_name);
     // The known-AP table follows the configuration file before every full scan.
-    if (ft_status() != 0 && neighbours().known_ap_tables[radio] != nullptr) {
-        char wlan[8];
-        snprintf(wlan, sizeof wlan, "wlan%d", radio);
-        load_known_aps(neighbours().known_ap_tables[radio], wlan);
-        traverse_hash_table(neighbours().known_ap_tables[radio], wlan);
-    }
+    if (ft_status() != 0)
+        reload_known_ap_table(radio);
     if (monitor_traffic(radio_name) == VOICE_ACTIVE) {
         log_msg(0, log_lvl::info, b.voice, b.full_name, radio_name);
         schedule(b, b.full_scan, retry_secs, radio);

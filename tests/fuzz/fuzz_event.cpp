@@ -14,6 +14,7 @@
 #include "board/board.h"
 #include "fuzz_support.h"
 #include "neighbours/neighbours.h"
+#include "neighbours/nb_internal.h"
 
 namespace {
 

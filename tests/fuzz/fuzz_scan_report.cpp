@@ -22,6 +22,7 @@
 #include "board/board.h"
 #include "fuzz_support.h"
 #include "neighbours/neighbours.h"
+#include "neighbours/nb_internal.h"
 #include "scan/scan.h"
 #include "scan/scan_internal.h"
 

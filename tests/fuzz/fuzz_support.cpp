@@ -20,6 +20,7 @@
 #include "base/paths.h"
 #include "base/spawn.h"
 #include "neighbours/neighbours.h"
+#include "neighbours/nb_internal.h"
 
 namespace fuzz {
 

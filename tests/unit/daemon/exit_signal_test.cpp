@@ -3,7 +3,7 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <mutex>
+#include <string>
 #include <thread>
 
 #include "daemon/daemon.h"
@@ -16,27 +16,31 @@ namespace {
 
 using exit_signal_test = sandbox_test;
 
-// Runs in the death-test child: a worker takes kh_lock, waits until the
-// clean-up has begun (the pid file is gone), appends to the key-holder file
-// and prints a table, which takes ht_mutex, as a scan match does. Taking the tables' lock before the
-// key-holder lock would leave the worker stuck and the list unfreed.
+// Runs in the death-test child: a worker holds the key-holder list as an
+// update in progress does, waits until the clean-up has begun (the pid file
+// is gone), then hands over a scan result inside it, as a scan match does:
+// the match takes ht_mutex and the append reaches the key-holder file.
+// Taking the tables' lock before the key-holder lock would leave the worker
+// stuck and the list unfreed.
 [[noreturn]] void exit_during_scan_match()
 {
     board().radio_count = 2;
+    testutil::install_fake_script();
     write_pid_file();
     init_tables();
-    auto* holder = new kh_entry{nullptr, nullptr, {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, 1, 0};
-    dlist_append(&neighbours().kh_list, holder);
+    const char record[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F, 1, 0};
+    testutil::write_file("/var/roam_key_holders", std::string(record, sizeof record));
+    reload_key_holders();
     setup_signals();
     std::atomic<bool> holding{false};
     std::thread match([&holding] {
-        std::lock_guard<std::timed_mutex> hold(neighbours().kh_lock);
+        kh_update update;
         holding = true;
         while (file_exists("/tmp/dorvand.pid"))
             usleep(1000);
         usleep(50000);  // let the clean-up reach its locks
-        write_key_holders("a");  // an append still in flight
-        traverse_hash_table(neighbours().known_ap_tables[0], "wlan0");
+        const scan_ap_record seen{{0x02, 0x00, 0x06, 0x00, 0x00, 0x10}, 6, 0};
+        key_holders_from_scan(&seen, 1, 0);
     });
     while (!holding)
         usleep(1000);
@@ -49,7 +53,7 @@ using exit_signal_test = sandbox_test;
 TEST_F(exit_signal_test, DuringScanMatchFreesTheKeyHolders)
 {
     EXPECT_EXIT(exit_during_scan_match(), testing::ExitedWithCode(0), "");
-    EXPECT_EQ(testutil::log_count("mutex unlocked [traverse_hash_table] \n"), 1);
+    EXPECT_EQ(testutil::log_count("0a:1b:2c:3d:4e:5f is already cached in MKH\n"), 1) << "the worker's append never ran";
     EXPECT_EQ(testutil::log_count("Removing 0a:1b:2c:3d:4e:5f\n"), 1);
     EXPECT_EQ(testutil::log_count("busy; left to the end of the process"), 0);
     EXPECT_EQ(testutil::log_count("[dorvand] Exiting from daemon\n"), 1);

@@ -34,7 +34,7 @@ protected:
         testutil::write_file("/usr/local/bin/check_configd_child", "#!/bin/sh\ntouch /tmp/FT_Configd_Child_Check\n",
                              0755);
         board().radio_count = 2;
-        neighbours().ft_enabled_vaps = 0;
+        ft_enabled_vaps() = 0;
         server_ = std::make_unique<fake_configd>();
         for (int r = 0; r < 3; ++r)
             for (int v = 0; v < 10; ++v)
@@ -47,24 +47,18 @@ protected:
     void TearDown() override
     {
         free_kh_list();
-        for (auto*& t : neighbours().known_ap_tables) {
-            free_known_ap_table(t);
-            t = nullptr;
-        }
+        free_known_ap_tables();
         dbcom_close(ft_state().config_handle);
         ft_state().config_handle = nullptr;
         server_.reset();
     }
 
-    // One key holder for neighbour 0A:1B:2C:3D:4E:50 (family TRV, radio 0).
-    void add_key_holder()
+    // One key holder, 0A:1B:2C:3D:4E:5F (family TRV, present), in the
+    // key-holder file that a refresh with an enabled VAP reads back.
+    static void store_key_holder()
     {
-        std::lock_guard<std::timed_mutex> hold(neighbours().kh_lock);
-        kh_candidate c{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50}, 1, FAMILY_TRV, 0, 0};
-        uint8_t changed = 0;
-        add_to_kh_list(&c, 0, &changed, KH_MODE_DERIVE);
-        traverse_kh_list();
-        write_key_holders("a");
+        const char record[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F, 1, 0};
+        testutil::write_file("/var/roam_key_holders", std::string(record, sizeof record));
     }
 
     std::unique_ptr<fake_configd> server_;
@@ -74,13 +68,13 @@ TEST_F(ft_status_test, EmptyValueRetriesAreSharedByTheWholeRefresh)
 {
     server_->set(key(0, 0), "");
     server_->set(key(0, 1), "");
-    neighbours().ft_enabled_vaps = 0x3;
+    ft_enabled_vaps() = 0x3;
     refresh_ft_status();
     // vap0 spends all three retries (four reads); vap1 then falls back to "0"
     // at once (one read). An answer line without a value is one attempt.
     EXPECT_EQ(log_count(" Assigning respto zero \n"), 2);
     EXPECT_EQ(server_->requests(), 18 + 4 + 1);
-    EXPECT_EQ(neighbours().ft_enabled_vaps.load(), 0u);
+    EXPECT_EQ(ft_enabled_vaps().load(), 0u);
 }
 
 // wlan1 vap2 switched off and wlan0 vap3 to status 2 in one signal: the key
@@ -90,8 +84,8 @@ TEST_F(ft_status_test, SignalReportsChangedVapsAndRunsScriptOnce)
 {
     server_->set(key(0, 0), "1");
     server_->set(key(1, 2), "1");
+    store_key_holder();
     refresh_ft_status();
-    add_key_holder();
     ASSERT_NE(read_file("/tmp/ap2_macaddr.txt").find("ap2_macaddr_wifi1vap2="), std::string::npos);
     int runs_before = testutil::script_runs();
 
@@ -106,7 +100,7 @@ TEST_F(ft_status_test, SignalReportsChangedVapsAndRunsScriptOnce)
     EXPECT_NE(key_changes.find("ft_key_changed_wifi1vap2=1,0\n"), std::string::npos);
     EXPECT_NE(key_changes.find("ft_key_changed_wifi0vap3=1,1\n"), std::string::npos);
     EXPECT_EQ(testutil::script_runs(), runs_before + 1);
-    EXPECT_EQ(neighbours().ft_enabled_vaps.load(), 0x1u);
+    EXPECT_EQ(ft_enabled_vaps().load(), 0x1u);
     EXPECT_EQ(log_count("ft_enabled_vaps = 00000001 \n"), 1);
 }
 
@@ -138,7 +132,7 @@ TEST_F(ft_status_test, ConcurrencyQueuedSignalsDuringRefresh)
     loop.join();
     EXPECT_EQ(log_count(received), signals);
     EXPECT_EQ(log_count("ft_enabled_vaps = 00000001 \n"), signals);
-    EXPECT_EQ(neighbours().ft_enabled_vaps.load(), 1u);
+    EXPECT_EQ(ft_enabled_vaps().load(), 1u);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include "board/board.h"
 #include "neighbours/neighbours.h"
+#include "neighbours/nb_internal.h"
 #include "test_util.h"
 
 using mac_t = std::array<uint8_t, 6>;

@@ -228,6 +228,6 @@ class scan_test : public sandbox_test
         for (auto& list : scanning().scan_chan_list)
             list.clear();
         eloop_init(0);
-        neighbours().ft_enabled_vaps = 0;
+        ft_enabled_vaps() = 0;
     }
 };

@@ -50,9 +50,8 @@ class scan_result_test : public scan_test
     void SetUp() override
     {
         scan_test::SetUp();
-        for (auto& table : neighbours().known_ap_tables)
-            if (!table)
-                table = create_hash_table();
+        for (int r = 0; r < 3; ++r)
+            ASSERT_TRUE(create_known_ap_table(r));
         ASSERT_EQ(create_scan_db_2g(), 0);
         radio_with_vap0(0);
         fake.report = {channel(1, 2), channel(6, 0), channel(11, 1, 250)};

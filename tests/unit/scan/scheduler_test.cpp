@@ -77,9 +77,8 @@ class scheduler_test : public scan_test
     void SetUp() override
     {
         scan_test::SetUp();
-        for (auto& table : neighbours().known_ap_tables)
-            if (!table)
-                table = create_hash_table();
+        for (int r = 0; r < 3; ++r)
+            ASSERT_TRUE(create_known_ap_table(r));
         testutil::write_file("/usr/sbin/wifitool", "#!/bin/sh\necho \"$@\" >> /tmp/wifitool_runs\n", 0755);
         set_rogue(1, 1, 1);
         for (int r = 0; r < 3; ++r)
@@ -93,7 +92,7 @@ class scheduler_test : public scan_test
 TEST_F(scheduler_test, rogue_check_repeats_while_disabled)
 {
     set_rogue(0, 0, 0);
-    neighbours().ft_enabled_vaps = 0x7; // 802.11r plays no part in the first start
+    ft_enabled_vaps() = 0x7; // 802.11r plays no part in the first start
     rogue_ap_check_5gl(0, 0);
     expect_next(1, rogue_ap_check_5gl, 0, 5);
     rogue_ap_check_5gl(0, 0);
@@ -160,7 +159,7 @@ const full_case full_cases[] = {
     {"ft_alone_suffices", 1,
      [] {
          set_rogue(0, 0, 0);
-         neighbours().ft_enabled_vaps = 1u << 10;
+         ft_enabled_vaps() = 1u << 10;
      },
      trigger_5gl_batch_scan, 1800, "[dorvand] trigger_5gl_full_scan :scan success \n", 1, true},
     {"no_cac_check_on_2g", 0, cac, trigger_2g_batch_scan, 1800, "[dorvand] trigger_2g_full_scan : scan success \n", 1,
