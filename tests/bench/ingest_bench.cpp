@@ -213,8 +213,8 @@ int main(int argc, char** argv)
     report = make_report();
     log_init(8, 0x80000, 2, paths::log_file);
     driver_ioctl = report_ioctl;
-    neighbours().known_ap_tables[0] = create_hash_table();
-    dlist_init(&neighbours().kh_list);
+    create_known_ap_table(0);
+    init_kh_list();
 
     std::vector<double> ratio[2];
     double spent[2][2] = {};
