@@ -3,11 +3,13 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -17,6 +19,10 @@
 #include "base/files.h"
 
 namespace {
+
+struct free_deleter {
+    void operator()(char* p) const { free(p); }
+};
 
 // Level names in fixed 8-byte slots, indexed by level.
 const char msg_type[8][8] = {"EMERG", "ALERT", "CRIT ", "ERROR", "WARN ", "NOTE ", "INFO ", "DEBUG"};
@@ -91,32 +97,41 @@ int log_msg(int to_syslog, unsigned level, const char* format, ...)
         va_end(ap);
         return 0;
     }
-    std::string msg(static_cast<size_t>(len) + 1, '\0');
-    vsnprintf(msg.data(), msg.size(), format, ap);
+    // Exactly sized (the format's second pass), so a message of any length
+    // is written whole.
+    std::unique_ptr<char, free_deleter> msg(static_cast<char*>(calloc(static_cast<size_t>(len) + 1, 1)));
+    if (!msg) {
+        va_end(ap);
+        return 0;
+    }
+    vsnprintf(msg.get(), static_cast<size_t>(len) + 1, format, ap);
     va_end(ap);
 
     // The log lives in a world-writable directory: no link is followed and
     // only the daemon's own regular file is written (a refused file is
     // handled like one that cannot be opened).
     const char* why = nullptr;
-    int fd = open_checked(data.path, O_RDWR | O_APPEND | O_CREAT, 0666, &why);
+    unique_fd fd(open_checked(data.path, O_RDWR | O_APPEND | O_CREAT, 0666, &why));
     if (why && !log_refusal_told) {
         // Nowhere else to say it: the one line goes to syslog, once.
         syslog(LOG_ERR, "[dorvand] Refused %s: %s\n", data.path, why);
         log_refusal_told = true;
     }
-    std::unique_ptr<FILE, file_closer> f(fd >= 0 ? fdopen(fd, "a+") : nullptr);
-    if (!f) {
-        if (fd >= 0)
-            close(fd);
+    if (!fd.valid())
         return 0;
-    }
     if (cur_log_size > data.size_limit)
         log_rotate(data.path);  // this line lands in backup 0
-    int written = fprintf(f.get(), "[%s] [%s] : %s\n", log_timestamp(), msg_type[level & 7], msg.c_str());
+    // One write per line, so that lines never interleave with another
+    // writer's and no stream buffer is needed.
+    char head[64];
+    int head_len = snprintf(head, sizeof head, "[%s] [%s] : ", log_timestamp(), msg_type[level & 7]);
+    char newline = '\n';
+    // The message as a C string: it ends at a NUL that a %c may have put in.
+    size_t msg_len = strnlen(msg.get(), static_cast<size_t>(len));
+    iovec parts[3] = {{head, static_cast<size_t>(head_len)}, {msg.get(), msg_len}, {&newline, 1}};
+    ssize_t written = writev(fd.get(), parts, 3);
     if (written > 0)
         cur_log_size += static_cast<uint32_t>(written);
-    fflush(f.get());
     return 0;
 }
 

@@ -8,9 +8,9 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <vector>
 
+#include "base/growable.h"
 #include "configstore/dbcom_msg.h"
 #include "base/paths.h"
 
@@ -73,8 +73,16 @@ std::optional<std::string> real_user_name()
 
 enum class scan_state { key, key_escape, value, value_escape, end };
 
+// A key or value being unescaped into a buffer the size of the whole line,
+// which no unescaped text can outgrow.
+struct unescaped {
+    char* at;
+    std::size_t len = 0;
+    void put(char c) { at[len++] = c; }
+};
+
 // One character of an answer line through the unescaping state machine.
-scan_state scan_char(scan_state state, char c, std::string* key, std::string* value)
+scan_state scan_char(scan_state state, char c, unescaped* key, unescaped* value)
 {
     switch (state) {
     case scan_state::key:
@@ -82,24 +90,24 @@ scan_state scan_char(scan_state state, char c, std::string* key, std::string* va
             return scan_state::key_escape;
         if (c == ' ')
             return scan_state::value;
-        key->push_back(c);
+        key->put(c);
         return scan_state::key;
     case scan_state::key_escape:
         if (c != ' ' && c != '\n')
-            key->push_back('\\');
-        key->push_back(c);
+            key->put('\\');
+        key->put(c);
         return scan_state::key;
     case scan_state::value:
         if (c == '\\')
             return scan_state::value_escape;
         if (c == '\n')
             return scan_state::end;
-        value->push_back(c);
+        value->put(c);
         return scan_state::value;
     case scan_state::value_escape:
         if (c != ' ' && c != '\n' && c != '\\' && c != ':')
-            value->push_back('\\');
-        value->push_back(c);
+            value->put('\\');
+        value->put(c);
         return scan_state::value;
     case scan_state::end:
         break;
@@ -107,14 +115,14 @@ scan_state scan_char(scan_state state, char c, std::string* key, std::string* va
     return scan_state::end;
 }
 
-void set_if_not_empty(std::optional<std::string>* out, std::string&& text)
+void set_if_not_empty(std::optional<std::string>* out, const unescaped& text)
 {
     if (out == nullptr)
         return;
-    if (text.empty())
+    if (text.len == 0)
         out->reset();
     else
-        *out = std::move(text);
+        out->emplace(text.at, text.len);
 }
 
 }  // namespace
@@ -172,18 +180,18 @@ int dbcom_parse_line(const std::string* line, std::optional<std::string>* key, s
 {
     if (line == nullptr)
         return 1;
-    std::string k;
-    std::string v;
-    std::size_t pos = 0;
-    try {
-        scan_state state = scan_state::key;
-        while (pos < line->size() && (*line)[pos] != '\0' && state != scan_state::end)
-            state = scan_char(state, (*line)[pos++], &k, &v);
-    } catch (const std::bad_alloc&) {
+    // Room for the key and for the value, each as long as the line.
+    growable_array<char> room;
+    if (!room.resize(2 * (line->size() + 1)))
         return 1;
-    }
-    set_if_not_empty(key, std::move(k));
-    set_if_not_empty(value, std::move(v));
+    unescaped k{room.data()};
+    unescaped v{room.data() + line->size() + 1};
+    std::size_t pos = 0;
+    scan_state state = scan_state::key;
+    while (pos < line->size() && (*line)[pos] != '\0' && state != scan_state::end)
+        state = scan_char(state, (*line)[pos++], &k, &v);
+    set_if_not_empty(key, k);
+    set_if_not_empty(value, v);
     if (rest) {
         bool more = pos < line->size() && (*line)[pos] != '\0';
         *rest = more ? std::optional<std::string_view>(std::string_view(*line).substr(pos)) : std::nullopt;

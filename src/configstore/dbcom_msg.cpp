@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <new>
 
 #include "configstore/dbcom_msg.h"
 
@@ -151,7 +150,7 @@ void dbcom_encode_header(const dbcom_header& hdr, uint8_t* out)
 }
 
 int dbcom_build_request(const dbcom_handle* handle, uint8_t op, uint16_t flags, uint16_t reserved, uint32_t magic,
-                        const uint8_t* data, std::size_t len, std::vector<uint8_t>* msg)
+                        const uint8_t* data, std::size_t len, dbcom_message* msg)
 {
     static const std::optional<std::string> none;
     const auto& user = handle ? handle->user : none;
@@ -166,11 +165,8 @@ int dbcom_build_request(const dbcom_handle* handle, uint8_t op, uint16_t flags, 
         return -2;
     std::size_t taken = len <= room ? len : room;
     flags = len <= room ? flags & ~DBCOM_FLAG_MORE : flags | DBCOM_FLAG_MORE;
-    try {
-        msg->assign(DBCOM_HEADER_LEN + items + taken, 0);
-    } catch (const std::bad_alloc&) {
+    if (!msg->resize(DBCOM_HEADER_LEN + items + taken))
         return -2;
-    }
     dbcom_header hdr{DBCOM_MSG_REQUEST, op, flags, static_cast<uint16_t>(items + taken), reserved, magic};
     dbcom_encode_header(hdr, msg->data());
     uint8_t* p = msg->data() + DBCOM_HEADER_LEN;
@@ -183,16 +179,13 @@ int dbcom_build_request(const dbcom_handle* handle, uint8_t op, uint16_t flags, 
 }
 
 int dbcom_build_response(uint8_t op, uint16_t flags, uint16_t reserved, uint32_t magic, const uint8_t* data,
-                         std::size_t len, std::vector<uint8_t>* msg)
+                         std::size_t len, dbcom_message* msg)
 {
     msg->clear();
     std::size_t taken = len > DBCOM_MAX_BODY ? DBCOM_MAX_BODY : len;
     flags = len > DBCOM_MAX_BODY ? flags | DBCOM_FLAG_MORE : flags & ~DBCOM_FLAG_MORE;
-    try {
-        msg->assign(DBCOM_HEADER_LEN + taken, 0);
-    } catch (const std::bad_alloc&) {
+    if (!msg->resize(DBCOM_HEADER_LEN + taken))
         return -2;
-    }
     dbcom_header hdr{DBCOM_MSG_RESPONSE, op, flags, static_cast<uint16_t>(taken), reserved, magic};
     dbcom_encode_header(hdr, msg->data());
     if (taken > 0 && data != nullptr)

@@ -19,6 +19,7 @@
 
 #include "configstore/dbcom.h"
 #include "base/files.h"
+#include "base/growable.h"
 #include "base/paths.h"
 
 // ---------------------------------------------------------------------------
@@ -64,6 +65,9 @@ static_assert(offsetof(dbcom_header, op) == 1 && offsetof(dbcom_header, flags) =
 static_assert(offsetof(dbcom_header, body_len) == 4 && offsetof(dbcom_header, reserved) == 6);
 static_assert(offsetof(dbcom_header, magic) == 8);
 
+// One message as built for sending: a single heap block.
+using dbcom_message = growable_array<uint8_t>;
+
 // Writes `hdr` in wire order into out[0..11].
 void dbcom_encode_header(const dbcom_header& hdr, uint8_t* out);
 
@@ -74,13 +78,13 @@ void dbcom_encode_header(const dbcom_header& hdr, uint8_t* out);
 // items too long to leave room for data); `msg` then is empty. A null `data`
 // with a length places that many zero bytes.
 int dbcom_build_request(const dbcom_handle* handle, uint8_t op, uint16_t flags, uint16_t reserved, uint32_t magic,
-                        const uint8_t* data, std::size_t len, std::vector<uint8_t>* msg);
+                        const uint8_t* data, std::size_t len, dbcom_message* msg);
 
 // The kind-2 counterpart: at most 65535 data bytes (zero bytes for a null
 // `data`), DBCOM_FLAG_MORE when more remain. Returns the data bytes placed,
 // or -2 (out of memory).
 int dbcom_build_response(uint8_t op, uint16_t flags, uint16_t reserved, uint32_t magic, const uint8_t* data,
-                         std::size_t len, std::vector<uint8_t>* msg);
+                         std::size_t len, dbcom_message* msg);
 
 // Decodes the header of `msg` into `hdr` and points `body` at the body
 // (empty when body_len is 0); either output may be null. Returns body_len,

@@ -1,9 +1,9 @@
 // One configd transaction: send a request in as many messages as its data
 // need, then collect responses until the answer is complete.
+#include <sys/mman.h>
 #include <sys/select.h>
 #include <syslog.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -17,17 +17,43 @@ int dbcom_response_wait = 300;
 
 namespace {
 
-// Process-wide: transactions never overlap (see the header).
-std::array<uint8_t, DBCOM_MAX_MSG> recv_buf;
-char text_buf[4096];
+// Process-wide: transactions never overlap (see the header). Mapped at the
+// first transaction rather than kept in the image: a process that never asks
+// configd never has them, and the pages a flushed reply dirtied can be given
+// back.
+struct client_buffers {
+    uint8_t recv[DBCOM_MAX_MSG];
+    char text[4096];
+};
+client_buffers* buffers = nullptr;
+
+bool map_buffers()
+{
+    if (buffers != nullptr)
+        return true;
+    void* p = mmap(nullptr, sizeof(client_buffers), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (p == MAP_FAILED)
+        return false;
+    buffers = static_cast<client_buffers*>(p);
+    return true;
+}
+
+// A refused or cut reply may have filled the whole receive buffer (a flush
+// reads up to its size each time); none of it is needed any more.
+void release_buffers()
+{
+    int err = errno;
+    madvise(buffers, sizeof(client_buffers), MADV_DONTNEED);
+    errno = err;
+}
 
 __attribute__((format(printf, 2, 3))) void append_text(std::optional<std::string>* error, const char* fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    vsnprintf(text_buf, sizeof text_buf, fmt, ap);
+    vsnprintf(buffers->text, sizeof buffers->text, fmt, ap);
     va_end(ap);
-    str_append(error, text_buf);
+    str_append(error, buffers->text);
 }
 
 int channel_for(uint8_t op)
@@ -47,7 +73,7 @@ bool is_datagram(int protocol)
 
 // Writes one message on a stream channel, reconnecting once when the server
 // has closed the connection. 0, or 1 with the channel closed.
-int write_stream(dbcom_handle* handle, int which, const std::vector<uint8_t>& msg, std::optional<std::string>* error)
+int write_stream(dbcom_handle* handle, int which, const dbcom_message& msg, std::optional<std::string>* error)
 {
     dbcom_channel& ch = channel_of(handle, which);
     auto len = static_cast<ssize_t>(msg.size());
@@ -71,7 +97,7 @@ int write_stream(dbcom_handle* handle, int which, const std::vector<uint8_t>& ms
     return 1;
 }
 
-int write_datagram(dbcom_handle* handle, int which, const std::vector<uint8_t>& msg,
+int write_datagram(dbcom_handle* handle, int which, const dbcom_message& msg,
                    std::optional<std::string>* error)
 {
     dbcom_channel& ch = channel_of(handle, which);
@@ -90,7 +116,7 @@ int send_request(dbcom_handle* handle, int which, uint8_t op, uint16_t flags, co
 {
     std::size_t sent = 0;
     do {
-        std::vector<uint8_t> msg;
+        dbcom_message msg;
         const uint8_t* rest = data != nullptr ? data + sent : nullptr;
         int taken = dbcom_build_request(handle, op, flags, 0, DBCOM_MAGIC, rest, length - sent, &msg);
         if (taken < 0) {
@@ -141,7 +167,9 @@ bool wait_for_answer(dbcom_handle* handle, int which, uint8_t op, std::optional<
         int err = errno;
         if (rc > 0) {
             last = time(nullptr);
-            if (dbcom_read_message(fd, handle->protocol, recv_buf.data(), recv_buf.size()) < 0) {
+            std::span<const uint8_t> recv_buf(buffers->recv);
+            if (dbcom_read_message(fd, handle->protocol, buffers->recv, sizeof buffers->recv) < 0) {
+                release_buffers();
                 append_text(error, "Error receiving transaction response: %s.\n", strerror(errno));
                 return true;
             }
@@ -171,6 +199,11 @@ int dbcom_do_transaction(dbcom_handle* handle, uint8_t op, uint16_t flags, const
     std::optional<std::string> unused;
     if (result == nullptr)
         result = &unused;
+    if (!map_buffers()) {
+        str_append(error, "dbcom_do_transaction: Unable to allocate the message buffers.\n");
+        result->reset();
+        return 1;
+    }
     int which = channel_for(op);
     bool failed = !channel_of(handle, which).open && dbcom_connect(handle, which, error) != 0;
     // A failed connect or send has left the channel closed already.

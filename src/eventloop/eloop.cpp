@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <new>
 
 #include "base/log.h"
 
@@ -62,15 +61,10 @@ int eloop_add_timer(uint32_t secs, uint32_t usecs, eloop_timeout_handler handler
     expiry += usecs / (1000000u / rate);
 
     std::lock_guard<std::mutex> hold(eloop.lock);
-    try {
-        auto pos = eloop.timers.begin();
-        while (pos != eloop.timers.end() && tick_diff(pos->expiry, expiry) <= 0)
-            ++pos;
-        eloop.timers.insert(pos, eloop_timer{expiry, ctx1, ctx2, handler});
-    } catch (const std::bad_alloc&) {
-        return -1;
-    }
-    return 0;
+    const eloop_timer* pos = eloop.timers.begin();
+    while (pos != eloop.timers.end() && tick_diff(pos->expiry, expiry) <= 0)
+        ++pos;
+    return eloop.timers.insert(pos, eloop_timer{expiry, ctx1, ctx2, handler}) ? 0 : -1;
 }
 
 int eloop_cancel_timer(eloop_timeout_handler handler, intptr_t ctx1, intptr_t ctx2)
@@ -94,11 +88,8 @@ int eloop_register_read_sock(int sock, eloop_sock_handler handler, intptr_t ctx1
     if (sock < 0 || sock >= FD_SETSIZE)
         return -1;
     std::lock_guard<std::mutex> hold(eloop.lock);
-    try {
-        eloop.readers.push_back(eloop_reader{sock, ctx1, ctx2, handler});
-    } catch (const std::bad_alloc&) {
+    if (!eloop.readers.push_back(eloop_reader{sock, ctx1, ctx2, handler}))
         return -1;
-    }
     eloop.reader_count = static_cast<int>(eloop.readers.size());
     if (sock > eloop.max_sock)
         eloop.max_sock = sock;
@@ -150,16 +141,18 @@ void eloop_run()
             return;
         }
 
-        std::list<eloop_timer> due;
+        eloop_timer due{};
         {
             std::lock_guard<std::mutex> hold(eloop.lock);
-            if (!eloop.timers.empty() && tick_diff(eloop.timers.front().expiry, eloop_now_ticks()) <= 0)
-                due.splice(due.begin(), eloop.timers, eloop.timers.begin());
+            if (!eloop.timers.empty() && tick_diff(eloop.timers.front().expiry, eloop_now_ticks()) <= 0) {
+                due = eloop.timers.front();
+                eloop.timers.erase(eloop.timers.begin());
+            }
         }
-        // Unlinked before the call, so the handler may cancel and re-add
+        // Taken out before the call, so the handler may cancel and re-add
         // timers of its own kind.
-        if (!due.empty())
-            due.front().handler(due.front().ctx1, due.front().ctx2);
+        if (due.handler)
+            due.handler(due.ctx1, due.ctx2);
 
         if (res <= 0)
             continue;

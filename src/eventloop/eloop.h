@@ -2,9 +2,9 @@
 #pragma once
 
 #include <cstdint>
-#include <list>
 #include <mutex>
-#include <vector>
+
+#include "base/growable.h"
 
 // Context values are pointer-sized integers; -1 given to eloop_cancel_timer
 // matches any value.
@@ -30,8 +30,8 @@ struct eloop_data {
     intptr_t user_ctx = 0;
     int max_sock = 0;
     int reader_count = 0;
-    std::vector<eloop_reader> readers;
-    std::list<eloop_timer> timers;  // ordered by expiry (signed 32-bit difference)
+    growable_array<eloop_reader> readers;
+    growable_array<eloop_timer> timers;  // ordered by expiry (signed 32-bit difference)
     int ticks_per_sec = 0;
     int reader_table_changed = 0;
     // Guards `timers` and the reader table. The loop runs on the event-loop

@@ -91,13 +91,11 @@ int append_channels(const drv_chan_info& reply, const char* ifname)
     }
     if (radio < 0)
         return 0;
-    std::vector<int32_t>& list = scanning().scan_chan_list[radio];
+    growable_array<int32_t>& list = scanning().scan_chan_list[radio];
     for (unsigned i = 0; i < reply.count; ++i) {
         int32_t channel = reply.record[i].ieee_chan;
-        try {
-            // push_back keeps every stored entry when growing fails.
-            list.push_back(channel);
-        } catch (const std::bad_alloc&) {
+        // A failed growth keeps every stored entry.
+        if (!list.push_back(channel)) {
             log_msg(0, log_lvl::error, "%s", no_memory_texts[radio]);
             return -1;
         }

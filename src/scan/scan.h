@@ -6,7 +6,8 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
-#include <vector>
+
+#include "base/growable.h"
 
 // ---- Radio, VAP and traffic checks ----------------------------------------
 
@@ -17,7 +18,7 @@ inline constexpr int VOICE_ACTIVE = 2;
 // What the module owns for the life of the process.
 struct scan_state {
     // Per-radio channel lists learned after the first full scan; they only grow.
-    std::vector<int32_t> scan_chan_list[3];
+    growable_array<int32_t> scan_chan_list[3];
     // Held by process_scan_result for its whole run.
     std::mutex scan_result_lock;
     uint16_t rand_scan_timer = 0;

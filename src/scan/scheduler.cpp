@@ -301,7 +301,7 @@ void batch_scan(const band& b, intptr_t ctx2)
         }
     }
     set_marker(b.radio);
-    const std::vector<int32_t>& channels = scanning().scan_chan_list[radio];
+    const growable_array<int32_t>& channels = scanning().scan_chan_list[radio];
     log_msg(0, log_lvl::info, channel_count_text, b.batch_name, static_cast<int>(channels.size()));
     // Indexing, not iterators: nothing may grow the list meanwhile, but an
     // index stays valid even if something did.

@@ -18,9 +18,9 @@ using bytes = std::vector<uint8_t>;
 TEST(dbcom_build, request_items_absent_or_present)
 {
     dbcom_handle h;
-    bytes msg;
+    dbcom_message msg;
     EXPECT_EQ(dbcom_build_request(&h, 4, 0x1000, 0, DBCOM_MAGIC, nullptr, 0, &msg), 0);
-    EXPECT_EQ(msg, (bytes{1, 4, 0, 0, 0, 8, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(bytes(msg.begin(), msg.end()), (bytes{1, 4, 0, 0, 0, 8, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 0, 0, 0, 0, 0, 0, 0, 0}));
 
     h.client_addr = "10.0.0.1";
     EXPECT_EQ(dbcom_build_request(&h, 1, 0, 0, DBCOM_MAGIC, nullptr, 0, &msg), 0);

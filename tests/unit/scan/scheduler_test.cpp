@@ -208,7 +208,8 @@ TEST_F(scheduler_test, full_scan_success_learns_channels)
 {
     ASSERT_EQ(create_scan_db_5g(), 0);
     trigger_5gl_full_scan(0, 1);
-    EXPECT_EQ(scanning().scan_chan_list[1], (std::vector<int32_t>{36, 40}));
+    const growable_array<int32_t>& channels = scanning().scan_chan_list[1];
+    EXPECT_EQ(std::vector<int32_t>(channels.begin(), channels.end()), (std::vector<int32_t>{36, 40}));
     EXPECT_EQ(testutil::read_file("/tmp/wifitool_runs"), "wifi1vap0 setchanlist 0\n");
     ASSERT_EQ(fake.param_sets.size(), 1u);
     EXPECT_STREQ(fake.param_sets[0].name, "wifi1vap0");
@@ -247,7 +248,8 @@ TEST_P(batch_scan_test, reads_nothing_and_leaves_one_timer)
 {
     const batch_case& c = GetParam();
     testutil::write_file("/usr/local/bin/ifconfig", "#!/bin/sh\n", 0755);
-    scanning().scan_chan_list[c.radio] = {1};
+    scanning().scan_chan_list[c.radio].clear();
+    ASSERT_TRUE(scanning().scan_chan_list[c.radio].push_back(1));
     c.setup();
     band_of[c.radio].batch(0, c.radio);
     expect_next(c.radio, band_of[c.radio].batch, c.radio, c.secs);
