@@ -32,7 +32,7 @@ using exit_signal_test = sandbox_test;
     std::thread match([&holding] {
         std::lock_guard<std::timed_mutex> hold(neighbours().kh_lock);
         holding = true;
-        while (file_exists("/tmp/dorvand.pid"))
+        while (file_exists(testutil::at("/tmp/dorvand.pid").c_str()))
             usleep(1000);
         usleep(50000);  // let the clean-up reach its locks
         write_key_holders("a");  // an append still in flight
@@ -53,7 +53,7 @@ TEST_F(exit_signal_test, DuringScanMatchFreesTheKeyHolders)
     EXPECT_EQ(testutil::log_count("Removing 0a:1b:2c:3d:4e:5f\n"), 1);
     EXPECT_EQ(testutil::log_count("busy; left to the end of the process"), 0);
     EXPECT_EQ(testutil::log_count("[dorvand] Exiting from daemon\n"), 1);
-    EXPECT_FALSE(testutil::exists("/var/roam_key_holders")) << "the append in flight outlived the exit";
+    EXPECT_FALSE(testutil::exists(testutil::at("/var/roam_key_holders"))) << "the append in flight outlived the exit";
 }
 
 }  // namespace
