@@ -47,8 +47,9 @@ SIMLIB_IN_ROOT = "/usr/lib/dorvsim/libdorvsim.so"
 GUEST_ROOT_IN_ROOT = "/usr/lib/dorvsim/guest"
 # An emulated daemon started by a command of its own (an init script, a
 # unit's ExecStart): the target's binary, which DAEMON_IN_ROOT then runs under
-# qemu-user as the kernel's binfmt_misc would.
-TARGET_DAEMON_IN_ROOT = "/usr/lib/dorvsim/dorvand.target"
+# qemu-user as the kernel's binfmt_misc would (named dorvand, as the preload
+# library serves only the process of that name).
+TARGET_DAEMON_IN_ROOT = "/usr/lib/dorvsim/target/dorvand"
 EXIT_SIGNAL = 10
 DEFAULT_SCALE = 100.0
 DEFAULT_LINKS = {"wifi0": True, "wifi0vap0": True, "wifi1": True, "wifi1vap0": True,

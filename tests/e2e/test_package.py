@@ -62,11 +62,14 @@ def package(arch: str) -> Path:
     return debs[-1]
 
 
-def install(deb: Path, root: Path) -> Path:
+def install(deb: Path, arch: str, root: Path) -> Path:
     """dpkg's install of `deb` into an empty root."""
     for d in ("info", "updates", "triggers"):
         (root / "var/lib/dpkg" / d).mkdir(parents=True)
     (root / "var/lib/dpkg/status").touch()
+    if arch != HOST:
+        # The root's own dpkg database, as on a machine that installs both.
+        run("dpkg", f"--root={root}", "--add-architecture", arch)
     # The empty root has none of the packages it depends on.
     run("dpkg", f"--root={root}", "--force-depends", "--log=/dev/null", "-i", deb)
     return root
@@ -97,7 +100,7 @@ def read_unit(root: Path) -> dict[str, str]:
 def installed(request, tmp_path_factory):
     """(arch, root) of the package installed into a scratch root."""
     arch = request.param
-    return arch, install(package(arch), tmp_path_factory.mktemp(f"root-{arch}"))
+    return arch, install(package(arch), arch, tmp_path_factory.mktemp(f"root-{arch}"))
 
 
 def test_package_contents(installed):
