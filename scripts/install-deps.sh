@@ -12,6 +12,9 @@ packages+=(clang libclang-rt-14-dev)
 # (g++-multilib would remove the cross compiler: the 32-bit layouts are
 # checked by the armhf build itself.)
 packages+=(g++-arm-linux-gnueabihf qemu-user)
+# systemd-analyze, which checks the package's unit; installing it starts
+# nothing on a machine that was not booted with it.
+packages+=(systemd)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

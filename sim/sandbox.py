@@ -48,6 +48,11 @@ SIMLIB_IN_ROOT = "/usr/lib/dorvsim/libdorvsim.so"
 # there first, so the same LD_PRELOAD names the target's preload library for
 # the daemon and the host's for the shells and tools it starts.
 GUEST_ROOT_IN_ROOT = "/usr/lib/dorvsim/guest"
+# An emulated daemon started by a command of its own (an init script, a
+# unit's ExecStart): the target's binary, which DAEMON_IN_ROOT then runs under
+# qemu-user as the kernel's binfmt_misc would (named dorvand, as the preload
+# library serves only the process of that name).
+TARGET_DAEMON_IN_ROOT = "/usr/lib/dorvsim/target/dorvand"
 EXIT_SIGNAL = 10
 DEFAULT_SCALE = 100.0
 DEFAULT_LINKS = {"wifi0": True, "wifi0vap0": True, "wifi1": True, "wifi1vap0": True,
@@ -117,7 +122,8 @@ class Sandbox:
                  config: str = "", links: dict[str, bool] | None = None,
                  driver: DriverState | dict | None = None, scale: float = DEFAULT_SCALE,
                  configd: dict | None = None, keep: bool = False, t0: float | None = None,
-                 emulation: Emulation | None = None):
+                 emulation: Emulation | None = None, command: list[str] | None = None,
+                 files: dict[str, tuple[bytes, int]] | None = None):
         """board: the product id (or the raw bytes of /etc/board; None: no
         file). config: text of /tmp/run/config. links: interface name -> up,
         the board's radios and VAPs (default DEFAULT_LINKS). driver: the
@@ -128,10 +134,16 @@ class Sandbox:
         the launch), shared by the access points of one deployment.
         emulation: run `dorvand`, built for another architecture, under
         qemu-user (`simlib` is then the host's library, for the programs the
-        daemon starts)."""
+        daemon starts). command: start the daemon (/usr/sbin/dorvand) through
+        this command, as an init system would (an init script, a unit's
+        ExecStart), instead of directly; the process may stay, as a watcher
+        does, and the daemon's pid is then the one its pid file names. files:
+        path in the root -> (bytes, mode), added to the root."""
         self.dorvand = Path(dorvand)
         self.simlib = Path(simlib)
         self.emulation = emulation
+        self.command = list(command) if command else None
+        self.files = dict(files or {})
         self.board = board
         self.config = config
         self.links = dict(DEFAULT_LINKS if links is None else links)
@@ -306,6 +318,12 @@ class Sandbox:
         if self._pid is None:
             pids = self.status().get("daemon_pids") or []
             self._pid = pids[0] if pids else None
+        if self._pid is None and self.command:
+            # The starting command may stay (a watcher), so ns_init cannot
+            # tell the daemon by its launcher's end: its pid file names it.
+            pid = self._read_pid_file()
+            if pid and pid != self.status().get("launcher_pid") and _comm(pid) == self._daemon_comm():
+                self._pid = pid
         return self._pid
 
     def arm_fault(self, rule: str, optional: bool = False) -> faults.FaultHandle:
@@ -547,6 +565,13 @@ class Sandbox:
         self.path("/tmp/run/config").write_text(self.config)
         self.driver.write(self.path("/dorvsim/state"))
         self._install_upper()
+        for rel, (data, mode) in self.files.items():
+            # /usr is the overlay: its files go to the upper layer.
+            dest = (self.scratch / "usr-upper" / rel[len("/usr/"):] if rel.startswith("/usr/")
+                    else self.path(rel))
+            dest.parent.mkdir(parents=True, exist_ok=True)
+            dest.write_bytes(data)
+            dest.chmod(mode)
 
     def _copy_alternatives(self) -> None:
         """Debian reaches some tools through /etc/alternatives (awk is
@@ -567,7 +592,9 @@ class Sandbox:
             dest = upper / rel
             dest.parent.mkdir(parents=True, exist_ok=True)
             shutil.copy2(SIM_DIR / "fakes" / fake, dest)
-        for src, rel in ((self.dorvand, DAEMON_IN_ROOT), (self.simlib, SIMLIB_IN_ROOT)):
+        wrapped = self.emulation and self.command
+        for src, rel in ((self.dorvand, TARGET_DAEMON_IN_ROOT if wrapped else DAEMON_IN_ROOT),
+                         (self.simlib, SIMLIB_IN_ROOT)):
             if not src.is_file():
                 raise SandboxError(f"missing {src}")
             dest = upper / rel[len("/usr/"):]
@@ -575,6 +602,10 @@ class Sandbox:
             shutil.copy2(src, dest)
         if self.emulation:
             self._install_guest_root(upper / GUEST_ROOT_IN_ROOT[len("/usr/"):])
+        if wrapped:
+            wrapper = upper / DAEMON_IN_ROOT[len("/usr/"):]
+            wrapper.write_text("#!/bin/sh\nexec " + " ".join(self._emulated_command(TARGET_DAEMON_IN_ROOT)) + ' "$@"\n')
+            wrapper.chmod(0o755)
 
     def _install_guest_root(self, guest: Path) -> None:
         """The emulated daemon's own libraries under qemu's -L folder: the
@@ -599,10 +630,18 @@ class Sandbox:
         it needs beyond the simulator's: the preload library, given to the
         emulated daemon only (qemu itself must not load it)."""
         preload = {"LD_PRELOAD": SIMLIB_IN_ROOT}
+        if self.command:
+            return self.command, {} if self.emulation else preload
         if not self.emulation:
             return [DAEMON_IN_ROOT], preload
+        return self._emulated_command(DAEMON_IN_ROOT), {}
+
+    def _emulated_command(self, daemon: str) -> list[str]:
         qemu = f"/usr/bin/{Path(self.emulation.qemu).name}"
-        return [qemu, "-L", GUEST_ROOT_IN_ROOT, "-E", f"LD_PRELOAD={SIMLIB_IN_ROOT}", DAEMON_IN_ROOT], {}
+        return [qemu, "-L", GUEST_ROOT_IN_ROOT, "-E", f"LD_PRELOAD={SIMLIB_IN_ROOT}", daemon]
+
+    def _daemon_comm(self) -> str:
+        return self.emulation.comm if self.emulation else "dorvand"
 
     def _ns_config(self) -> dict:
         for name in self.links:
@@ -621,7 +660,7 @@ class Sandbox:
             "links": [[name, bool(up)] for name, up in self.links.items()],
             "status": str(self.out / "ns_status.json"),
             "daemon": command,
-            "daemon_comm": self.emulation.comm if self.emulation else "dorvand",
+            "daemon_comm": self._daemon_comm(),
             "env": {
                 "PATH": PATH_ENV,
                 "TZ": "UTC",
@@ -721,6 +760,13 @@ def _coverage_dir(binary: Path) -> str | None:
         return None
     folder = os.path.commonpath([os.path.dirname(f) for f in files])
     return folder if folder != "/" else None
+
+
+def _comm(pid: int) -> str:
+    try:
+        return Path(f"/proc/{pid}/comm").read_text().strip()
+    except OSError:
+        return ""
 
 
 def _kill(pid: int, sig: int) -> None:

@@ -21,9 +21,9 @@ TEST_P(board_test, ProductIdAndRadioType)
 {
     const board_case& c = GetParam();
     if (c.file)
-        write_file("/etc/board", c.file);
+        write_file(testutil::at("/etc/board"), c.file);
     else
-        std::remove("/etc/board");
+        std::remove(testutil::at("/etc/board").c_str());
     char id[12] = {};
     EXPECT_EQ(get_radio_type(id), c.radio_type);
     EXPECT_STREQ(id, c.product);
