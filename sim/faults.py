@@ -88,6 +88,11 @@ class Faults:
         self.ever.append(h)
         return h
 
+    def disarm(self, rule: str) -> None:
+        """Disarms one rule, by its text."""
+        self.armed = [h for h in self.armed if h.rule != canonical(rule)]
+        self._publish()
+
     def disarm_all(self) -> None:
         self.armed = []
         self._publish()

@@ -352,7 +352,7 @@ bool parse_rule(const char* text, rule& out, char* why, size_t why_len)
     seen_keys k{};
     while (next_word(s, word, sizeof word, too_long)) {
         if (const char* bad = apply_word(word, *d, r, k)) {
-            char reason[200];
+            char reason[sizeof word + 120];
             snprintf(reason, sizeof reason, "%s: %s", word, bad);
             return refuse(why, why_len, r.text, reason);
         }
