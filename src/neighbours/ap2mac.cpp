@@ -1,5 +1,6 @@
 // The per-VAP neighbour BSSID lines of /tmp/ap2_macaddr.txt: adding and
 // deleting one BSSID, and dropping a VAP's line. Callers hold kh_lock.
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <array>
@@ -80,8 +81,12 @@ bool key_line_missing(const char* key)
     char cmd[256];
     snprintf(cmd, sizeof cmd, "grep \"%s\" %s", key, paths::ap2mac);
     std::string out;
-    if (shell_read(cmd, out) != 0)
+    if (shell_read(cmd, out) != 0) {
+        // The rewrite that follows adds nothing to a line that is not there:
+        // the retry writes the line from the list.
+        mark_stale();
         return false;
+    }
     char word[129];
     return sscanf(out.c_str(), "%128s", word) != 1;
 }
@@ -243,12 +248,16 @@ int ap2mac_rebuild(uint32_t mask)
     // Every enabled VAP's line as the list gives it, in the file's order;
     // other lines are kept as a rewrite keeps them.
     std::vector<std::pair<std::string, std::string>> wanted;  // key and "=" prefix, whole line
+    // Lines of VAPs with 802.11r off go: their removal may be what failed.
+    std::vector<std::string> unwanted;
     for (int r = 0; r < board().radio_count && r < 3; ++r) {
         for (int v = 0; v < 10; ++v) {
-            if (!((mask >> (10 * r + v)) & 1U))
-                continue;
             char key[32];
             snprintf(key, sizeof key, "%s_wifi%dvap%d=", "ap2_macaddr", r, v);
+            if (!((mask >> (10 * r + v)) & 1U)) {
+                unwanted.emplace_back(key);
+                continue;
+            }
             std::string line = key;
             for (const kh_entry* e = neighbours().kh_list.next; e != &neighbours().kh_list; e = e->next) {
                 for (int k = 0; k < 3; ++k) {
@@ -276,7 +285,8 @@ int ap2mac_rebuild(uint32_t mask)
         nb::line_status st;
         while ((st = nb::read_line(in.get(), line, max_line)) != nb::line_status::end) {
             std::string_view sv(line);
-            if (st == nb::line_status::too_long || sv.size() < kept_line_min)
+            if (st == nb::line_status::too_long || sv.size() < kept_line_min ||
+                std::any_of(unwanted.begin(), unwanted.end(), [&](const std::string& k) { return sv.starts_with(k); }))
                 continue;
             size_t i = 0;
             while (i < wanted.size() && sv.substr(0, wanted[i].first.size()) != wanted[i].first)

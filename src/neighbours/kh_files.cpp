@@ -125,6 +125,9 @@ bool open_key_change_file(append_file& f, const char* what)
     int err = errno;
     log_msg(0, log_lvl::error, "[dorvand] \n Failed to open the %s file \"(%s)\" [ Reason = %s(%d)]", what,
             paths::key_changes, strerror(err), err);
+    // The ap2_macaddr lines this change would have made are then missing:
+    // the retry writes them from the list.
+    mark_stale();
     return false;
 }
 
@@ -243,7 +246,7 @@ void vap_ft_status_changed(int radio, int vap, const kh_entry& entry, int status
         char key[32];
         snprintf(key, sizeof key, "%s_wifi%dvap%d", "ap2_macaddr", radio, vap);
         ap2mac_remove_vap(key);
-    } else if (status == 1) {
+    } else {
         add_neighbour_bssids(entry.mac, entry.mac[5], radio, vap, off);
     }
     close_key_change_file(f);

@@ -28,6 +28,7 @@ inline void reset_neighbour_state()
     for (int r = 0; r < 3; ++r)
         neighbours().known_ap_tables[r] = create_hash_table();
     neighbours().ft_enabled_vaps = 0;
+    neighbours().files_stale = false;
 }
 
 class neighbours_test : public sandbox_test {
