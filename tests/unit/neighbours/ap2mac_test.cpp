@@ -1,0 +1,110 @@
+// The ap2_macaddr file when it holds lines the daemon would not write (too
+// long, too short, full, foreign), and its rebuild from the key-holder list.
+#include <string>
+
+#include "nb_fixture.h"
+#include "neighbours/neighbours.h"
+
+namespace {
+
+using testutil::at;
+using testutil::log_count;
+using testutil::read_file;
+using testutil::write_file;
+
+class ap2mac_test : public neighbours_test {};
+
+const std::string key0 = "ap2_macaddr_wifi0vap0=";
+
+std::string bssid(int hi, int lo)
+{
+    char text[18];
+    snprintf(text, sizeof text, "0A:1B:2C:3D:%02X:%02X", hi, lo);
+    return text;
+}
+
+// The first `n` BSSIDs 0A:1B:2C:3D:00:00, ...:00:01, ... joined by blanks.
+std::string bssids(int n)
+{
+    std::string out;
+    for (int i = 0; i < n; ++i)
+        out += (i ? " " : "") + bssid(0, i);
+    return out;
+}
+
+TEST_F(ap2mac_test, RewriteDropsWhatItCannotKeep)
+{
+    struct rewrite_case {
+        const char* name;
+        std::string before;
+        int op;
+        std::string after;
+        std::string log;
+    };
+    const std::string full = key0 + bssids(55);  // 1011 characters: one more BSSID would pass 1022
+    std::string spaced = "ap2_macaddr_wifi0vap0";
+    for (int i = 0; i < 500; ++i)
+        spaced += " T";  // 1021 characters, and each token a blank longer once rebuilt
+    std::string rebuilt = key0 + " ";
+    for (int i = 0; i < 499; ++i)
+        rebuilt += "T ";
+    const rewrite_case cases[] = {
+        {"over-long line", key0 + bssid(0x4E, 0x50) + "\n" + std::string(2000, 'x') + "\n", 1,
+         key0 + bssid(0x4E, 0x50) + " " + bssid(0x4E, 0x60) + "\n",
+         "[dorvand] Dropped a line of " + at("/tmp/ap2_macaddr.txt") + " longer than 1022 characters\n"},
+        {"short lines", "x\n1234567890123456789\n12345678901234567890\n" + key0 + bssid(0x4E, 0x50) + "\n", 1,
+         "12345678901234567890\n" + key0 + bssid(0x4E, 0x50) + " " + bssid(0x4E, 0x60) + "\n", ""},
+        {"full line", full + "\n", 1, full + "\n",
+         "[dorvand] ap2_macaddr line full, " + bssid(0x4E, 0x60) + " not added\n"},
+        {"deletion outgrowing the bound", spaced + "\n", 0, rebuilt + "\n",
+         "[dorvand] ap2_macaddr line full, T dropped\n"},
+    };
+    for (const rewrite_case& c : cases) {
+        SCOPED_TRACE(c.name);
+        testutil::reset_sandbox();
+        write_file(at("/tmp/ap2_macaddr.txt"), c.before);
+        EXPECT_EQ(ap2mac_update("wifi0vap0", bssid(0x4E, 0x60).c_str(), c.op), 0);
+        EXPECT_EQ(read_file(at("/tmp/ap2_macaddr.txt")), c.after);
+        if (!c.log.empty()) {
+            EXPECT_EQ(log_count(c.log), 1);
+        }
+    }
+}
+
+// The rebuild writes every enabled VAP's line from the list in the file's
+// order (a missing one at the end), keeps other lines of 20 characters or
+// more, and drops over-long and short lines, a second line of one VAP and
+// the lines of VAPs with 802.11r off.
+TEST_F(ap2mac_test, RebuildWritesEnabledLinesFromTheList)
+{
+    append_key_holder({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, 1, 0);
+    append_key_holder({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x6F}, 1, 0);  // shares two BSSIDs with the first
+    write_file(at("/tmp/ap2_macaddr.txt"), "other_setting=1234567890\nshort\n" + std::string(1500, 'y') + "\n" +
+                                                key0 + bssid(0x11, 0x11) + "\n" + key0 + bssid(0x22, 0x22) + "\n" +
+                                                "ap2_macaddr_wifi0vap1=" + bssid(0x33, 0x33) + "\n");
+    ASSERT_EQ(ap2mac_rebuild(1U | 1U << 10), 0);
+    const std::string line = bssid(0x4E, 0x50) + " " + bssid(0x4E, 0x60) + " " + bssid(0x4E, 0x70) + " " +
+                             bssid(0x4E, 0x80) + "\n";
+    EXPECT_EQ(read_file(at("/tmp/ap2_macaddr.txt")),
+              "other_setting=1234567890\n" + key0 + line + "ap2_macaddr_wifi1vap0=" + line);
+    EXPECT_FALSE(testutil::exists(at("/tmp/tmp_ap2_macaddr.txt")));
+
+    // An empty list leaves the enabled VAPs' lines empty and adds none.
+    free_kh_list();
+    ASSERT_EQ(ap2mac_rebuild(1U | 1U << 1), 0);
+    EXPECT_EQ(read_file(at("/tmp/ap2_macaddr.txt")), "other_setting=1234567890\n" + key0 + "\n");
+}
+
+TEST_F(ap2mac_test, RebuiltLineStopsAtTheBound)
+{
+    for (int i = 0; i < 19; ++i)
+        append_key_holder({0x0A, 0x1B, 0x2C, 0x3D, static_cast<uint8_t>(i), 0x5F}, 1, 0);
+    ASSERT_EQ(ap2mac_rebuild(1U), 0);
+    std::string want = key0;
+    for (int i = 0; i < 19 * 3 && want.size() + 18 <= 1022; ++i)
+        want += (i ? " " : "") + bssid(i / 3, 0x50 + 0x10 * (i % 3));
+    EXPECT_EQ(read_file(at("/tmp/ap2_macaddr.txt")), want + "\n");
+    EXPECT_EQ(want.size(), 22u + 55 * 18 - 1);
+}
+
+}  // namespace
