@@ -232,6 +232,17 @@ TEST_F(kh_files_faults_test, FailedRemovalOfAVapLineIsCaughtUp)
     EXPECT_EQ(log_count(failed_open("AP2MAC", ap2, "No such file or directory(2)")), 1);
     EXPECT_FALSE(neighbours().files_stale);
     EXPECT_FALSE(exists(at(ap2)));
+
+    // Switched on again while the key-change file cannot be opened: its line
+    // comes with the retry.
+    neighbours().ft_enabled_vaps = 2;
+    h = dorvfault::arm("open path=*/tmp/ft_key_changed.txt errno=EACCES");
+    key_holders_ft_status_changed(0, 1, 1);
+    EXPECT_EQ(log_count(failed_open("KEY CHANGE", kc, "Permission denied(13)")), 1);
+    EXPECT_FALSE(exists(at(ap2)));
+    dorvfault::disarm(h);
+    kh_files_retry();
+    EXPECT_EQ(file(ap2), vap1_first);
 }
 
 // A write cut short by a full disk (here the file-size limit) at the close:

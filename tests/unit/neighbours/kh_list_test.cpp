@@ -115,4 +115,27 @@ TEST_F(kh_list_test, ScanMatchesOfOneKnownApAddOneKeyHolder)
     EXPECT_EQ(script_runs(), 1);
 }
 
+// Stored key holders come back as stored (not derived again), once however
+// many radios the board has, whole records only; the script runs when that
+// changed the list.
+TEST_F(kh_list_test, ReloadTakesWholeStoredRecords)
+{
+    std::vector<unsigned char> bytes = record_of({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, 1, 1);
+    std::vector<unsigned char> inactive = record_of({0x0A, 0x1B, 0x2C, 0x3D, 0x5E, 0x5F}, 0, 0);
+    bytes.insert(bytes.end(), inactive.begin(), inactive.end());
+    bytes.insert(bytes.end(), {1, 2, 3});  // a torn last record
+    board().radio_count = 2;
+    testutil::write_file(testutil::at("/var/roam_key_holders"), std::string(bytes.begin(), bytes.end()));
+    reload_key_holders();
+    EXPECT_EQ(list_macs(), (std::vector<mac_t>{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, {0x0A, 0x1B, 0x2C, 0x3D, 0x5E, 0x5F}}));
+    EXPECT_EQ(log_count("0a:1b:2c:3d:4e:5f PRESENT | TRM \n"), 1);
+    EXPECT_EQ(log_count("0a:1b:2c:3d:5e:5f NOT PRESENT | TRV \n"), 1);
+    EXPECT_EQ(script_runs(), 1);
+
+    // The same records as bytes: nothing new, no script.
+    reload_key_holders_from(bytes.data(), bytes.size());
+    EXPECT_EQ(list_macs().size(), 2u);
+    EXPECT_EQ(script_runs(), 1);
+}
+
 }  // namespace
