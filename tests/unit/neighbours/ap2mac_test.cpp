@@ -34,6 +34,7 @@ std::string bssids(int n)
 
 TEST_F(ap2mac_test, RewriteDropsWhatItCannotKeep)
 {
+    constexpr int remove_vap = 2;  // ap2mac_remove_vap rather than a BSSID added (1) or deleted (0)
     struct rewrite_case {
         const char* name;
         std::string before;
@@ -49,7 +50,7 @@ TEST_F(ap2mac_test, RewriteDropsWhatItCannotKeep)
     for (int i = 0; i < 499; ++i)
         rebuilt += "T ";
     const rewrite_case cases[] = {
-        {"over-long line", key0 + bssid(0x4E, 0x50) + "\n" + std::string(2000, 'x') + "\n", 1,
+        {"over-long last line", key0 + bssid(0x4E, 0x50) + "\n" + std::string(2000, 'x'), 1,
          key0 + bssid(0x4E, 0x50) + " " + bssid(0x4E, 0x60) + "\n",
          "[dorvand] Dropped a line of " + at("/tmp/ap2_macaddr.txt") + " longer than 1022 characters\n"},
         {"short lines", "x\n1234567890123456789\n12345678901234567890\n" + key0 + bssid(0x4E, 0x50) + "\n", 1,
@@ -58,12 +59,17 @@ TEST_F(ap2mac_test, RewriteDropsWhatItCannotKeep)
          "[dorvand] ap2_macaddr line full, " + bssid(0x4E, 0x60) + " not added\n"},
         {"deletion outgrowing the bound", spaced + "\n", 0, rebuilt + "\n",
          "[dorvand] ap2_macaddr line full, T dropped\n"},
+        {"VAP line removed", "short\n" + key0 + bssid(0x4E, 0x50) + "\nap2_macaddr_wifi0vap1=" + bssid(0x4E, 0x51) + "\n",
+         remove_vap, "ap2_macaddr_wifi0vap1=" + bssid(0x4E, 0x51) + "\n",
+         "107 [dorvand] str:ap2_macaddr_wifi0vap1=" + bssid(0x4E, 0x51) + ", buf:ap2_macaddr_wifi0vap0\n"},
     };
     for (const rewrite_case& c : cases) {
         SCOPED_TRACE(c.name);
         testutil::reset_sandbox();
         write_file(at("/tmp/ap2_macaddr.txt"), c.before);
-        EXPECT_EQ(ap2mac_update("wifi0vap0", bssid(0x4E, 0x60).c_str(), c.op), 0);
+        EXPECT_EQ(c.op == remove_vap ? ap2mac_remove_vap("ap2_macaddr_wifi0vap0")
+                                     : ap2mac_update("wifi0vap0", bssid(0x4E, 0x60).c_str(), c.op),
+                  0);
         EXPECT_EQ(read_file(at("/tmp/ap2_macaddr.txt")), c.after);
         if (!c.log.empty()) {
             EXPECT_EQ(log_count(c.log), 1);
