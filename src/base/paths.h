@@ -33,6 +33,9 @@ inline constexpr const char* ft_script = "/usr/local/bin/fast_bss_transition.sh"
 // Scanning, by radio index.
 inline constexpr const char* wifitool = "/usr/sbin/wifitool";
 inline constexpr const char* scan_dbs[3] = {"/tmp/scan_db_2g", "/tmp/scan_db_5g", "/tmp/scan_db_5gh"};
+// Where a database that SQLite cannot read is moved, to be examined.
+inline constexpr const char* scan_dbs_corrupt[3] = {"/tmp/scan_db_2g.corrupt", "/tmp/scan_db_5g.corrupt",
+                                                    "/tmp/scan_db_5gh.corrupt"};
 inline constexpr const char* scan_db_markers[3] = {"/tmp/DB2G_UPDATION_IN_PROGRESS", "/tmp/DB5G_UPDATION_IN_PROGRESS",
                                                    "/tmp/DB5GH_UPDATION_IN_PROGRESS"};
 

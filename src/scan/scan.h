@@ -23,6 +23,9 @@ struct scan_state {
     uint16_t rand_scan_timer = 0;
     // Per band: its marker file is there because a scan cycle is writing.
     std::atomic<bool> marker_set[3] = {};
+    // Per band: a database that cannot be replaced has been reported; cleared
+    // by the next write cycle that opens it. Under scan_result_lock.
+    bool db_fault_told[3] = {};
 };
 scan_state& scanning();
 
