@@ -97,6 +97,11 @@ struct neighbour_state {
     // Bit 10*radio + vap: 802.11r enabled. Written by the status refresh,
     // read by the key-change writers under kh_lock.
     std::atomic<uint32_t> ft_enabled_vaps{0};
+    // Held by the event-socket thread while it binds /tmp/roam_sock again,
+    // and by the shutdown while it removes the socket for good
+    // (event_socket_closed), so no bind can follow that removal.
+    std::timed_mutex event_socket_lock;
+    std::atomic<bool> event_socket_closed{false};
 };
 neighbour_state& neighbours();
 
@@ -189,7 +194,9 @@ static_assert(offsetof(neighbour_event, wlan) == 8);
 neighbour_event decode_neighbour_event(const uint8_t* buf, size_t len);
 
 int open_event_socket();
-// Thread entry: detaches itself, binds /tmp/roam_sock and serves events.
+// Thread entry: detaches itself, binds /tmp/roam_sock and serves events. It
+// binds the socket again when the path no longer names it (checked every
+// kh_files_retry_secs), until event_socket_closed.
 void* event_socket_thread(void* arg);
 void remove_key_holder(const uint8_t mac[6]);
 // Applies one received datagram (len bytes; missing bytes count as 0, bytes
