@@ -477,6 +477,28 @@ class Sandbox:
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
             s.sendto(data, _sock_path(self.path("/tmp/roam_sock")))
 
+    def start_beside(self, timeout: float = 10.0) -> subprocess.CompletedProcess:
+        """Starts the daemon once more in the running sandbox, as a second
+        start on the same access point would, and returns that launch (exit
+        code, stdout, stderr). A daemon that detaches instead is killed, by
+        the pid it wrote, so nothing outlives the sandbox."""
+        init_pid = self.status().get("init_pid")
+        if not init_pid or not self.running():
+            raise SandboxError("the sandbox is not running")
+        cfg = json.loads((self.out / "ns_init.json").read_text())
+        env = [f"{k}={v}" for k, v in cfg["env"].items()]
+        r = subprocess.run(["nsenter", f"--mount=/proc/{init_pid}/ns/mnt", f"--net=/proc/{init_pid}/ns/net",
+                            "chroot", str(self.root), "/usr/bin/env", "-i", *env, *cfg["daemon"]],
+                           stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=timeout)
+        if r.returncode == 0:
+            deadline = time.monotonic() + 2
+            while time.monotonic() < deadline and self._read_pid_file() in (None, self.pid()):
+                time.sleep(0.02)
+            other = self._read_pid_file()
+            if other and other != self.pid():
+                _kill(other, signal.SIGKILL)
+        return r
+
     def set_driver(self, driver: DriverState | dict) -> None:
         """Replaces the driver's answers; the daemon's next request sees them."""
         self.driver = driver if isinstance(driver, DriverState) else DriverState.from_dict(driver)

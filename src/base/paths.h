@@ -51,6 +51,9 @@ DORVAND_PATH ft_script = DORVAND_FIXED("/usr/local/bin/fast_bss_transition.sh");
 DORVAND_PATH wifitool = DORVAND_FIXED("/usr/sbin/wifitool");
 DORVAND_PATH scan_dbs[3] = {DORVAND_FIXED("/tmp/scan_db_2g"), DORVAND_FIXED("/tmp/scan_db_5g"),
                             DORVAND_FIXED("/tmp/scan_db_5gh")};
+// Where a database that SQLite cannot read is moved, to be examined.
+DORVAND_PATH scan_dbs_corrupt[3] = {DORVAND_FIXED("/tmp/scan_db_2g.corrupt"), DORVAND_FIXED("/tmp/scan_db_5g.corrupt"),
+                                    DORVAND_FIXED("/tmp/scan_db_5gh.corrupt")};
 DORVAND_PATH scan_db_markers[3] = {DORVAND_FIXED("/tmp/DB2G_UPDATION_IN_PROGRESS"),
                                    DORVAND_FIXED("/tmp/DB5G_UPDATION_IN_PROGRESS"),
                                    DORVAND_FIXED("/tmp/DB5GH_UPDATION_IN_PROGRESS")};
