@@ -83,8 +83,9 @@ struct neighbour_state {
     // for, so the script sees every file of that update and nothing later.
     std::timed_mutex script_lock;
     bool script_wanted = false;  // under kh_lock: the current update asked for the script
-    // A file write of the list failed: the files are written again from the
-    // list when an update ends or the retry comes, whichever is first.
+    // A file write of the list failed or could not be made (the key-change
+    // file or grep unavailable): the files are written again from the list
+    // when an update ends or the retry comes, whichever is first.
     std::atomic<bool> files_stale{false};
     // Bit 10*radio + vap: 802.11r enabled. Written by the status refresh,
     // read by the key-change writers under kh_lock.
