@@ -33,6 +33,10 @@ extern char** environ;
 #define SYS_pidfd_open 434
 #endif
 
+#ifdef DORVAND_UNIT_TEST
+int child_time_limit = 30;
+#endif
+
 namespace {
 
 // Children running now, by pid (0: free slot), for shell_kill_all. More
