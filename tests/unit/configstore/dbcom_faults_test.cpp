@@ -151,6 +151,13 @@ INSTANTIATE_TEST_SUITE_P(
         fault_case{"bad_magic", "", {cstest::wire(2, 1, 0, 0x5A5A5A5A, "")}, false, 1, std::nullopt,
                    "Error receiving transaction response: ", 1, 1,
                    "dbcom_read_message:1194: magic num mismatch = 5a5a5a5a or invalid dbcom operation = 1\n"},
+        fault_case{"bad_op", "", {cstest::wire(2, 0, 0, DBCOM_MAGIC, "")}, false, 1, std::nullopt,
+                   "Error receiving transaction response: ", 1, 1,
+                   "dbcom_read_message:1194: magic num mismatch = a5a5a5a5 or invalid dbcom operation = 0\n"},
+        // Diagnostics are C text: one cut by a NUL keeps its start.
+        fault_case{"diagnostics_joined_as_text", "",
+                   {reply(1, 0x1002, std::string("ab\0cd", 5)), reply(1, 0x0001, "x\n")}, false, 1, std::nullopt,
+                   "abx\n", 1, 1, ""},
         fault_case{"cut_header_then_close", "", {{2, 1, 0}}, true, 1, std::nullopt,
                    "Error receiving transaction response: ", 1, 1, ""},
         fault_case{"cut_body_then_close", "", {{2, 1, 0, 0, 0, 9, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 'k'}}, true, 1,
@@ -200,6 +207,235 @@ TEST_F(dbcom_fault_test, stalled_configd_leaves_the_stuck_marker)
     EXPECT_NE(logged.find("Configd Stuck Detected: No New Connection happened for last "), std::string::npos) << logged;
     EXPECT_NE(logged.find("Failure in Configd Stuck Handling Sequence, Unable to touch " + marker + "\n"),
               std::string::npos)
+        << logged;
+}
+
+// --- the other transports and the set channel ---------------------------------
+
+struct transport_case {
+    const char* name;
+    int transport;
+    const char* server;  // both names; null: the default paths
+    uint8_t op;
+    const char* rules;
+    std::string error;   // @SET: the set server's default path
+    std::string output;  // what the socket helpers print, on either stream
+};
+
+void PrintTo(const transport_case& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+class transport_fault_test : public sandbox_test, public ::testing::WithParamInterface<transport_case> {};
+
+TEST_P(transport_fault_test, first_request_fails_with_its_reason)
+{
+    const transport_case& c = GetParam();
+    dbcom_response_wait = 1;
+    dbcom_handle* h = dbcom_init(c.server, c.server, c.transport);
+    ASSERT_NE(h, nullptr);
+    if (*c.rules)
+        dorvfault::arm(c.rules);
+    opt error;
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(dbcom_do_transaction(h, c.op, 0, nullptr, 0, nullptr, &error), 1);
+    std::string printed = ::testing::internal::GetCapturedStdout() + ::testing::internal::GetCapturedStderr();
+    dbcom_channel& ch = c.op == DBCOM_OP_SET ? h->set : h->get;
+    EXPECT_EQ(ch.open, 0);
+    EXPECT_FALSE(ch.fd.valid());
+    dbcom_close(h);
+    dbcom_response_wait = 300;
+    std::string want = c.error;
+    if (want.find("@SET") != std::string::npos)
+        want.replace(want.find("@SET"), 4, testutil::at("/tmp/confd_set"));
+    EXPECT_EQ(error, opt(want));
+    EXPECT_NE(printed.find(c.output), std::string::npos) << printed;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    transports, transport_fault_test,
+    ::testing::Values(transport_case{"set_channel", DBCOM_UNIX_STREAM, nullptr, DBCOM_OP_SET, "",
+                                     "Couldn't connect to @SET:  No such file or directory\n", ""},
+                      transport_case{"unix_dgram_no_server", DBCOM_UNIX_DGRAM, nullptr, DBCOM_OP_GET, "",
+                                     "Error in write:  No such file or directory\n", ""},
+                      // A bind that fails leaves the channel on no socket: the send says so.
+                      transport_case{"unix_dgram_bind_fails", DBCOM_UNIX_DGRAM, nullptr, DBCOM_OP_GET,
+                                     "bind fd=unix errno=EADDRINUSE", "Error in write:  Bad file descriptor\n",
+                                     "bind: Address already in use\n"},
+                      transport_case{"unix_dgram_socket_fails", DBCOM_UNIX_DGRAM, nullptr, DBCOM_OP_GET,
+                                     "socket fd=unix errno=EMFILE", "Error in write:  Bad file descriptor\n", ""},
+                      transport_case{"inet_stream_refused", DBCOM_INET_STREAM, "127.0.0.1:1", DBCOM_OP_GET, "",
+                                     "Couldn't connect to localhost:  Connection refused\n", ""},
+                      transport_case{"inet_get_socket_fails", DBCOM_INET_STREAM, "127.0.0.1:1", DBCOM_OP_GET,
+                                     "socket fd=inet errno=ENFILE",
+                                     "Couldn't make inet domain socket: Too many open files in system\n", ""},
+                      transport_case{"inet_set_socket_fails", DBCOM_INET_STREAM, "127.0.0.1:1", DBCOM_OP_SET,
+                                     "socket fd=inet errno=ENFILE",
+                                     "Couldn't make inet socket: Too many open files in system\n", ""},
+                      transport_case{"inet_dgram_bind_fails", DBCOM_INET_DGRAM, "127.0.0.1:1", DBCOM_OP_GET,
+                                     "bind fd=inet errno=EADDRINUSE", "Error in write:  Bad file descriptor\n",
+                                     "bind_inet_domain error\n"},
+                      transport_case{"inet_dgram_socket_fails", DBCOM_INET_DGRAM, "127.0.0.1:1", DBCOM_OP_GET,
+                                     "socket fd=inet errno=EMFILE", "Error in write:  Bad file descriptor\n", ""},
+                      transport_case{"inet_dgram_unanswered", DBCOM_INET_DGRAM, "127.0.0.1:1", DBCOM_OP_GET, "",
+                                     "Timeout waiting for response from database server.\n", ""}),
+    [](const auto& p) { return std::string(p.param.name); });
+
+// --- requests that cannot be built or sent whole in one message -------------
+
+TEST_F(dbcom_fault_test, long_data_goes_out_as_a_run_of_messages)
+{
+    scripted_server srv(get_path().c_str(), [](const cstest::seen_request&, int) { return reply_plan{ok_answer()}; });
+    std::string data(70000, 'd');
+    data[0] = 'a';
+    data.back() = 'z';
+    opt result;
+    ASSERT_EQ(dbcom_do_transaction(handle_, DBCOM_OP_GET, 0, reinterpret_cast<const uint8_t*>(data.data()),
+                                   static_cast<int>(data.size()), &result, nullptr),
+              0);
+    auto reqs = srv.requests();
+    ASSERT_EQ(reqs.size(), 1u);
+    ASSERT_EQ(reqs[0].messages.size(), 2u);
+    EXPECT_EQ(reqs[0].messages[0].size(), DBCOM_MAX_MSG);
+    EXPECT_EQ(reqs[0].messages[0][2], 0x10);
+    EXPECT_EQ(reqs[0].messages[1][2], 0x00);
+    EXPECT_EQ(reqs[0].data, data);
+
+    // Items that leave no room for data: nothing can be sent.
+    handle_->client_addr = std::string(DBCOM_MAX_BODY, 'a');
+    opt error;
+    EXPECT_EQ(dbcom_do_transaction(handle_, DBCOM_OP_GET, 0, nullptr, 1, &result, &error), 1);
+    EXPECT_EQ(error, opt("dbcom_do_transaction: Unable to build request message.\n"));
+    EXPECT_EQ(result, std::nullopt);
+}
+
+// Calls the daemon never makes but the library takes.
+TEST_F(dbcom_fault_test, library_edges)
+{
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(dbcom_init(nullptr, nullptr, DBCOM_INET_STREAM), nullptr);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Null set server names\nNull get server names\n");
+    std::string escaped;
+    ASSERT_EQ(dbcom_escape_spaces("a b  c", &escaped), 0);
+    EXPECT_EQ(escaped, "a\\ b\\ \\ c");
+    EXPECT_EQ(dbcom_do_transaction(nullptr, DBCOM_OP_GET, 0, nullptr, 0, nullptr, nullptr), 1);
+    EXPECT_EQ(dbcom_do_transaction(handle_, DBCOM_OP_GET, 0, nullptr, -1, nullptr, nullptr), 1);
+    EXPECT_EQ(dbcom_request(nullptr, DBCOM_OP_GET, nullptr, nullptr, nullptr), 1);
+    // No configd: every attempt fails, and no output slot is needed.
+    EXPECT_EQ(dbcom_request(handle_, DBCOM_OP_GET, nullptr, nullptr, nullptr), 1);
+    bool failed = false;
+    EXPECT_TRUE(dbcom_take_response(std::vector<uint8_t>{2, 1, 0}, DBCOM_OP_GET, nullptr, nullptr, &failed));
+    EXPECT_FALSE(failed);
+    uint8_t b;
+    errno = 0;
+    EXPECT_EQ(dbcom_recv_timed(FD_SETSIZE, &b, 1, 10), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+// --- the message layer's edges --------------------------------------------
+
+using bytes = std::vector<uint8_t>;
+
+TEST(dbcom_msg_edges, builders_refuse_what_cannot_be_a_message)
+{
+    dbcom_message msg;
+    // A response splits at 65535 bytes of data, as a request does.
+    EXPECT_EQ(dbcom_build_response(1, 0x1000, 0, DBCOM_MAGIC, nullptr, DBCOM_MAX_BODY, &msg), 65535);
+    EXPECT_EQ(bytes(msg.begin(), msg.begin() + 12), (bytes{2, 1, 0, 0, 0xFF, 0xFF, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5}));
+    const bytes big(DBCOM_MAX_BODY + 1, 'x');
+    EXPECT_EQ(dbcom_build_response(1, 0x0002, 0, DBCOM_MAGIC, big.data(), big.size(), &msg), 65535);
+    EXPECT_EQ(bytes(msg.begin(), msg.begin() + 4), (bytes{2, 1, 0x10, 0x02}));
+    EXPECT_EQ(msg.back(), 'x');
+    const uint8_t data[] = {'x'};
+    // Without a handle both items are absent.
+    EXPECT_EQ(dbcom_build_request(nullptr, 1, 0, 0, DBCOM_MAGIC, data, 1, &msg), 1);
+    EXPECT_EQ(bytes(msg.begin(), msg.end()),
+              (bytes{1, 1, 0, 0, 0, 9, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 0, 0, 0, 0, 0, 0, 0, 0, 'x'}));
+    // Items too long for a body, or leaving no room for data that must go.
+    dbcom_handle h;
+    h.user = std::string(DBCOM_MAX_BODY - 7, 'u');
+    EXPECT_EQ(dbcom_build_request(&h, 1, 0, 0, DBCOM_MAGIC, nullptr, 0, &msg), -2);
+    EXPECT_TRUE(msg.empty());
+    h.user = std::string(DBCOM_MAX_BODY - 8, 'u');
+    EXPECT_EQ(dbcom_build_request(&h, 1, 0, 0, DBCOM_MAGIC, data, 1, &msg), -2);
+    EXPECT_EQ(dbcom_build_request(&h, 1, 0, 0, DBCOM_MAGIC, nullptr, 0, &msg), 0);
+    EXPECT_EQ(msg.size(), DBCOM_MAX_MSG);
+}
+
+TEST(dbcom_msg_edges, decoders_check_every_length)
+{
+    dbcom_request_view v;
+    const bytes ext = {4, 1, 0, 0, 0, 18, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 0, 0,   0,
+                       0, 0, 0, 0, 0, 3,  0, 0, 0,    1,    2,    3,    4, 'k', '\n'};
+    ASSERT_EQ(dbcom_parse_request(ext, &v), 0);
+    EXPECT_EQ(v.trailer_op, 3);
+    const uint8_t word[4] = {1, 2, 3, 4};
+    EXPECT_EQ(std::memcmp(&v.trailer_value, word, 4), 0);
+    EXPECT_EQ(std::string(v.data.begin(), v.data.end()), "k\n");
+    const bytes rejected[] = {
+        {4, 1, 0, 0, 0, 12, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 0, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0}, // cut trailer
+        {1, 1, 0, 0, 0, 2, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 1, 0},                                // cut item head
+        {1, 1, 0, 0, 0, 0, 0, 0, 0xA5, 0xA5, 0xA5},                                            // cut header
+    };
+    for (const bytes& r : rejected) {
+        SCOPED_TRACE(::testing::PrintToString(r));
+        EXPECT_EQ(dbcom_parse_request(r, &v), -1);
+        EXPECT_EQ(dbcom_parse_response(r, nullptr, nullptr, nullptr), r.size() < 12 ? -1 : r[5]);
+    }
+}
+
+struct socket_pair {
+    unique_fd ours;
+    unique_fd theirs;
+    explicit socket_pair(int type)
+    {
+        int sv[2];
+        if (socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, sv) == 0) {
+            ours.reset(sv[0]);
+            theirs.reset(sv[1]);
+        }
+    }
+    void put(const bytes& b) const { ASSERT_EQ(send(theirs.get(), b.data(), b.size(), 0), ssize_t(b.size())); }
+};
+
+// Datagrams are checked for length only: one shorter than its header or its
+// announced body is refused.
+TEST(dbcom_msg_edges, datagrams_shorter_than_announced)
+{
+    socket_pair sp(SOCK_DGRAM);
+    bytes buf(DBCOM_MAX_MSG);
+    const struct {
+        bytes dgram;
+        int rc;
+    } rows[] = {
+        {{2, 1, 0, 0, 0, 0, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5}, 1},
+        {{2, 1, 0, 0, 0, 10, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 1, 2, 3, 4, 5, 6, 7, 8}, -1},
+        {{2, 1, 0, 0, 0}, -1},
+    };
+    for (const auto& r : rows) {
+        sp.put(r.dgram);
+        EXPECT_EQ(dbcom_read_message(sp.ours.get(), DBCOM_UNIX_DGRAM, buf.data(), buf.size()), r.rc);
+    }
+}
+
+// A bad header from a peer that then closes: the flush reads to the end.
+TEST(dbcom_msg_edges, bad_header_flush_ends_at_close)
+{
+    socket_pair sp(SOCK_STREAM);
+    sp.put(cstest::wire(2, 9, 0, DBCOM_MAGIC, "junk"));
+    sp.theirs.reset();
+    bytes buf(DBCOM_MAX_MSG);
+    openlog(nullptr, LOG_PERROR, LOG_USER);
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(dbcom_read_message(sp.ours.get(), 5, buf.data(), buf.size()), -1);
+    std::string logged = ::testing::internal::GetCapturedStderr();
+    openlog(nullptr, 0, LOG_USER);
+    closelog();
+    EXPECT_NE(logged.find("dbcom_read_message:1201: flushing socket: bytes_read = 4 msg = junk\n"), std::string::npos)
+        << logged;
+    EXPECT_NE(logged.find("dbcom_read_message:1201: flushing socket: bytes_read = 0 msg = \n"), std::string::npos)
         << logged;
 }
 

@@ -217,7 +217,8 @@ TEST(FaultRules, RenameMatchesEitherPathAndSocketsByKind)
 TEST(FaultRules, SqliteFilesAreReached)
 {
     sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open_v2(tmp("fault_db").c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr), SQLITE_OK);
+    ASSERT_EQ(sqlite3_open_v2(tmp("fault_db").c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr),
+              SQLITE_OK);
     dorvfault::handle w = dorvfault::arm("write path=*/tmp/fault_db* every errno=EIO");
     EXPECT_NE(sqlite3_exec(db, "CREATE TABLE t(a)", nullptr, nullptr, nullptr), SQLITE_OK);
     sqlite3_close(db);
