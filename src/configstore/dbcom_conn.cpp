@@ -232,8 +232,10 @@ int dbcom_connect(dbcom_handle* handle, int which, std::optional<std::string>* e
         ch.fd = bind_inet_domain(reinterpret_cast<const sockaddr*>(&ch.local_in_addr), ch.local_addr_len);
         ch.open = 1;
         return 0;
-    default:       // GCOVR_EXCL_START: dbcom_init makes no handle of another transport
-        return 1;  // GCOVR_EXCL_STOP
+    // GCOVR_EXCL_START: dbcom_init makes no handle of another transport
+    default:
+        return 1;
+        // GCOVR_EXCL_STOP
     }
 }
 
