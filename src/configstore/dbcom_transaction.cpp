@@ -103,9 +103,9 @@ int write_datagram(dbcom_handle* handle, int which, const dbcom_message& msg,
                    std::optional<std::string>* error)
 {
     dbcom_channel& ch = channel_of(handle, which);
-    const sockaddr* to = ch.server_addr ? ch.server_addr->get() : nullptr;
-    socklen_t to_len = ch.server_addr ? ch.server_addr->len : 0;
-    ssize_t n = sendto(ch.fd.get(), msg.data(), msg.size(), MSG_NOSIGNAL, to, to_len);
+    // dbcom_init makes no handle without both server addresses.
+    const dbcom_addr& to = *ch.server_addr;
+    ssize_t n = sendto(ch.fd.get(), msg.data(), msg.size(), MSG_NOSIGNAL, to.get(), to.len);
     if (n == static_cast<ssize_t>(msg.size()))
         return 0;
     append_text(error, "Error in write:  %s\n", strerror(errno));

@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "base/spawn.h"
 #include "dorvfault.h"
@@ -83,6 +84,36 @@ TEST_F(spawn_fault_test, hung_children_are_killed_at_the_bound)
 {
     child_time_limit = 1;
     check_hung_children();
+    // Output past the limit is read and dropped, however it arrives.
+    std::string out;
+    EXPECT_EQ(shell_read("printf abcd; sleep 0.1; printf ef", out, 4), 0);
+    EXPECT_EQ(out, "abcd");
+}
+
+// The exit's clean-up kills every child it knows of: eight at once; a
+// ninth goes unlisted and runs on.
+TEST_F(spawn_fault_test, exit_kills_the_listed_children)
+{
+    const std::string dir = testutil::at("/tmp");
+    std::vector<int> status(9, -2);
+    std::vector<std::thread> runs;
+    for (int i = 0; i < 9; ++i)
+        runs.emplace_back(
+            [&status, &dir, i] { status[i] = shell_run(128, "touch %s/child%d; exec sleep 2", dir.c_str(), i); });
+    for (int i = 0; i < 9; ++i)
+        for (int wait = 0; wait < 1000 && !testutil::exists(dir + "/child" + std::to_string(i)); ++wait)
+            usleep(10000);
+    shell_kill_all();
+    for (auto& t : runs)
+        t.join();
+    int killed = 0;
+    int ended = 0;
+    for (int s : status) {
+        killed += WIFSIGNALED(s) && WTERMSIG(s) == SIGKILL;
+        ended += WIFEXITED(s) && WEXITSTATUS(s) == 0;
+    }
+    EXPECT_EQ(killed, 8);
+    EXPECT_EQ(ended, 1);
 }
 
 // What an older kernel says to pidfd_open, on this thread and its children

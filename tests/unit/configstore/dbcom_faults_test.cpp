@@ -3,9 +3,11 @@
 // reads that fail, a configd that answers garbage, and a configd that stalls
 // until the stuck marker is due. Each failure must leave the error text the
 // caller logs and a closed channel; a reconnect after EPIPE must carry on.
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <syslog.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -266,7 +268,9 @@ INSTANTIATE_TEST_SUITE_P(
                                      "bind: Address already in use\n"},
                       transport_case{"unix_dgram_socket_fails", DBCOM_UNIX_DGRAM, nullptr, DBCOM_OP_GET,
                                      "socket fd=unix errno=EMFILE", "Error in write:  Bad file descriptor\n", ""},
-                      transport_case{"inet_stream_refused", DBCOM_INET_STREAM, "127.0.0.1:1", DBCOM_OP_GET, "",
+                      transport_case{"op5_set_channel", DBCOM_UNIX_STREAM, nullptr, 5, "",
+                       "Couldn't connect to @SET:  No such file or directory\n", ""},
+        transport_case{"inet_stream_refused", DBCOM_INET_STREAM, "127.0.0.1:tcpmux", DBCOM_OP_GET, "",
                                      "Couldn't connect to localhost:  Connection refused\n", ""},
                       transport_case{"inet_get_socket_fails", DBCOM_INET_STREAM, "127.0.0.1:1", DBCOM_OP_GET,
                                      "socket fd=inet errno=ENFILE",
@@ -328,10 +332,43 @@ TEST_F(dbcom_fault_test, library_edges)
     bool failed = false;
     EXPECT_TRUE(dbcom_take_response(std::vector<uint8_t>{2, 1, 0}, DBCOM_OP_GET, nullptr, nullptr, &failed));
     EXPECT_FALSE(failed);
+    EXPECT_TRUE(dbcom_take_response(reply(1, 0x1002, "diag"), DBCOM_OP_GET, nullptr, nullptr, &failed));
     uint8_t b;
     errno = 0;
     EXPECT_EQ(dbcom_recv_timed(FD_SETSIZE, &b, 1, 10), -1);
     EXPECT_EQ(errno, EBADF);
+    // No configd: the failures need no error slot; a get none for the value.
+    EXPECT_EQ(dbcom_do_transaction(handle_, DBCOM_OP_GET, 0, nullptr, 0, nullptr, nullptr), 1);
+    EXPECT_EQ(dbcom_get(handle_, "k", nullptr, nullptr), 1);
+    // A text that ends in a line feed, or an empty one, goes out as it is.
+    for (std::string text : {"k\n", ""}) {
+        std::string sent = text;
+        EXPECT_EQ(dbcom_request(handle_, DBCOM_OP_GET, &sent, nullptr, nullptr), 1);
+        EXPECT_EQ(sent, text);
+    }
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(dbcom_init(std::string(101, 'x').c_str(), nullptr, DBCOM_UNIX_STREAM), nullptr);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Null get server names\n");
+}
+
+// A socket numbered past what select can wait on fails the wait, not the
+// process.
+TEST_F(dbcom_fault_test, socket_past_the_select_limit)
+{
+    rlimit lim{};
+    getrlimit(RLIMIT_NOFILE, &lim);
+    lim.rlim_cur = lim.rlim_max;
+    if (lim.rlim_max <= FD_SETSIZE + 1 || setrlimit(RLIMIT_NOFILE, &lim) != 0)
+        GTEST_SKIP() << "no descriptor past " << FD_SETSIZE << " here";
+    scripted_server srv(get_path().c_str(), [](const cstest::seen_request&, int) { return reply_plan{ok_answer()}; });
+    ASSERT_EQ(dbcom_connect(handle_, DBCOM_GET_CHANNEL, nullptr), 0);
+    int high = fcntl(handle_->get.fd.get(), F_DUPFD_CLOEXEC, FD_SETSIZE);
+    ASSERT_GE(high, FD_SETSIZE);
+    handle_->get.fd.reset(high);
+    opt error;
+    EXPECT_EQ(transaction(nullptr, &error), 1);
+    EXPECT_EQ(error, opt("Error receiving transaction response: Bad file descriptor.\n"));
+    EXPECT_EQ(handle_->get.open, 0);
 }
 
 // --- the message layer's edges --------------------------------------------
