@@ -25,7 +25,7 @@ constexpr call_desc calls[] = {
     {"open", true, false, false},   {"write", true, true, true},   {"rename", true, false, false},
     {"unlink", true, false, false}, {"ftruncate", true, true, false}, {"fsync", true, true, false},
     {"mkdir", true, false, false},  {"socket", false, true, false}, {"bind", true, true, false},
-    {"connect", true, true, false}, {"send", true, true, false},   {"recv", true, true, false},
+    {"connect", true, true, false}, {"send", true, true, true},   {"recv", true, true, false},
     {"pipe2", false, false, false}, {"spawn", true, false, false}, {"select", false, false, false},
     {"poll", true, true, false},
 };
@@ -214,7 +214,7 @@ const char* apply_word(const char* word, const call_desc& d, rule& r, seen_keys&
         k.err = true;
     } else if (is("short")) {
         if (!d.shortable)
-            return "\"short\" is for write only";
+            return "\"short\" is for write and send only";
         if (k.shortlen || !parse_uint(val, 0, 1000000, v))
             return "\"short\" must be a byte count, once";
         k.shortlen = true;

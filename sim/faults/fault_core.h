@@ -33,8 +33,8 @@ struct rule {
     char glob[path_max] = {};      // empty: any path
     uint32_t nth = 1;              // first matching call that fails, 1-based
     uint32_t count = 1;            // consecutive failures, or `every`
-    int err = 0;                   // errno of the failure; 0 with a short write
-    long short_len = -1;           // write at most this many bytes; -1: not a short rule
+    int err = 0;                   // errno of the failure; 0 with a short write or send
+    long short_len = -1;           // write or send at most this many bytes; -1: not a short rule
     char text[text_max] = {};      // the rule as written, blanks collapsed
 };
 

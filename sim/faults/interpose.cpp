@@ -432,8 +432,12 @@ ssize_t send(int fd, const void* buf, size_t n, int flags)
 {
     REAL(send, ssize_t(*)(int, const void*, size_t, int));
     hit h;
-    if (check(call::send, fd, nullptr, nullptr, h))
-        return fail(h);
+    if (check(call::send, fd, nullptr, nullptr, h)) {
+        if (h.short_len < 0)
+            return fail(h);
+        if (n > static_cast<size_t>(h.short_len))
+            n = static_cast<size_t>(h.short_len);
+    }
     return real(fd, buf, n, flags);
 }
 
@@ -442,8 +446,12 @@ ssize_t sendto(int fd, const void* buf, size_t n, int flags, const struct sockad
     REAL(sendto, ssize_t(*)(int, const void*, size_t, int, const struct sockaddr*, socklen_t));
     char pb[path_max];
     hit h;
-    if (check(call::send, fd, sock_path(addr, len, pb), nullptr, h))
-        return fail(h);
+    if (check(call::send, fd, sock_path(addr, len, pb), nullptr, h)) {
+        if (h.short_len < 0)
+            return fail(h);
+        if (n > static_cast<size_t>(h.short_len))
+            n = static_cast<size_t>(h.short_len);
+    }
     return real(fd, buf, n, flags, addr, len);
 }
 
@@ -454,8 +462,24 @@ ssize_t sendmsg(int fd, const struct msghdr* msg, int flags)
     const char* to = msg ? sock_path(static_cast<const struct sockaddr*>(msg->msg_name), msg->msg_namelen, pb)
                          : nullptr;
     hit h;
-    if (check(call::send, fd, to, nullptr, h))
-        return fail(h);
+    if (check(call::send, fd, to, nullptr, h)) {
+        if (h.short_len < 0 || msg == nullptr)
+            return h.short_len < 0 ? fail(h) : real(fd, msg, flags);
+        // Cut short: the first bytes, from the vectors in order.
+        struct msghdr cut_msg = *msg;
+        struct iovec cut[16];
+        size_t left = static_cast<size_t>(h.short_len);
+        size_t used = 0;
+        for (; used < msg->msg_iovlen && used < 16 && left; ++used) {
+            cut[used] = msg->msg_iov[used];
+            if (cut[used].iov_len > left)
+                cut[used].iov_len = left;
+            left -= cut[used].iov_len;
+        }
+        cut_msg.msg_iov = cut;
+        cut_msg.msg_iovlen = used;
+        return real(fd, &cut_msg, flags);
+    }
     return real(fd, msg, flags);
 }
 

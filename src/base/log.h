@@ -24,10 +24,6 @@ struct log_conf {
     char path[256];
 };
 
-// The active configuration, as set_log_conf installed it.
-const log_conf& log_active_conf();
-// Running size of the current log file in bytes.
-uint32_t log_running_size();
 // Forgets the running size, as a fresh start without a log file would.
 void log_reset_running_size();
 

@@ -13,6 +13,8 @@
 
 namespace {
 
+using cstest::socket_pair;
+
 using bytes = std::vector<uint8_t>;
 
 TEST(dbcom_build, request_items_absent_or_present)
@@ -58,20 +60,6 @@ TEST(dbcom_parse, truncation_and_kinds)
 }
 
 // --- reading one message --------------------------------------------------
-
-struct socket_pair {
-    unique_fd ours;
-    unique_fd theirs;
-    explicit socket_pair(int type)
-    {
-        int sv[2];
-        if (socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, sv) == 0) {
-            ours.reset(sv[0]);
-            theirs.reset(sv[1]);
-        }
-    }
-    void put(const bytes& b) const { ASSERT_EQ(send(theirs.get(), b.data(), b.size(), 0), ssize_t(b.size())); }
-};
 
 bool drained(int fd)
 {

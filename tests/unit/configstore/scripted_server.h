@@ -53,6 +53,24 @@ struct seen_request {
     std::string data;  // the data of all messages (what follows the user and address items), joined
 };
 
+// Two connected unix sockets: the test's end and the peer's.
+struct socket_pair {
+    unique_fd ours;
+    unique_fd theirs;
+    explicit socket_pair(int type)
+    {
+        int sv[2];
+        if (socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, sv) == 0) {
+            ours.reset(sv[0]);
+            theirs.reset(sv[1]);
+        }
+    }
+    void put(const std::vector<uint8_t>& b) const
+    {
+        ASSERT_EQ(send(theirs.get(), b.data(), b.size(), 0), ssize_t(b.size()));
+    }
+};
+
 struct reply_plan {
     std::vector<std::vector<uint8_t>> messages;  // written in this order
     bool close = false;                          // then close the connection

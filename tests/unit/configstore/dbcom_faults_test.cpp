@@ -1,0 +1,467 @@
+// The configd client when the system fails it: sockets that cannot be made
+// or connected, writes that fail, are cut or meet a closed peer, waits and
+// reads that fail, a configd that answers garbage, and a configd that stalls
+// until the stuck marker is due. Each failure must leave the error text the
+// caller logs and a closed channel; a reconnect after EPIPE must carry on.
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <syslog.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "configstore/dbcom_msg.h"
+#include "dorvfault.h"
+#include "scripted_server.h"
+#include "test_util.h"
+
+namespace {
+
+using cstest::reply;
+using cstest::reply_plan;
+using cstest::scripted_server;
+using cstest::socket_pair;
+using opt = std::optional<std::string>;
+
+std::string get_path()
+{
+    return testutil::at("/tmp/confd_get");
+}
+
+// The client's diagnostics go to syslog: the tests also have them on
+// standard error (LOG_PERROR), where they can be read.
+class dbcom_fault_test : public sandbox_test {
+protected:
+    void SetUp() override
+    {
+        sandbox_test::SetUp();
+        dbcom_response_wait = 1;
+        handle_ = dbcom_init(nullptr, nullptr, DBCOM_UNIX_STREAM);
+        ASSERT_NE(handle_, nullptr);
+        openlog(nullptr, LOG_PERROR, LOG_USER);
+    }
+    void TearDown() override
+    {
+        openlog(nullptr, 0, LOG_USER);  // closelog alone keeps LOG_PERROR
+        closelog();
+        dbcom_close(handle_);
+        dbcom_response_wait = 300;
+    }
+    int transaction(opt* result, opt* error)
+    {
+        static const std::string key = "k\n";
+        return dbcom_do_transaction(handle_, DBCOM_OP_GET, 0, reinterpret_cast<const uint8_t*>(key.data()),
+                                    static_cast<int>(key.size()), result, error);
+    }
+    dbcom_handle* handle_ = nullptr;
+};
+
+std::vector<std::vector<uint8_t>> ok_answer()
+{
+    return {reply(1, 0, "k 1\n")};
+}
+
+struct fault_case {
+    const char* name;
+    const char* rules;                      // "" for none; every rule must fire
+    std::vector<std::vector<uint8_t>> out;  // what the server answers (then closes when `close`)
+    bool close;
+    int rc;
+    opt result;
+    std::string error;   // the error text must start with this
+    size_t requests;     // requests the server read whole
+    int conn;            // connection of the last of them
+    std::string syslog;  // a line the client must have sent to syslog
+};
+
+void PrintTo(const fault_case& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+class transaction_fault_test : public dbcom_fault_test, public ::testing::WithParamInterface<fault_case> {};
+
+TEST_P(transaction_fault_test, error_text_and_channel)
+{
+    const fault_case& c = GetParam();
+    // Only the first request meets the case's answer; configd is sane again
+    // for the next transaction.
+    scripted_server srv(get_path().c_str(), [&c](const cstest::seen_request&, int n) {
+        return n == 0 ? reply_plan{c.out, c.close} : reply_plan{ok_answer(), false};
+    });
+    if (*c.rules)
+        dorvfault::arm(c.rules);
+    opt result;
+    opt error;
+    ::testing::internal::CaptureStderr();
+    int rc = transaction(&result, &error);
+    std::string logged = ::testing::internal::GetCapturedStderr();
+    dorvfault::reset();
+    EXPECT_EQ(rc, c.rc);
+    EXPECT_EQ(result, c.result);
+    std::string err = error.value_or("");
+    std::string want = c.error;
+    for (size_t at = want.find("@GET"); at != std::string::npos; at = want.find("@GET"))
+        want.replace(at, 4, get_path());
+    EXPECT_EQ(err.substr(0, want.size()), want) << err;
+    EXPECT_EQ(handle_->get.open, c.rc == 0 ? 1 : 0);
+    EXPECT_EQ(handle_->get.fd.valid(), c.rc == 0);
+    EXPECT_NE(logged.find(c.syslog), std::string::npos) << logged;
+    srv.wait_for(c.requests);
+    auto reqs = srv.requests();
+    EXPECT_EQ(reqs.size(), c.requests);
+    if (!reqs.empty()) {
+        EXPECT_EQ(reqs.back().conn, c.conn);
+    }
+    // A failed channel is opened afresh by the next transaction, which works.
+    opt again;
+    EXPECT_EQ(transaction(&again, nullptr), 0);
+    EXPECT_EQ(again, opt("k 1\n"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    faults, transaction_fault_test,
+    ::testing::Values(
+        fault_case{"socket_fails", "socket fd=unix errno=EMFILE", ok_answer(), false, 1, std::nullopt,
+                   "Couldn't make unix domain socket: Too many open files\n", 0, 0, ""},
+        fault_case{"connect_refused", "connect fd=unix errno=ECONNREFUSED", ok_answer(), false, 1, std::nullopt,
+                   "Couldn't connect to @GET:  Connection refused\n", 0, 0, ""},
+        fault_case{"write_fails", "send fd=unix errno=ENOBUFS", ok_answer(), false, 1, std::nullopt,
+                   "Error in write: No buffer space available\n", 0, 0, ""},
+        fault_case{"write_cut", "send fd=unix short=5", ok_answer(), false, 1, std::nullopt,
+                   "Error in write:  message truncated\n", 0, 0, ""},
+        // configd closed the connection: one reconnect, and the request goes out on it.
+        fault_case{"epipe_reconnects", "send fd=unix errno=EPIPE", ok_answer(), false, 0, "k 1\n", "", 1, 2, ""},
+        fault_case{"epipe_reconnect_refused", "send fd=unix errno=EPIPE; connect fd=unix nth=2 errno=ECONNREFUSED",
+                   ok_answer(), false, 1, std::nullopt, "Couldn't connect to @GET:  Connection refused\n", 0, 0, ""},
+        fault_case{"epipe_twice", "send fd=unix count=2 errno=EPIPE", ok_answer(), false, 1, std::nullopt,
+                   "Error in write: Broken pipe\n", 0, 0, ""},
+        fault_case{"epipe_then_cut", "send fd=unix errno=EPIPE; send fd=unix nth=2 short=3", ok_answer(), false, 1,
+                   std::nullopt, "Error in write: message truncated\n", 0, 0, ""},
+        fault_case{"wait_fails", "select errno=ENOMEM", ok_answer(), false, 1, std::nullopt,
+                   "Error receiving transaction response: Cannot allocate memory.\n", 1, 1, ""},
+        fault_case{"wait_interrupted", "select errno=EINTR", ok_answer(), false, 0, "k 1\n", "", 1, 1, ""},
+        fault_case{"header_wait_fails", "select nth=2 errno=ENOMEM", ok_answer(), false, 1, std::nullopt,
+                   "Error receiving transaction response: Cannot allocate memory.\n", 1, 1, ""},
+        fault_case{"header_read_fails", "recv fd=unix errno=ECONNRESET", ok_answer(), false, 1, std::nullopt,
+                   "Error receiving transaction response: Connection reset by peer.\n", 1, 1, ""},
+        // Garbage or a cut answer from configd.
+        fault_case{"bad_magic", "", {cstest::wire(2, 1, 0, 0x5A5A5A5A, "")}, false, 1, std::nullopt,
+                   "Error receiving transaction response: ", 1, 1,
+                   "dbcom_read_message:1194: magic num mismatch = 5a5a5a5a or invalid dbcom operation = 1\n"},
+        fault_case{"bad_op", "", {cstest::wire(2, 0, 0, DBCOM_MAGIC, "")}, false, 1, std::nullopt,
+                   "Error receiving transaction response: ", 1, 1,
+                   "dbcom_read_message:1194: magic num mismatch = a5a5a5a5 or invalid dbcom operation = 0\n"},
+        // Diagnostics are C text: one cut by a NUL keeps its start.
+        fault_case{"diagnostics_joined_as_text", "",
+                   {reply(1, 0x1002, std::string("ab\0cd", 5)), reply(1, 0x0001, "x\n")}, false, 1, std::nullopt,
+                   "abx\n", 1, 1, ""},
+        fault_case{"cut_header_then_close", "", {{2, 1, 0}}, true, 1, std::nullopt,
+                   "Error receiving transaction response: ", 1, 1, ""},
+        fault_case{"cut_body_then_close", "", {{2, 1, 0, 0, 0, 9, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 'k'}}, true, 1,
+                   std::nullopt, "Error receiving transaction response: ", 1, 1,
+                   "configd: receiving from dbcom socket failed: 0, err: "}),
+    [](const auto& p) { return std::string(p.param.name); });
+
+void wake(int) {}
+
+// configd never answers while signals keep cutting the waits short: once
+// more than the response wait has passed since it last answered, the stuck
+// report goes out and the marker is made, and the wait goes on; a marker
+// that cannot be made is reported the same way. Then the wait times out.
+TEST_F(dbcom_fault_test, stalled_configd_leaves_the_stuck_marker)
+{
+    const std::string marker = testutil::at("/tmp/run/configd_stuck_notify");
+    scripted_server srv(get_path().c_str(), [](const cstest::seen_request&, int) { return reply_plan{}; });
+    struct sigaction sa {};
+    sa.sa_handler = wake;  // no SA_RESTART: the wait sees EINTR
+    struct sigaction old {};
+    ASSERT_EQ(sigaction(SIGUSR2, &sa, &old), 0);
+    dorvfault::handle refused = dorvfault::arm("open path=" + marker + " nth=2 errno=EACCES");
+
+    std::atomic<bool> done{false};
+    pthread_t waiter = pthread_self();
+    std::thread interrupter([&] {
+        // Until the second stuck report has tried the marker (each is due two
+        // seconds after the last), with a bound should it never come.
+        auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (!done && dorvfault::fired(refused) == 0 && std::chrono::steady_clock::now() < until) {
+            pthread_kill(waiter, SIGUSR2);
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+    });
+    opt result;
+    opt error;
+    ::testing::internal::CaptureStderr();
+    int rc = transaction(&result, &error);
+    std::string logged = ::testing::internal::GetCapturedStderr();
+    done = true;
+    interrupter.join();
+    sigaction(SIGUSR2, &old, nullptr);
+
+    EXPECT_EQ(rc, 1);
+    EXPECT_EQ(error, opt("Timeout waiting for response from database server.\n"));
+    EXPECT_EQ(dorvfault::fired(refused), 1u);
+    EXPECT_TRUE(testutil::exists(marker));
+    EXPECT_NE(logged.find("Configd Stuck Detected: No New Connection happened for last "), std::string::npos) << logged;
+    EXPECT_NE(logged.find("Failure in Configd Stuck Handling Sequence, Unable to touch " + marker + "\n"),
+              std::string::npos)
+        << logged;
+}
+
+// --- the other transports and the set channel ---------------------------------
+
+struct transport_case {
+    const char* name;
+    int transport;
+    const char* server;  // both names; null: the default paths
+    uint8_t op;
+    const char* rules;
+    std::string error;   // @SET: the set server's default path
+    std::string output;  // what the socket helpers print, on either stream
+};
+
+void PrintTo(const transport_case& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+class transport_fault_test : public sandbox_test, public ::testing::WithParamInterface<transport_case> {};
+
+TEST_P(transport_fault_test, first_request_fails_with_its_reason)
+{
+    const transport_case& c = GetParam();
+    dbcom_response_wait = 1;
+    dbcom_handle* h = dbcom_init(c.server, c.server, c.transport);
+    ASSERT_NE(h, nullptr);
+    if (*c.rules)
+        dorvfault::arm(c.rules);
+    opt error;
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(dbcom_do_transaction(h, c.op, 0, nullptr, 0, nullptr, &error), 1);
+    std::string printed = ::testing::internal::GetCapturedStdout() + ::testing::internal::GetCapturedStderr();
+    dbcom_channel& ch = c.op == DBCOM_OP_SET ? h->set : h->get;
+    EXPECT_EQ(ch.open, 0);
+    EXPECT_FALSE(ch.fd.valid());
+    dbcom_close(h);
+    dbcom_response_wait = 300;
+    std::string want = c.error;
+    if (want.find("@SET") != std::string::npos)
+        want.replace(want.find("@SET"), 4, testutil::at("/tmp/confd_set"));
+    EXPECT_EQ(error, opt(want));
+    EXPECT_NE(printed.find(c.output), std::string::npos) << printed;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    transports, transport_fault_test,
+    ::testing::Values(transport_case{"set_channel", DBCOM_UNIX_STREAM, nullptr, DBCOM_OP_SET, "",
+                                     "Couldn't connect to @SET:  No such file or directory\n", ""},
+                      transport_case{"unix_dgram_no_server", DBCOM_UNIX_DGRAM, nullptr, DBCOM_OP_GET, "",
+                                     "Error in write:  No such file or directory\n", ""},
+                      // A bind that fails leaves the channel on no socket: the send says so.
+                      transport_case{"unix_dgram_bind_fails", DBCOM_UNIX_DGRAM, nullptr, DBCOM_OP_GET,
+                                     "bind fd=unix errno=EADDRINUSE", "Error in write:  Bad file descriptor\n",
+                                     "bind: Address already in use\n"},
+                      transport_case{"unix_dgram_socket_fails", DBCOM_UNIX_DGRAM, nullptr, DBCOM_OP_GET,
+                                     "socket fd=unix errno=EMFILE", "Error in write:  Bad file descriptor\n", ""},
+                      transport_case{"op5_set_channel", DBCOM_UNIX_STREAM, nullptr, 5, "",
+                       "Couldn't connect to @SET:  No such file or directory\n", ""},
+        transport_case{"inet_stream_refused", DBCOM_INET_STREAM, "127.0.0.1:tcpmux", DBCOM_OP_GET, "",
+                                     "Couldn't connect to localhost:  Connection refused\n", ""},
+                      transport_case{"inet_get_socket_fails", DBCOM_INET_STREAM, "127.0.0.1:1", DBCOM_OP_GET,
+                                     "socket fd=inet errno=ENFILE",
+                                     "Couldn't make inet domain socket: Too many open files in system\n", ""},
+                      transport_case{"inet_set_socket_fails", DBCOM_INET_STREAM, "127.0.0.1:1", DBCOM_OP_SET,
+                                     "socket fd=inet errno=ENFILE",
+                                     "Couldn't make inet socket: Too many open files in system\n", ""},
+                      transport_case{"inet_dgram_bind_fails", DBCOM_INET_DGRAM, "127.0.0.1:1", DBCOM_OP_GET,
+                                     "bind fd=inet errno=EADDRINUSE", "Error in write:  Bad file descriptor\n",
+                                     "bind_inet_domain error\n"},
+                      transport_case{"inet_dgram_socket_fails", DBCOM_INET_DGRAM, "127.0.0.1:1", DBCOM_OP_GET,
+                                     "socket fd=inet errno=EMFILE", "Error in write:  Bad file descriptor\n", ""},
+                      transport_case{"inet_dgram_unanswered", DBCOM_INET_DGRAM, "127.0.0.1:1", DBCOM_OP_GET, "",
+                                     "Timeout waiting for response from database server.\n", ""}),
+    [](const auto& p) { return std::string(p.param.name); });
+
+// --- requests that cannot be built or sent whole in one message -------------
+
+TEST_F(dbcom_fault_test, long_data_goes_out_as_a_run_of_messages)
+{
+    scripted_server srv(get_path().c_str(), [](const cstest::seen_request&, int) { return reply_plan{ok_answer()}; });
+    std::string data(70000, 'd');
+    data[0] = 'a';
+    data.back() = 'z';
+    opt result;
+    ASSERT_EQ(dbcom_do_transaction(handle_, DBCOM_OP_GET, 0, reinterpret_cast<const uint8_t*>(data.data()),
+                                   static_cast<int>(data.size()), &result, nullptr),
+              0);
+    auto reqs = srv.requests();
+    ASSERT_EQ(reqs.size(), 1u);
+    ASSERT_EQ(reqs[0].messages.size(), 2u);
+    EXPECT_EQ(reqs[0].messages[0].size(), DBCOM_MAX_MSG);
+    EXPECT_EQ(reqs[0].messages[0][2], 0x10);
+    EXPECT_EQ(reqs[0].messages[1][2], 0x00);
+    EXPECT_EQ(reqs[0].data, data);
+
+    // Items that leave no room for data: nothing can be sent.
+    handle_->client_addr = std::string(DBCOM_MAX_BODY, 'a');
+    opt error;
+    EXPECT_EQ(dbcom_do_transaction(handle_, DBCOM_OP_GET, 0, nullptr, 1, &result, &error), 1);
+    EXPECT_EQ(error, opt("dbcom_do_transaction: Unable to build request message.\n"));
+    EXPECT_EQ(result, std::nullopt);
+}
+
+// Calls the daemon never makes but the library takes.
+TEST_F(dbcom_fault_test, library_edges)
+{
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(dbcom_init(nullptr, nullptr, DBCOM_INET_STREAM), nullptr);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Null set server names\nNull get server names\n");
+    std::string escaped;
+    ASSERT_EQ(dbcom_escape_spaces("a b  c", &escaped), 0);
+    EXPECT_EQ(escaped, "a\\ b\\ \\ c");
+    EXPECT_EQ(dbcom_do_transaction(nullptr, DBCOM_OP_GET, 0, nullptr, 0, nullptr, nullptr), 1);
+    EXPECT_EQ(dbcom_do_transaction(handle_, DBCOM_OP_GET, 0, nullptr, -1, nullptr, nullptr), 1);
+    EXPECT_EQ(dbcom_request(nullptr, DBCOM_OP_GET, nullptr, nullptr, nullptr), 1);
+    // No configd: every attempt fails, and no output slot is needed.
+    EXPECT_EQ(dbcom_request(handle_, DBCOM_OP_GET, nullptr, nullptr, nullptr), 1);
+    bool failed = false;
+    EXPECT_TRUE(dbcom_take_response(std::vector<uint8_t>{2, 1, 0}, DBCOM_OP_GET, nullptr, nullptr, &failed));
+    EXPECT_FALSE(failed);
+    EXPECT_TRUE(dbcom_take_response(reply(1, 0x1002, "diag"), DBCOM_OP_GET, nullptr, nullptr, &failed));
+    uint8_t b;
+    errno = 0;
+    EXPECT_EQ(dbcom_recv_timed(FD_SETSIZE, &b, 1, 10), -1);
+    EXPECT_EQ(errno, EBADF);
+    // No configd: the failures need no error slot; a get none for the value.
+    EXPECT_EQ(dbcom_do_transaction(handle_, DBCOM_OP_GET, 0, nullptr, 0, nullptr, nullptr), 1);
+    EXPECT_EQ(dbcom_get(handle_, "k", nullptr, nullptr), 1);
+    // A text that ends in a line feed, or an empty one, goes out as it is.
+    for (std::string text : {"k\n", ""}) {
+        std::string sent = text;
+        EXPECT_EQ(dbcom_request(handle_, DBCOM_OP_GET, &sent, nullptr, nullptr), 1);
+        EXPECT_EQ(sent, text);
+    }
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(dbcom_init(std::string(101, 'x').c_str(), nullptr, DBCOM_UNIX_STREAM), nullptr);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Null get server names\n");
+}
+
+// A socket numbered past what select can wait on fails the wait, not the
+// process.
+TEST_F(dbcom_fault_test, socket_past_the_select_limit)
+{
+    rlimit lim{};
+    getrlimit(RLIMIT_NOFILE, &lim);
+    lim.rlim_cur = lim.rlim_max;
+    if (lim.rlim_max <= FD_SETSIZE + 1 || setrlimit(RLIMIT_NOFILE, &lim) != 0)
+        GTEST_SKIP() << "no descriptor past " << FD_SETSIZE << " here";
+    scripted_server srv(get_path().c_str(), [](const cstest::seen_request&, int) { return reply_plan{ok_answer()}; });
+    ASSERT_EQ(dbcom_connect(handle_, DBCOM_GET_CHANNEL, nullptr), 0);
+    int high = fcntl(handle_->get.fd.get(), F_DUPFD_CLOEXEC, FD_SETSIZE);
+    ASSERT_GE(high, FD_SETSIZE);
+    handle_->get.fd.reset(high);
+    opt error;
+    EXPECT_EQ(transaction(nullptr, &error), 1);
+    EXPECT_EQ(error, opt("Error receiving transaction response: Bad file descriptor.\n"));
+    EXPECT_EQ(handle_->get.open, 0);
+}
+
+// --- the message layer's edges --------------------------------------------
+
+using bytes = std::vector<uint8_t>;
+
+TEST(dbcom_msg_edges, builders_refuse_what_cannot_be_a_message)
+{
+    dbcom_message msg;
+    // A response splits at 65535 bytes of data, as a request does.
+    EXPECT_EQ(dbcom_build_response(1, 0x1000, 0, DBCOM_MAGIC, nullptr, DBCOM_MAX_BODY, &msg), 65535);
+    EXPECT_EQ(bytes(msg.begin(), msg.begin() + 12), (bytes{2, 1, 0, 0, 0xFF, 0xFF, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5}));
+    const bytes big(DBCOM_MAX_BODY + 1, 'x');
+    EXPECT_EQ(dbcom_build_response(1, 0x0002, 0, DBCOM_MAGIC, big.data(), big.size(), &msg), 65535);
+    EXPECT_EQ(bytes(msg.begin(), msg.begin() + 4), (bytes{2, 1, 0x10, 0x02}));
+    EXPECT_EQ(msg.back(), 'x');
+    const uint8_t data[] = {'x'};
+    // Without a handle both items are absent.
+    EXPECT_EQ(dbcom_build_request(nullptr, 1, 0, 0, DBCOM_MAGIC, data, 1, &msg), 1);
+    EXPECT_EQ(bytes(msg.begin(), msg.end()),
+              (bytes{1, 1, 0, 0, 0, 9, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 0, 0, 0, 0, 0, 0, 0, 0, 'x'}));
+    // Items too long for a body, or leaving no room for data that must go.
+    dbcom_handle h;
+    h.user = std::string(DBCOM_MAX_BODY - 7, 'u');
+    EXPECT_EQ(dbcom_build_request(&h, 1, 0, 0, DBCOM_MAGIC, nullptr, 0, &msg), -2);
+    EXPECT_TRUE(msg.empty());
+    h.user = std::string(DBCOM_MAX_BODY - 8, 'u');
+    EXPECT_EQ(dbcom_build_request(&h, 1, 0, 0, DBCOM_MAGIC, data, 1, &msg), -2);
+    EXPECT_EQ(dbcom_build_request(&h, 1, 0, 0, DBCOM_MAGIC, nullptr, 0, &msg), 0);
+    EXPECT_EQ(msg.size(), DBCOM_MAX_MSG);
+}
+
+TEST(dbcom_msg_edges, decoders_check_every_length)
+{
+    dbcom_request_view v;
+    const bytes ext = {4, 1, 0, 0, 0, 18, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 0, 0,   0,
+                       0, 0, 0, 0, 0, 3,  0, 0, 0,    1,    2,    3,    4, 'k', '\n'};
+    ASSERT_EQ(dbcom_parse_request(ext, &v), 0);
+    EXPECT_EQ(v.trailer_op, 3);
+    const uint8_t word[4] = {1, 2, 3, 4};
+    EXPECT_EQ(std::memcmp(&v.trailer_value, word, 4), 0);
+    EXPECT_EQ(std::string(v.data.begin(), v.data.end()), "k\n");
+    const bytes rejected[] = {
+        {4, 1, 0, 0, 0, 12, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 0, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0}, // cut trailer
+        {1, 1, 0, 0, 0, 2, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 1, 0},                                // cut item head
+        {1, 1, 0, 0, 0, 0, 0, 0, 0xA5, 0xA5, 0xA5},                                            // cut header
+    };
+    for (const bytes& r : rejected) {
+        SCOPED_TRACE(::testing::PrintToString(r));
+        EXPECT_EQ(dbcom_parse_request(r, &v), -1);
+        EXPECT_EQ(dbcom_parse_response(r, nullptr, nullptr, nullptr), r.size() < 12 ? -1 : r[5]);
+    }
+}
+
+// Datagrams are checked for length only: one shorter than its header or its
+// announced body is refused.
+TEST(dbcom_msg_edges, datagrams_shorter_than_announced)
+{
+    socket_pair sp(SOCK_DGRAM);
+    bytes buf(DBCOM_MAX_MSG);
+    const struct {
+        bytes dgram;
+        int rc;
+    } rows[] = {
+        {{2, 1, 0, 0, 0, 0, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5}, 1},
+        {{2, 1, 0, 0, 0}, -1},  // behind a whole header that announced no body
+        {{2, 1, 0, 0, 0, 10, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 1, 2, 3, 4, 5, 6, 7, 8}, -1},
+    };
+    for (const auto& r : rows) {
+        sp.put(r.dgram);
+        EXPECT_EQ(dbcom_read_message(sp.ours.get(), DBCOM_UNIX_DGRAM, buf.data(), buf.size()), r.rc);
+    }
+}
+
+// A bad header from a peer that then closes: the flush reads to the end.
+TEST(dbcom_msg_edges, bad_header_flush_ends_at_close)
+{
+    socket_pair sp(SOCK_STREAM);
+    sp.put(cstest::wire(2, 9, 0, DBCOM_MAGIC, "junk"));
+    sp.theirs.reset();
+    bytes buf(DBCOM_MAX_MSG);
+    openlog(nullptr, LOG_PERROR, LOG_USER);
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(dbcom_read_message(sp.ours.get(), 5, buf.data(), buf.size()), -1);
+    std::string logged = ::testing::internal::GetCapturedStderr();
+    openlog(nullptr, 0, LOG_USER);
+    closelog();
+    EXPECT_NE(logged.find("dbcom_read_message:1201: flushing socket: bytes_read = 4 msg = junk\n"), std::string::npos)
+        << logged;
+    EXPECT_NE(logged.find("dbcom_read_message:1201: flushing socket: bytes_read = 0 msg = \n"), std::string::npos)
+        << logged;
+}
+
+}  // namespace
