@@ -1,11 +1,23 @@
 # Installation and the Debian package.
 #
-# `cmake --install` (DESTDIR honoured) puts the daemon in sbin/ and nothing
-# else: tests, the simulator and the sysroot stay in the build. `cpack` in a
-# build folder makes dorvand_VERSION_ARCH.deb in <build>/packages, for the
-# build's target: amd64 natively, armhf with cmake/toolchains/armhf.cmake.
+# `cmake --install` (DESTDIR honoured) puts the daemon in sbin/, the procd
+# init script in /etc/init.d and the systemd unit in lib/systemd/system/
+# (under the prefix: /usr/lib/systemd/system with /usr, where systemd looks
+# as well as in /lib); tests, the simulator and the sysroot stay in the
+# build. `cpack` in a build folder makes dorvand_VERSION_ARCH.deb in
+# <build>/packages, for the build's target: amd64 natively, armhf with
+# cmake/toolchains/armhf.cmake.
+#
+# The package enables and starts nothing: it has no maintainer scripts. The
+# image that installs it decides how the daemon starts (`/etc/init.d/dorvand
+# enable` under procd, `systemctl enable dorvand` under systemd), as it also
+# provides the configuration daemon, the driver and the transition script
+# that the daemon needs.
 include(GNUInstallDirs)
 install(TARGETS dorvand RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+# The init script's place is fixed by procd's rc.common, whatever the prefix.
+install(PROGRAMS ${CMAKE_SOURCE_DIR}/packaging/dorvand.init DESTINATION /etc/init.d RENAME dorvand)
+install(FILES ${CMAKE_SOURCE_DIR}/packaging/dorvand.service DESTINATION lib/systemd/system)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME dorvand)
@@ -21,6 +33,9 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+# A local change to the init script survives an upgrade, as for any file of /etc.
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_SOURCE_DIR}/packaging/conffiles)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 # The target's Debian architecture: dpkg would name the build machine's.
 if(CMAKE_LIBRARY_ARCHITECTURE STREQUAL "arm-linux-gnueabihf")

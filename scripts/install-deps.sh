@@ -4,12 +4,17 @@
 set -euo pipefail
 packages=(g++ cmake make libgtest-dev libgmock-dev libsqlite3-dev sqlite3 python3 python3-pytest
           iproute2 util-linux procps python3-matplotlib)
+# scripts/coverage.sh: its reports.
+packages+=(gcovr)
 # The fuzz targets: clang with its libFuzzer and sanitizer runtimes.
 packages+=(clang libclang-rt-14-dev)
 # The armhf build: Debian's cross compiler, and qemu-arm to run what it builds.
 # (g++-multilib would remove the cross compiler: the 32-bit layouts are
 # checked by the armhf build itself.)
 packages+=(g++-arm-linux-gnueabihf qemu-user)
+# systemd-analyze, which checks the package's unit; installing it starts
+# nothing on a machine that was not booted with it.
+packages+=(systemd)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

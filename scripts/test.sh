@@ -7,9 +7,11 @@
 # ThreadSanitizer; the armhf build (the access points' Device configuration,
 # cross-compiled) with its unit tests under qemu-arm and every scenario run
 # with the armhf daemon; the Debian packages for amd64 and armhf, left in
-# dist/ (the end-to-end suite installs this machine's and starts it). Run as
-# root (the tests use private mount and network namespaces). Exits non-zero
-# when anything fails.
+# dist/ (the end-to-end suite installs both and starts each daemon through
+# the init script and the systemd unit, the armhf one under qemu-arm); and
+# the unit tests once more as an ordinary user (nobody). Run as root (the
+# tests use private mount and network namespaces). Exits non-zero when
+# anything fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
@@ -47,6 +49,18 @@ cmake --build build-tsan -j"$jobs" --target test_neighbours test_ftstatus
 status=0
 echo "== unit and end-to-end tests =="
 ctest --test-dir build --output-on-failure -j"$jobs" || status=1
+echo "== unit tests as an ordinary user (nobody: no mount namespace, a private root instead) =="
+# ctest keeps its logs in the build: that one folder is lent to the user for the run.
+mkdir -p build/Testing/Temporary
+chown -R nobody:nogroup build/Testing/Temporary
+if ! setpriv --reuid=nobody --regid=nogroup --clear-groups test -x build/tests/test_base; then
+    echo "FAILED: nobody cannot reach the build's test programs in $PWD/build (a folder above it is private)"
+    status=1
+elif ! setpriv --reuid=nobody --regid=nogroup --clear-groups env HOME=/ \
+        ctest --test-dir build --output-on-failure -L unit --no-tests=error -j"$jobs"; then
+    status=1
+fi
+chown -R "$(id -u):$(id -g)" build/Testing/Temporary
 echo "== unit and end-to-end tests, ASan + UBSan (the daemon's reports fail the test that caused them) =="
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     ctest --test-dir build-asan --output-on-failure -j"$jobs" || status=1

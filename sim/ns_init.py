@@ -5,7 +5,8 @@ reaps it (it is a subreaper, so the detached daemon stays its child).
 Run by Sandbox as: unshare -m -n --fork /usr/bin/python3 ns_init.py CONFIG.json
 It writes its progress to the status file named in the config (JSON, replaced
 atomically) and ends when every process below it has ended. SIGTERM kills
-every process below it, by pid.
+every process below it, by pid: with the config's term_grace (a daemon built
+for coverage), first by SIGTERM for that many seconds, then by SIGKILL.
 """
 
 import ctypes
@@ -19,6 +20,8 @@ import time
 PR_SET_CHILD_SUBREAPER = 36
 
 terminating = False
+sigkill_after = 0.0  # monotonic time from which what is left gets SIGKILL
+term_grace = 0.0
 
 
 def run(*cmd, **kw):
@@ -69,16 +72,22 @@ def write_status(path, status):
     os.replace(tmp, path)
 
 
-def kill_children():
+def kill_children(*_):
+    sig = signal.SIGTERM if time.monotonic() < sigkill_after else signal.SIGKILL
     for pid in children():
         try:
-            os.kill(pid, signal.SIGKILL)
+            os.kill(pid, sig)
         except ProcessLookupError:
             pass
 
 
 def on_term(signo, frame):
-    global terminating
+    global terminating, sigkill_after
+    if not terminating and term_grace > 0:
+        sigkill_after = time.monotonic() + term_grace
+        # Wakes a waitpid that a child ignoring SIGTERM would block.
+        signal.signal(signal.SIGALRM, kill_children)
+        signal.setitimer(signal.ITIMER_REAL, term_grace + 0.01)
     terminating = True
     kill_children()
 
@@ -110,6 +119,8 @@ def main():
         cfg = json.load(f)
     status = {"init_pid": os.getpid(), "launcher_pid": None, "launcher_status": None,
               "daemon_pids": [], "exits": {}, "done": False}
+    global term_grace
+    term_grace = float(cfg.get("term_grace", 0.0))
     signal.signal(signal.SIGTERM, on_term)
     try:
         setup_mounts(cfg)

@@ -37,7 +37,7 @@ def build(out: Path) -> str:
     parts = [_header(res, sc), _key_holders(out), _script_runs(out, res)]
     for band in _bands_of(res):
         parts.append(_band(out, band, sc))
-    parts += [_log_messages(out), _expectations(res)]
+    parts += [_faults(res), _log_messages(out), _expectations(res)]
     text = "\n".join(p for p in parts if p)
     (out / "report.txt").write_text(text)
     return text
@@ -177,6 +177,25 @@ def _message_kind(text: str) -> str:
     text = re.sub(r"MAC( +MAC)+", "MAC...", re.sub(r"\s+", " ", text))
     text = re.sub(r"ssid:.*? bssid:", "ssid:* bssid:", text)
     return re.sub(r"\d+", "#", text)[:90]
+
+
+def _faults(res: RunResult) -> str:
+    if not res.faults:
+        return ""
+    lines = [f"---- faults: {len(res.faults)} armed by the scenario (daemon seconds; firings from the start)"]
+    for f in res.faults:
+        span = f" for {f['lasts']:g} s" if f["lasts"] is not None else ""
+        if not f["armed"]:
+            state = "never armed"
+        elif f["fired"]:
+            state = (f"fired once at {f['first']:.0f} s" if f["fired"] == 1 else
+                     f"fired {f['fired']} times, {f['first']:.0f} s to {f['last']:.0f} s")
+        else:
+            state = "never fired" + (" (optional)" if f["optional"] else "")
+        lines.append(f"  {f['rule']}")
+        lines.append(f"      from {f['after']}+{f['at']:g}{span}: {state}")
+        lines += [f"      failed: {x}" for x in f["failures"]]
+    return "\n".join(lines) + "\n"
 
 
 def _expectations(res: RunResult) -> str:

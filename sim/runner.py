@@ -52,6 +52,7 @@ class RunResult:
     holds: dict = field(default_factory=dict)
     problems: list[str] = field(default_factory=list)  # the run itself went wrong
     outcomes: list[Outcome] = field(default_factory=list)
+    faults: list[dict] = field(default_factory=list)  # each [[fault]]: rule, armed, fired, calls, ...
 
     @property
     def passed(self) -> bool:
@@ -102,6 +103,7 @@ class Runner:
             self.watcher.poll()
             self._check("exit")
         finally:
+            self._fault_outcomes()
             self.sb.close()
             self.result.wall = time.time() - start
             self.result.milestones = dict(self.watcher.milestones)
@@ -153,7 +155,11 @@ class Runner:
 
     def _apply(self, ev: Event) -> None:
         a, sb = ev.args, self.sb
-        if "data" in a:
+        if ev.do == "fault":
+            sb.arm_fault(a["rule"], a["optional"])
+        elif ev.do == "fault_off":
+            sb.faults.disarm(a["rule"])
+        elif "data" in a:
             sb.send_event(a["data"])
             self._sent["datagrams"] += 1
         elif ev.do == "ft_status":
@@ -227,6 +233,25 @@ class Runner:
             src = self.sb.path(rel)
             if src.is_file():
                 shutil.copyfile(src, final / src.name)
+
+    def _fault_outcomes(self) -> None:
+        """Each [[fault]]: whether it was armed and what it failed; one that
+        was armed and never fired fails the run, unless optional."""
+        fired = self.sb.faults_fired()
+        armed = {h.rule for h in self.sb.faults.ever}
+        for f in self.sc.faults:
+            mine = [x for x in fired if x["rule"] == f.rule]
+            self.result.faults.append({
+                "rule": f.rule, "where": f.where, "after": f.after, "at": f.at, "lasts": f.lasts,
+                "optional": f.optional, "armed": f.rule in armed, "fired": len(mine),
+                "first": mine[0]["t"] - self.sb.t0 if mine else None,
+                "last": mine[-1]["t"] - self.sb.t0 if mine else None,
+                "failures": sorted({f"{x['call']} {x['path']} {x.get('errno') or 'short=' + x['short']}"
+                                    for x in mine}),
+            })
+            if f.rule in armed and not f.optional:
+                self.result.outcomes.append(Outcome(f.where, f"fault {f.rule!r} fires", "end", bool(mine),
+                                                    f"fired {len(mine)} times" if mine else "never fired"))
 
     def _check(self, phase: str) -> None:
         checker = Checker(self.sb, self.watcher)

@@ -15,6 +15,8 @@ Scratch layout:
         calls/TOOL.log    arguments of each run of wifitool, ifconfig, ...
         runs/SCRIPT/NNNNN copies of the key-holder files at each script run
         ctl/              switches for the simulated tools
+        faults            fault rules, re-read while the daemon runs (sim/faults.py)
+        faults.fired      what they failed, one line a firing
     usr-upper/, usr-work/ the overlay's layers
     out/                  ns_init config and status, its output, syslog.txt
 """
@@ -35,6 +37,7 @@ import time
 from dataclasses import dataclass
 from pathlib import Path
 
+from sim import faults
 from sim.driver_state import DriverState, write_atomic
 from sim.syslog_sink import SyslogSink
 
@@ -45,6 +48,11 @@ SIMLIB_IN_ROOT = "/usr/lib/dorvsim/libdorvsim.so"
 # there first, so the same LD_PRELOAD names the target's preload library for
 # the daemon and the host's for the shells and tools it starts.
 GUEST_ROOT_IN_ROOT = "/usr/lib/dorvsim/guest"
+# An emulated daemon started by a command of its own (an init script, a
+# unit's ExecStart): the target's binary, which DAEMON_IN_ROOT then runs under
+# qemu-user as the kernel's binfmt_misc would (named dorvand, as the preload
+# library serves only the process of that name).
+TARGET_DAEMON_IN_ROOT = "/usr/lib/dorvsim/target/dorvand"
 EXIT_SIGNAL = 10
 DEFAULT_SCALE = 100.0
 DEFAULT_LINKS = {"wifi0": True, "wifi0vap0": True, "wifi1": True, "wifi1vap0": True,
@@ -71,6 +79,11 @@ SANITIZER_ENV = {
     "ASAN_OPTIONS": f"log_path={REPORTS_IN_ROOT}:verify_asan_link_order=0:detect_leaks=1",
     "UBSAN_OPTIONS": f"log_path={REPORTS_IN_ROOT}:print_stacktrace=1:halt_on_error=1",
 }
+# How long a daemon built for coverage (DORVAND_COVERAGE) gets to write its
+# counters on SIGTERM when the sandbox is ended, before SIGKILL. Below
+# terminate()'s own wait for ns_init.
+COVERAGE_TERM_GRACE = 2.0
+COVERAGE_TERM_STATUS = 143  # its exit status then: 128 + SIGTERM, as a shell reports it
 
 
 class SandboxError(Exception):
@@ -109,7 +122,8 @@ class Sandbox:
                  config: str = "", links: dict[str, bool] | None = None,
                  driver: DriverState | dict | None = None, scale: float = DEFAULT_SCALE,
                  configd: dict | None = None, keep: bool = False, t0: float | None = None,
-                 emulation: Emulation | None = None):
+                 emulation: Emulation | None = None, command: list[str] | None = None,
+                 files: dict[str, tuple[bytes, int]] | None = None):
         """board: the product id (or the raw bytes of /etc/board; None: no
         file). config: text of /tmp/run/config. links: interface name -> up,
         the board's radios and VAPs (default DEFAULT_LINKS). driver: the
@@ -120,10 +134,16 @@ class Sandbox:
         the launch), shared by the access points of one deployment.
         emulation: run `dorvand`, built for another architecture, under
         qemu-user (`simlib` is then the host's library, for the programs the
-        daemon starts)."""
+        daemon starts). command: start the daemon (/usr/sbin/dorvand) through
+        this command, as an init system would (an init script, a unit's
+        ExecStart), instead of directly; the process may stay, as a watcher
+        does, and the daemon's pid is then the one its pid file names. files:
+        path in the root -> (bytes, mode), added to the root."""
         self.dorvand = Path(dorvand)
         self.simlib = Path(simlib)
         self.emulation = emulation
+        self.command = list(command) if command else None
+        self.files = dict(files or {})
         self.board = board
         self.config = config
         self.links = dict(DEFAULT_LINKS if links is None else links)
@@ -143,7 +163,12 @@ class Sandbox:
         self._syslog: SyslogSink | None = None
         self.configd = None  # the ConfigdSim serving /tmp/confd_get, while running
         self.sanitized = _is_sanitized(self.dorvand)
+        # A coverage daemon writes its counters to the build's absolute
+        # paths: that folder is bound into the root at the same path.
+        self.coverage_dir = None if emulation else _coverage_dir(self.dorvand)
         self.sanitizer_reports: list[str] = []  # filled by close()
+        self.faults = faults.Faults(self.root, self._daemon_running,
+                                    timeout=30.0 if emulation else 10.0)
 
     # ---- life cycle -----------------------------------------------------------
 
@@ -293,7 +318,32 @@ class Sandbox:
         if self._pid is None:
             pids = self.status().get("daemon_pids") or []
             self._pid = pids[0] if pids else None
+        if self._pid is None and self.command:
+            # The starting command may stay (a watcher), so ns_init cannot
+            # tell the daemon by its launcher's end: its pid file names it.
+            pid = self._read_pid_file()
+            if pid and pid != self.status().get("launcher_pid") and _comm(pid) == self._daemon_comm():
+                self._pid = pid
         return self._pid
+
+    def arm_fault(self, rule: str, optional: bool = False) -> faults.FaultHandle:
+        """Arms a fault rule (sim/README.md) for the daemon; once it runs,
+        returns after the daemon has taken the rule. Raises FaultError for a
+        rule it refuses. Unless `optional`, the test fixture fails a test
+        whose armed rule never fired."""
+        return self.faults.arm(rule, optional)
+
+    def disarm_faults(self) -> None:
+        """Disarms every rule; their firings stay on record."""
+        self.faults.disarm_all()
+
+    def faults_fired(self, handle: faults.FaultHandle | None = None) -> list[dict]:
+        """Every firing (t, rule, call, path, errno or short), or one rule's."""
+        fired = self.faults.fired()
+        return [f for f in fired if f["rule"] == handle.rule] if handle else fired
+
+    def _daemon_running(self) -> bool:
+        return self.running() and self.pid() is not None and self.exit_code() is None
 
     def daemon_time(self, real: float | None = None) -> float:
         """The daemon's wall clock (epoch seconds) at real time `real`."""
@@ -427,6 +477,28 @@ class Sandbox:
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
             s.sendto(data, _sock_path(self.path("/tmp/roam_sock")))
 
+    def start_beside(self, timeout: float = 10.0) -> subprocess.CompletedProcess:
+        """Starts the daemon once more in the running sandbox, as a second
+        start on the same access point would, and returns that launch (exit
+        code, stdout, stderr). A daemon that detaches instead is killed, by
+        the pid it wrote, so nothing outlives the sandbox."""
+        init_pid = self.status().get("init_pid")
+        if not init_pid or not self.running():
+            raise SandboxError("the sandbox is not running")
+        cfg = json.loads((self.out / "ns_init.json").read_text())
+        env = [f"{k}={v}" for k, v in cfg["env"].items()]
+        r = subprocess.run(["nsenter", f"--mount=/proc/{init_pid}/ns/mnt", f"--net=/proc/{init_pid}/ns/net",
+                            "chroot", str(self.root), "/usr/bin/env", "-i", *env, *cfg["daemon"]],
+                           stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=timeout)
+        if r.returncode == 0:
+            deadline = time.monotonic() + 2
+            while time.monotonic() < deadline and self._read_pid_file() in (None, self.pid()):
+                time.sleep(0.02)
+            other = self._read_pid_file()
+            if other and other != self.pid():
+                _kill(other, signal.SIGKILL)
+        return r
+
     def set_driver(self, driver: DriverState | dict) -> None:
         """Replaces the driver's answers; the daemon's next request sees them."""
         self.driver = driver if isinstance(driver, DriverState) else DriverState.from_dict(driver)
@@ -503,6 +575,8 @@ class Sandbox:
                 (self.root / link).symlink_to(f"usr/{link}")
         for dev in DEVICES:
             (self.root / dev.lstrip("/")).touch()
+        if self.coverage_dir:
+            (self.root / self.coverage_dir.lstrip("/")).mkdir(parents=True, exist_ok=True)
         self.path("/tmp").chmod(0o1777)
         (self.root / "etc/passwd").write_text("root:x:0:0:root:/root:/bin/sh\n")
         (self.root / "etc/group").write_text("root:x:0:\n")
@@ -513,6 +587,13 @@ class Sandbox:
         self.path("/tmp/run/config").write_text(self.config)
         self.driver.write(self.path("/dorvsim/state"))
         self._install_upper()
+        for rel, (data, mode) in self.files.items():
+            # /usr is the overlay: its files go to the upper layer.
+            dest = (self.scratch / "usr-upper" / rel[len("/usr/"):] if rel.startswith("/usr/")
+                    else self.path(rel))
+            dest.parent.mkdir(parents=True, exist_ok=True)
+            dest.write_bytes(data)
+            dest.chmod(mode)
 
     def _copy_alternatives(self) -> None:
         """Debian reaches some tools through /etc/alternatives (awk is
@@ -533,7 +614,9 @@ class Sandbox:
             dest = upper / rel
             dest.parent.mkdir(parents=True, exist_ok=True)
             shutil.copy2(SIM_DIR / "fakes" / fake, dest)
-        for src, rel in ((self.dorvand, DAEMON_IN_ROOT), (self.simlib, SIMLIB_IN_ROOT)):
+        wrapped = self.emulation and self.command
+        for src, rel in ((self.dorvand, TARGET_DAEMON_IN_ROOT if wrapped else DAEMON_IN_ROOT),
+                         (self.simlib, SIMLIB_IN_ROOT)):
             if not src.is_file():
                 raise SandboxError(f"missing {src}")
             dest = upper / rel[len("/usr/"):]
@@ -541,6 +624,10 @@ class Sandbox:
             shutil.copy2(src, dest)
         if self.emulation:
             self._install_guest_root(upper / GUEST_ROOT_IN_ROOT[len("/usr/"):])
+        if wrapped:
+            wrapper = upper / DAEMON_IN_ROOT[len("/usr/"):]
+            wrapper.write_text("#!/bin/sh\nexec " + " ".join(self._emulated_command(TARGET_DAEMON_IN_ROOT)) + ' "$@"\n')
+            wrapper.chmod(0o755)
 
     def _install_guest_root(self, guest: Path) -> None:
         """The emulated daemon's own libraries under qemu's -L folder: the
@@ -565,10 +652,18 @@ class Sandbox:
         it needs beyond the simulator's: the preload library, given to the
         emulated daemon only (qemu itself must not load it)."""
         preload = {"LD_PRELOAD": SIMLIB_IN_ROOT}
+        if self.command:
+            return self.command, {} if self.emulation else preload
         if not self.emulation:
             return [DAEMON_IN_ROOT], preload
+        return self._emulated_command(DAEMON_IN_ROOT), {}
+
+    def _emulated_command(self, daemon: str) -> list[str]:
         qemu = f"/usr/bin/{Path(self.emulation.qemu).name}"
-        return [qemu, "-L", GUEST_ROOT_IN_ROOT, "-E", f"LD_PRELOAD={SIMLIB_IN_ROOT}", DAEMON_IN_ROOT], {}
+        return [qemu, "-L", GUEST_ROOT_IN_ROOT, "-E", f"LD_PRELOAD={SIMLIB_IN_ROOT}", daemon]
+
+    def _daemon_comm(self) -> str:
+        return self.emulation.comm if self.emulation else "dorvand"
 
     def _ns_config(self) -> dict:
         for name in self.links:
@@ -579,13 +674,15 @@ class Sandbox:
             "root": str(self.root),
             "usr_upper": str(self.scratch / "usr-upper"),
             "usr_work": str(self.scratch / "usr-work"),
-            "binds": list(DEVICES),
+            "binds": list(DEVICES) + ([self.coverage_dir] if self.coverage_dir else []),
+            # SIGTERM first, so that a coverage daemon's counters are kept.
+            "term_grace": COVERAGE_TERM_GRACE if self.coverage_dir else 0.0,
             # The sanitizer runtimes read /proc/self/maps.
             "proc": self.sanitized,
             "links": [[name, bool(up)] for name, up in self.links.items()],
             "status": str(self.out / "ns_status.json"),
             "daemon": command,
-            "daemon_comm": self.emulation.comm if self.emulation else "dorvand",
+            "daemon_comm": self._daemon_comm(),
             "env": {
                 "PATH": PATH_ENV,
                 "TZ": "UTC",
@@ -594,6 +691,7 @@ class Sandbox:
                 "DORVSIM_REQLOG": "/dorvsim/reqlog",
                 "DORVSIM_SCALE": repr(self.scale),
                 "DORVSIM_T0": f"{self.t0:.6f}",
+                **faults.ENV,
                 **(SANITIZER_ENV if self.sanitized else {}),
             },
         }
@@ -669,6 +767,28 @@ def _is_sanitized(binary: Path) -> bool:
     except OSError:
         return False
     return b"__asan_init" in data or b"__ubsan_handle_" in data
+
+
+def _coverage_dir(binary: Path) -> str | None:
+    """For a daemon built with gcov's counters: the build folder that holds
+    every counter file it writes (their absolute paths are compiled in).
+    None for any other binary."""
+    try:
+        data = binary.read_bytes()
+    except OSError:
+        return None
+    files = {m.decode(errors="replace") for m in re.findall(rb"(/[\x21-\x7e]+\.gcda)\0", data)}
+    if not files:
+        return None
+    folder = os.path.commonpath([os.path.dirname(f) for f in files])
+    return folder if folder != "/" else None
+
+
+def _comm(pid: int) -> str:
+    try:
+        return Path(f"/proc/{pid}/comm").read_text().strip()
+    except OSError:
+        return ""
 
 
 def _kill(pid: int, sig: int) -> None:

@@ -34,6 +34,10 @@ DRIVER_ERRORS = {"acs": "acs_error", "report": "report_error", "chanscan": "chan
                  "voice": "voice_error", "chaninfo": "chan_info_error"}
 MAC_RE = re.compile(r"^[0-9A-Fa-f]{2}([:-][0-9A-Fa-f]{2}){5}$")
 MILESTONE_RE = re.compile(r"^(start|ready|exit|full|batch[1-9]\d*|(2g|5g|5gh)\.(triggered|full|batch[1-9]\d*(\.done)?))$")
+# A fault rule's words (the preload library checks the rest when it is armed).
+FAULT_CALLS = ("open", "write", "rename", "unlink", "ftruncate", "fsync", "mkdir", "socket", "bind", "connect",
+               "send", "recv", "pipe2", "spawn", "select", "poll")
+FAULT_KEYS = ("path", "fd", "nth", "count", "errno", "short")
 OTHER_SSIDS = ("CafeGuest", "HP-Print-3F", "lab-net", "Visitors", "eduroam", "DIRECT-tv", "warehouse", "")
 
 
@@ -102,6 +106,19 @@ class Expectation:
 
 
 @dataclass
+class Fault:
+    """A fault rule armed `at` daemon seconds after milestone `after`, for
+    `lasts` daemon seconds (None: to the end)."""
+
+    rule: str
+    at: float
+    after: str
+    lasts: float | None
+    optional: bool
+    where: str
+
+
+@dataclass
 class Scenario:
     name: str
     path: Path | None = None
@@ -114,6 +131,7 @@ class Scenario:
     radios: list[RadioSpec] = field(default_factory=list)
     events: list[Event] = field(default_factory=list)
     expectations: list[Expectation] = field(default_factory=list)
+    faults: list[Fault] = field(default_factory=list)
 
     @property
     def radio_type(self) -> int:
@@ -231,6 +249,16 @@ def parse(data: dict, path: Path | None = None) -> Scenario:
         raise ScenarioError("[[radio]]: a radio index is given twice")
     for i, et in enumerate(t.get("event", list, []), 1):
         sc.events.extend(_event(Table(et, f"[[event]] #{i}"), sc))
+    for i, ft in enumerate(t.get("fault", list, []), 1):
+        fault = _fault(Table(ft, f"[[fault]] #{i}"))
+        sc.faults.append(fault)
+        sc.events.append(Event(fault.at, fault.after, "fault", {"rule": fault.rule, "optional": fault.optional},
+                               fault.where))
+        if fault.lasts is not None:
+            sc.events.append(Event(fault.at + fault.lasts, fault.after, "fault_off", {"rule": fault.rule},
+                                   fault.where))
+    if len({f.rule for f in sc.faults}) != len(sc.faults):
+        raise ScenarioError("[[fault]]: a rule is given twice")
     for i, xt in enumerate(t.get("expect", list, []), 1):
         sc.expectations.append(_expectation(Table(xt, f"[[expect]] #{i}")))
     t.done()
@@ -387,6 +415,27 @@ def _event(t: Table, sc: Scenario) -> list[Event]:
     args = _EVENT_PARSERS[do](t, sc)
     t.done()
     return [Event(at, after, do, args, t.where)]
+
+
+def _fault(t: Table) -> Fault:
+    at = t.get("at", float, 0.0)
+    after = t.get("after", str, "start")
+    check_milestone(after, t.where)
+    rule = " ".join(t.get("rule", str, required=True).split())
+    lasts = t.get("lasts", float)
+    optional = t.get("optional", bool, False)
+    t.done()
+    if at < 0 or (lasts is not None and lasts <= 0):
+        raise ScenarioError(f"{t.where}: at must not be negative, lasts must be positive")
+    words = rule.split()
+    if not words or words[0] not in FAULT_CALLS:
+        raise ScenarioError(f"{t.where}: rule {rule!r} must start with a call ({', '.join(FAULT_CALLS)})")
+    for w in words[1:]:
+        key, eq, value = w.partition("=")
+        if not (w == "every" or (eq and value and key in FAULT_KEYS)):
+            raise ScenarioError(f"{t.where}: rule {rule!r}: {w!r} is not KEY=VALUE with KEY one of "
+                                f"{', '.join(FAULT_KEYS)}, nor \"every\"")
+    return Fault(rule, at, after, lasts, optional, t.where)
 
 
 def _neighbour(t: Table, do: str) -> dict:

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 
+#include "../faults/fault_core.h"
 #include "preload.h"
 
 using namespace dorvsim;
@@ -54,6 +55,16 @@ int no_function()
 {
     errno = ENOSYS;
     return -1;
+}
+
+// The fault injector's check of a wait: true (errno set) when a rule fails it.
+bool wait_fails(dorvfault::core::call c, int fd)
+{
+    dorvfault::core::hit h;
+    if (!dorvfault::core::check(c, fd, nullptr, nullptr, h))
+        return false;
+    errno = h.err;
+    return true;
 }
 
 // Real relative sleep of a daemon duration; on interruption `rem` gets the
@@ -192,6 +203,8 @@ int select(int nfds, fd_set* __restrict rd, fd_set* __restrict wr, fd_set* __res
     fn f = next_fn<fn>(real_select, "select");
     if (!f)
         return no_function();
+    if (wait_fails(dorvfault::core::call::select, -1))
+        return -1;
     if (!config.active || !timeout)
         return f(nfds, rd, wr, ex, timeout);
     int64_t daemon_ns = (static_cast<int64_t>(timeout->tv_sec) * 1000000 + timeout->tv_usec) * 1000;
@@ -218,6 +231,8 @@ int pselect(int nfds, fd_set* __restrict rd, fd_set* __restrict wr, fd_set* __re
     fn f = next_fn<fn>(real_pselect, "pselect");
     if (!f)
         return no_function();
+    if (wait_fails(dorvfault::core::call::select, -1))
+        return -1;
     if (!config.active || !timeout)
         return f(nfds, rd, wr, ex, timeout, mask);
     struct timespec real_ts = ns_ts(to_real_ns(ts_ns(*timeout)));
@@ -230,6 +245,8 @@ int poll(struct pollfd* fds, nfds_t n, int timeout_ms)
     fn f = next_fn<fn>(real_poll, "poll");
     if (!f)
         return no_function();
+    if (wait_fails(dorvfault::core::call::poll, n ? fds[0].fd : -1))
+        return -1;
     if (!config.active || timeout_ms <= 0)
         return f(fds, n, timeout_ms);
     int64_t real_ns = to_real_ns(static_cast<int64_t>(timeout_ms) * 1000000);
@@ -242,6 +259,8 @@ int ppoll(struct pollfd* fds, nfds_t n, const struct timespec* timeout, const __
     fn f = next_fn<fn>(real_ppoll, "ppoll");
     if (!f)
         return no_function();
+    if (wait_fails(dorvfault::core::call::poll, n ? fds[0].fd : -1))
+        return -1;
     if (!config.active || !timeout)
         return f(fds, n, timeout, mask);
     struct timespec real_ts = ns_ts(to_real_ns(ts_ns(*timeout)));

@@ -54,6 +54,10 @@ int64_t to_daemon_ns(int64_t real_ns);
 // Bounded to 1024 bytes; silently does nothing when no log is configured.
 void reqlog(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
+// Arms the daemon's fault rules (DORVSIM_FAULTS, DORVSIM_FAULTS_FILE) and
+// turns the fault injector on; called once by the constructor, in the daemon.
+void faults_start();
+
 // A problem of the simulator itself: to stderr and to the request log.
 void warn(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "../faults/fault_core.h"
 #include "preload.h"
 
 namespace dorvsim {
@@ -67,6 +68,7 @@ void write_line(const char* text, size_t len)
 {
     if (!config.reqlog_path[0])
         return;
+    dorvfault::core::passthrough quiet;  // the log's own writes are no daemon's calls
     int fd = open(config.reqlog_path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0)
         return;
@@ -97,6 +99,7 @@ __attribute__((constructor)) void dorvsim_init()
     times_fn f = next_fn<times_fn>(real_times, "times");
     config.ticks0 = f ? static_cast<int64_t>(f(&t)) : 0;
     config.active = true;
+    faults_start();
     reqlog("req=start pid=%d scale=%g t0=%.6f", static_cast<int>(getpid()), config.scale, config.t0);
 }
 

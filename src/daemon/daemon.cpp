@@ -4,7 +4,10 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,8 +16,10 @@
 #include <cstring>
 #include <atomic>
 #include <iterator>
+#include <mutex>
 
 #include "configstore/dbcom.h"
+#include "base/coverage.h"
 #include "base/files.h"
 #include "base/spawn.h"
 #include "ftstatus/ft_status.h"
@@ -115,6 +120,8 @@ sigset_t daemon_signals()
     sigemptyset(&set);
     sigaddset(&set, exit_signal);
     sigaddset(&set, SIGRTMIN);
+    if constexpr (coverage_build)
+        sigaddset(&set, SIGTERM);
     return set;
 }
 
@@ -189,6 +196,58 @@ void close_config_handle(bool locked)
     ft_state().config_handle = nullptr;
 }
 
+// The event-socket thread binds the socket again when its path goes; once
+// this has removed it, it stays removed.
+void remove_event_socket()
+{
+    close_event_socket_for_exit(cleanup_lock_wait, remove_daemon_file);
+}
+
+// ---- One daemon at a time ----------------------------------------------------
+
+// The pid file, open and write-locked for the life of the process: the lock
+// is how a daemon started later sees that this one is alive, and it goes
+// with the process however that ends. Nothing else in the process opens the
+// pid file, since closing any descriptor of it would drop the lock.
+unique_fd pid_file_lock;
+
+struct flock whole_file(short type)
+{
+    struct flock l {};
+    l.l_type = type;
+    l.l_whence = SEEK_SET;
+    return l;
+}
+
+// A live daemon's event socket takes a connection; one left by a dead daemon
+// refuses it. Only root's own socket counts: a link or another user's socket
+// planted at the name must not keep the daemon from starting.
+bool event_socket_served()
+{
+    struct stat st {};
+    if (lstat(paths::event_socket, &st) != 0 || !S_ISSOCK(st.st_mode) || st.st_uid != geteuid())
+        return false;
+    unique_fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, paths::event_socket, sizeof addr.sun_path - 1);
+    return fd.valid() && connect(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0;
+}
+
+// To the terminal that started this process and to syslog: the log file
+// belongs to the daemon that runs.
+void report_running_daemon(pid_t holder)
+{
+    char text[128];
+    if (holder > 0)
+        snprintf(text, sizeof text, "[dorvand] Another dorvand (pid %d) holds %s: not started\n",
+                 static_cast<int>(holder), paths::pid_file);
+    else
+        snprintf(text, sizeof text, "[dorvand] Another dorvand serves %s: not started\n", paths::event_socket);
+    fputs(text, stderr);
+    syslog(LOG_ERR, "%s", text);
+}
+
 void start_thread(thread_entry entry)
 {
     pthread_t tid;
@@ -199,6 +258,20 @@ void start_thread(thread_entry entry)
 
 }  // namespace
 
+bool other_daemon_running(pid_t* holder)
+{
+    *holder = 0;
+    // Opened only to look: no link followed, nothing created, and a FIFO
+    // planted at the name cannot hold the open up.
+    unique_fd fd(open_checked(paths::pid_file, O_RDONLY | O_NONBLOCK, 0, nullptr));
+    struct flock l = whole_file(F_WRLCK);
+    if (fd.valid() && fcntl(fd.get(), F_GETLK, &l) == 0 && l.l_type != F_UNLCK) {
+        *holder = l.l_pid;
+        return true;
+    }
+    return event_socket_served();
+}
+
 int write_pid_file()
 {
     // Truncated only once it is known to be the daemon's own file: a planted
@@ -206,6 +279,12 @@ int write_pid_file()
     unique_fd fd = open_owned(paths::pid_file, O_WRONLY | O_CREAT, 0200);
     if (!fd.valid())
         return -1;
+    // Locked before anything is written, so of two daemons started together
+    // only one writes. A file system without locks leaves the file unlocked,
+    // as it always was.
+    struct flock l = whole_file(F_WRLCK);
+    if (fcntl(fd.get(), F_SETLK, &l) != 0 && (errno == EAGAIN || errno == EACCES))
+        return PID_FILE_HELD;
     if (ftruncate(fd.get(), 0) != 0)
         return -1;
     fchmod(fd.get(), 0200);  // an older file may have had another mode
@@ -213,6 +292,7 @@ int write_pid_file()
     snprintf(text, 7, "%d\n", static_cast<int>(getpid()));
     [[maybe_unused]] ssize_t n = write(fd.get(), text, sizeof text);
     log_msg(1, log_lvl::info, "[dorvand] daemon_pid = %d | %s \n", static_cast<int>(getpid()), text);
+    pid_file_lock = std::move(fd);
     return 0;
 }
 
@@ -253,7 +333,7 @@ void register_info_signal(struct sigaction* action, int signo, void (*handler)(i
 void exit_handler(int)
 {
     remove_daemon_file(paths::pid_file);
-    remove_daemon_file(paths::event_socket);
+    remove_event_socket();
     // The key-holder file goes once no thread can append to it again: with
     // kh_lock held (each append is made under it).
     const cleanup_locks held = take_cleanup_locks();
@@ -266,7 +346,8 @@ void exit_handler(int)
     close_config_handle(held.config);
     log_msg(0, log_lvl::info, "[dorvand] Exiting from daemon\n");
     // The other threads are still running: end without static destructors.
-    _exit(0);
+    DORV_FLUSH_COVERAGE();
+    _exit(0);  // GCOVR_EXCL_LINE: runs after the counters are written
 }
 
 void setup_signals()
@@ -279,6 +360,10 @@ void setup_signals()
     static struct sigaction info_action {};
     register_exit_signal(&exit_action, exit_signal, exit_signal_handler);
     register_info_signal(&info_action, SIGRTMIN, ft_status_signal_handler);
+    if constexpr (coverage_build) {
+        static struct sigaction term_action {};
+        register_exit_signal(&term_action, SIGTERM, exit_signal_handler);
+    }
     start_thread(signal_thread);
     start_thread(ft_update_thread);
 }
@@ -296,8 +381,15 @@ void* signal_thread(void*)
     sigset_t set = daemon_signals();
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
     signal_note note{};
-    while (read_signal_note(exit_pipe[0], note))
+    while (read_signal_note(exit_pipe[0], note)) {
+        // Only a coverage build takes SIGTERM: it ends at once, as the
+        // default action would, but with its counters written.
+        if (coverage_build && note.signo == SIGTERM) {
+            DORV_FLUSH_COVERAGE();
+            _exit(coverage_term_status);  // GCOVR_EXCL_LINE: runs after the counters are written
+        }
         exit_handler(note.signo);
+    }
     return nullptr;
 }
 
@@ -306,6 +398,13 @@ int daemon_main()
     // Files and sockets the daemon creates are never writable by others,
     // whatever umask it was started with.
     umask(022);
+    // A second daemon would take the files and the event socket of the
+    // first: it leaves before it changes anything.
+    pid_t holder = 0;
+    if (other_daemon_running(&holder)) {
+        report_running_daemon(holder);
+        return 1;
+    }
     log_init(8, 0x80000, 2, paths::log_file);
     eloop_init(0);
     board_load();
@@ -323,11 +422,19 @@ int daemon_main()
     // A peer that went away must show up as EPIPE, never end the process.
     signal(SIGPIPE, SIG_IGN);
 
-    if (write_pid_file() != 0) {
+    int pid_rc = write_pid_file();
+    if (pid_rc == PID_FILE_HELD) {
+        // Started together with another daemon, which locked the file first.
+        log_msg(1, log_lvl::error, "[dorvand] Another dorvand took %s first: exiting\n", paths::pid_file);
+        dbcom_close(ft_state().config_handle);
+        return 1;
+    }
+    if (pid_rc != 0) {
         int err = errno;
         log_msg(0, log_lvl::error, "[dorvand] \n Failed to open the pid file \"(%s)\" [ Reason = %s(%d)]", paths::pid_file,
                 strerror(err), err);
     }
+    remove_stale_scan_markers();
     init_tables();
 
     setup_signals();

@@ -1,14 +1,27 @@
 // The daemon's life: start-up, its threads and signals, and the clean-up.
 #pragma once
 
+#include <sys/types.h>
+
 #include <csignal>
 
 // Runs the whole start-up sequence, waits for the event-loop thread and
 // returns main's exit status.
 int daemon_main();
 
+// Whether another daemon is alive beside this process, found without
+// changing anything: it holds the lock of /tmp/dorvand.pid (its pid in
+// *holder), or its /tmp/roam_sock takes a connection (*holder 0). A pid file
+// or a socket left by a dead daemon counts for nothing. Main thread, before
+// detaching.
+bool other_daemon_running(pid_t* holder);
+
+inline constexpr int PID_FILE_HELD = 1;
+
 // Writes /tmp/dorvand.pid: the pid and a newline, NUL-padded to 8 bytes,
-// mode 0200. Returns 0, or -1 with errno set when it cannot be opened.
+// mode 0200, and keeps it write-locked until the process ends. Returns 0,
+// -1 with errno set when it cannot be opened, or PID_FILE_HELD, writing
+// nothing, when another process holds its lock.
 int write_pid_file();
 
 // Creates one known-AP table per radio and empties the key-holder list.

@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include "base/coverage.h"
 #include "daemon/daemon.h"
 
 int main()
@@ -14,5 +15,7 @@ int main()
     // The event-socket, signal and fast-transition threads are still running
     // when the event loop has ended: leave without running static destructors
     // under them. Nothing is buffered (the log is written line by line).
-    _exit(daemon_main());
+    int status = daemon_main();
+    DORV_FLUSH_COVERAGE();
+    _exit(status);  // GCOVR_EXCL_LINE: runs after the counters are written
 }

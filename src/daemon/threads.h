@@ -13,7 +13,11 @@
 //  event-socket thread (event_socket_thread) neighbour events from the peer
 //                     (root's only; others are dropped). While a write of
 //                     the key-holder files has failed, it also writes them
-//                     again from the list every kh_files_retry_secs.
+//                     again from the list every kh_files_retry_secs; at the
+//                     same wake-up it checks that /tmp/roam_sock still names
+//                     its socket and binds it again when it does not (a
+//                     stream of events without such a pause gets the check
+//                     once a minute, between two events).
 //  signal thread      (signal_thread) the work of signal 10: shutdown.
 //  fast-transition thread (ft_update_thread) the SIGRTMIN updates, one after
 //                     another. It is apart from the signal thread so that an
@@ -58,6 +62,30 @@
 //                       so the event-socket thread can test it unlocked.
 //  5. ht_mutex          the known-AP tables, inside each table operation.
 //  (log_lock, inside log_msg, is a leaf: nothing is taken while holding it.)
+//  Outside the order: event_socket_lock is taken holding no other lock and
+//  holds only log_lock inside. The event-socket thread holds it for a bind
+//  of /tmp/roam_sock again; the shutdown holds it (with a bounded wait)
+//  while it sets event_socket_closed and removes the socket, so no bind can
+//  follow that removal and leave a socket behind the process.
+//
+// The scan databases: each report's first write cycle (process_scan_result,
+// under scan_result_lock) checks the band's database once and puts an empty
+// schema in place of one missing or without its tables; one SQLite cannot
+// read is moved to <db>.corrupt first. An empty directory in its place is
+// removed; what cannot be replaced is reported once and tried again at the
+// next report. No per-row check is made.
+//
+// One daemon at a time: the pid file stays open and write-locked (a POSIX
+// record lock) from its writing, after daemon(), to the end of the process;
+// nothing else in the process may open that file, as closing any descriptor
+// of it would drop the lock. Before detaching, a new daemon tests the lock
+// (F_GETLK on a read-only, no-follow open) and connects to /tmp/roam_sock;
+// a held lock or a socket that takes the connection makes it report to
+// stderr and syslog and exit with status 1, having touched no file. The
+// lock is taken before the file is truncated, so of two daemons racing
+// past that test only one writes; the other logs and exits. Scan markers
+// left by a killed daemon are removed right after the pid file is locked,
+// before any scan can run.
 //
 // ft_enabled_vaps is atomic: it is written under config_lock by the refresh
 // and read by the key-change writers under kh_lock. board() is written once

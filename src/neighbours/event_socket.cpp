@@ -10,9 +10,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstring>
 #include <mutex>
+#include <utility>
 
 #include "base/files.h"
 #include "base/log.h"
@@ -87,17 +89,118 @@ void on_ap_deletion(const neighbour_event& ev, known_ap_table* table)
     run_ft_script();
 }
 
-// Blocks until a datagram is waiting. Key-holder files left stale by a
-// failed write (on any thread) are written again every kh_files_retry_secs
-// meanwhile.
-void wait_for_event(int fd)
+// The step of bind_event_socket that failed.
+enum class bind_step { socket, bind, restrict };
+
+// A datagram socket bound at /tmp/roam_sock (whatever stale file held the
+// name goes first) and closed to all but root; -1 with errno set and
+// `failed` naming the step. Does not log.
+int bind_event_socket(bind_step& failed)
+{
+    failed = bind_step::socket;
+    unique_fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!fd.valid())
+        return -1;
+    if (access(paths::event_socket, F_OK) == 0)
+        unlink(paths::event_socket);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, paths::event_socket, 107);
+    failed = bind_step::bind;
+    if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0)
+        return -1;
+    // Only root may send events: the socket is closed to others whatever the
+    // umask, and each datagram's sender is checked as well (receive_event),
+    // so a later chmod opens nothing. /tmp is sticky, so nobody else can swap
+    // the socket between the bind and the chmod.
+    failed = bind_step::restrict;
+    int one = 1;
+    if (chmod(paths::event_socket, 0600) != 0 ||
+        setsockopt(fd.get(), SOL_SOCKET, SO_PASSCRED, &one, sizeof one) != 0)
+        return -1;
+    return fd.release();
+}
+
+// The socket this thread serves and the file its bind made at
+// /tmp/roam_sock. When that path no longer names the socket (removed, or
+// replaced by a file or another socket), no peer can reach it any more, and
+// it is bound again.
+struct served_socket {
+    unique_fd fd;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    std::chrono::steady_clock::time_point checked;
+    bool told = false;  // a failed bind of this incident has been reported
+};
+
+constexpr auto check_period = std::chrono::seconds(kh_files_retry_secs);
+
+void remember_path(served_socket& s)
+{
+    struct stat st {};
+    bool named = lstat(paths::event_socket, &st) == 0;
+    s.dev = named ? st.st_dev : 0;
+    s.ino = named ? st.st_ino : 0;
+    s.checked = std::chrono::steady_clock::now();
+}
+
+bool names_socket(const served_socket& s)
+{
+    struct stat st {};
+    return lstat(paths::event_socket, &st) == 0 && S_ISSOCK(st.st_mode) && st.st_dev == s.dev && st.st_ino == s.ino;
+}
+
+// Binds the socket again when its path no longer names it; not once the
+// shutdown has removed it. A failure is reported once per incident and tried
+// again at the next check.
+void check_event_socket(served_socket& s)
+{
+    s.checked = std::chrono::steady_clock::now();
+    if (names_socket(s))
+        return;
+    std::lock_guard<std::timed_mutex> hold(neighbours().event_socket_lock);
+    if (neighbours().event_socket_closed)
+        return;
+    bind_step failed{};
+    unique_fd fresh(bind_event_socket(failed));
+    if (!fresh.valid()) {
+        int err = errno;
+        if (!std::exchange(s.told, true))
+            log_msg(1, log_lvl::error,
+                    "[dorvand] Event socket %s was removed or replaced and cannot be bound again [%d|%s]: tried again "
+                    "every %d s\n",
+                    paths::event_socket, err, strerror(err), kh_files_retry_secs);
+        return;
+    }
+    // Nothing is queued on the old socket: it is checked only while idle.
+    s.fd = std::move(fresh);
+    remember_path(s);
+    s.told = false;
+    log_msg(1, log_lvl::error, "[dorvand] Event socket %s was removed or replaced: bound again\n", paths::event_socket);
+}
+
+bool datagram_queued(int fd)
+{
+    struct pollfd p {fd, POLLIN, 0};
+    return poll(&p, 1, 0) != 0;
+}
+
+// Blocks until a datagram is waiting. Every kh_files_retry_secs of silence,
+// key-holder files left stale by a failed write (on any thread) are written
+// again and the socket's path is checked. Datagrams that keep coming faster
+// than that have the path checked once the check is overdue, in a moment
+// when none is queued.
+void wait_for_event(served_socket& s)
 {
     for (;;) {
-        struct pollfd p {fd, POLLIN, 0};
+        if (std::chrono::steady_clock::now() - s.checked >= check_period && !datagram_queued(s.fd.get()))
+            check_event_socket(s);
+        struct pollfd p {s.fd.get(), POLLIN, 0};
         int ready = poll(&p, 1, kh_files_retry_secs * 1000);
         if (ready != 0)
             return;  // a datagram, or an error the receive reports
         kh_files_retry();
+        check_event_socket(s);
     }
 }
 
@@ -130,56 +233,39 @@ ssize_t receive_event(int fd, std::array<uint8_t, sizeof(neighbour_event)>& buf,
 
 int open_event_socket()
 {
-    unique_fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!fd.valid()) {
-        int err = errno;
+    bind_step failed{};
+    int fd = bind_event_socket(failed);
+    if (fd >= 0)
+        return fd;
+    int err = errno;
+    if (failed == bind_step::socket)
         log_msg(1, log_lvl::info, "socket creation failed[%d|%s]\n", err, strerror(err));
-        errno = err;
-        return -1;
-    }
-    if (access(paths::event_socket, F_OK) == 0)
-        unlink(paths::event_socket);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, paths::event_socket, 107);
-    if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
-        int err = errno;
+    else if (failed == bind_step::bind)
         log_msg(1, log_lvl::error, " Bind failed with return value [%d|%s]\n", err, strerror(err));
-        fd.reset();
-        errno = err;
-        return -1;
-    }
-    // Only root may send events: the socket is closed to others whatever the
-    // umask, and each datagram's sender is checked as well (receive_event),
-    // so a later chmod opens nothing. /tmp is sticky, so nobody else can swap
-    // the socket between the bind and the chmod.
-    int one = 1;
-    if (chmod(paths::event_socket, 0600) != 0 ||
-        setsockopt(fd.get(), SOL_SOCKET, SO_PASSCRED, &one, sizeof one) != 0) {
-        int err = errno;
+    else
         log_msg(1, log_lvl::error, "[dorvand] Event socket cannot be restricted to root [%d|%s]\n", err, strerror(err));
-        errno = err;
-        return -1;
-    }
-    return fd.release();
+    errno = err;
+    return -1;
 }
 
 void* event_socket_thread(void*)
 {
     pthread_detach(pthread_self());
     log_msg(0, log_lvl::info, "create roam_sock \n");
-    unique_fd fd(open_event_socket());
-    if (!fd.valid()) {
+    served_socket s;
+    s.fd.reset(open_event_socket());
+    if (!s.fd.valid()) {
         int err = errno;
         log_msg(1, log_lvl::info, "socket creation failed[%d|%s]\n", err, strerror(err));
         return nullptr;
     }
+    remember_path(s);
     for (;;) {
         std::array<uint8_t, sizeof(neighbour_event)> buf{};
         log_msg(0, log_lvl::info, "Waiting for events from  pxlmd\n");
-        wait_for_event(fd.get());
+        wait_for_event(s);
         uid_t sender = 0;
-        ssize_t n = receive_event(fd.get(), buf, sender);
+        ssize_t n = receive_event(s.fd.get(), buf, sender);
         if (n >= 0 && sender != 0) {
             log_msg(1, log_lvl::error, "[dorvand] Event from uid %ld dropped: only root may send events\n",
                     sender == static_cast<uid_t>(-1) ? -1L : static_cast<long>(sender));
@@ -191,6 +277,13 @@ void* event_socket_thread(void*)
         }
         handle_neighbour_event(buf.data(), static_cast<size_t>(n));
     }
+}
+
+void close_event_socket_for_exit(std::chrono::seconds wait, void (*remove)(const char* path))
+{
+    std::unique_lock<std::timed_mutex> hold(neighbours().event_socket_lock, wait);
+    neighbours().event_socket_closed = true;
+    remove(paths::event_socket);
 }
 
 void remove_key_holder(const uint8_t mac[6])

@@ -89,6 +89,11 @@ struct neighbour_state {
     // Bit 10*radio + vap: 802.11r enabled. Written by the status refresh,
     // read by the key-change writers under kh_lock.
     std::atomic<uint32_t> ft_enabled_vaps{0};
+    // Held by the event-socket thread while it binds /tmp/roam_sock again,
+    // and by the shutdown while it removes the socket for good
+    // (event_socket_closed), so no bind can follow that removal.
+    std::timed_mutex event_socket_lock;
+    std::atomic<bool> event_socket_closed{false};
 };
 neighbour_state& neighbours();
 

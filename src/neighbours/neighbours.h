@@ -105,5 +105,11 @@ private:
 
 // ---- Neighbour event socket -----------------------------------------------
 
-// Thread entry: detaches itself, binds /tmp/roam_sock and serves events.
+// Thread entry: detaches itself, binds /tmp/roam_sock and serves events. It
+// binds the socket again when the path no longer names it (checked every
+// minute), until close_event_socket_for_exit.
 void* event_socket_thread(void* arg);
+// Shutdown: marks the event socket closed for good, so the event thread never
+// binds it again, and calls `remove` on its path once no rebind is under way
+// (waiting at most `wait` for one to finish). Signal thread, at exit only.
+void close_event_socket_for_exit(std::chrono::seconds wait, void (*remove)(const char* path));

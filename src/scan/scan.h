@@ -24,6 +24,9 @@ struct scan_state {
     uint16_t rand_scan_timer = 0;
     // Per band: its marker file is there because a scan cycle is writing.
     std::atomic<bool> marker_set[3] = {};
+    // Per band: a database that cannot be replaced has been reported; cleared
+    // by the next write cycle that opens it. Under scan_result_lock.
+    bool db_fault_told[3] = {};
 };
 scan_state& scanning();
 
@@ -64,6 +67,10 @@ void stop_scan_scheduler();
 // Removes the marker of every band whose scan cycle is writing now, so an
 // exit in the middle of a scan leaves none behind. Any thread.
 void remove_scan_markers();
+// Removes the markers (regular files only) that a killed daemon left behind,
+// with a line for each. Start-up, once the pid file is locked and before the
+// scans begin, so no scan cycle of any daemon is writing.
+void remove_stale_scan_markers();
 void rogue_ap_check_2g(intptr_t ctx1, intptr_t ctx2);
 void rogue_ap_check_5gl(intptr_t ctx1, intptr_t ctx2);
 void rogue_ap_check_5gh(intptr_t ctx1, intptr_t ctx2);

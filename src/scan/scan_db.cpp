@@ -7,9 +7,13 @@
 #include "scan/scan_internal.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <initializer_list>
 #include <memory>
@@ -36,6 +40,9 @@ constexpr const char* bss_update_sql =
     "UPDATE SCANNED_AP_DETAILS SET SSID=?, CHANNEL=?, PHY_MODE=?, RSSI=?, AP_TYPE=?, TIMESTAMP=?, "
     "EPOCHTIMESTAMP=? WHERE MAC=?";
 constexpr const char* bss_insert_sql = "INSERT INTO SCANNED_AP_DETAILS VALUES (?, ?, ?, ?, ?, ?, ?, ?);";
+constexpr const char* tables_sql =
+    "SELECT COUNT(*) FROM sqlite_master WHERE type='table' AND name IN ('SCANNED_AP_DETAILS','CHANNEL_DETAILS')";
+constexpr int schema_tables = 2;
 
 // Fixed source lines carried by the diagnostics.
 constexpr int line_channel_select = 1301;
@@ -133,6 +140,14 @@ int open_db(int radio, sqlite_ptr& db)
     return rc;
 }
 
+int run_schema(sqlite3* db)
+{
+    int rc = sqlite3_exec(db, schema_sql, nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK)
+        log_msg(0, log_lvl::error, "Cannot create tables: %s\n", sqlite3_errmsg(db));
+    return rc;
+}
+
 int create_scan_db(int radio)
 {
     sqlite_ptr db;
@@ -142,12 +157,37 @@ int create_scan_db(int radio)
         return rc;
     }
     log_msg(0, log_lvl::error, "Creating scan table\n");
-    rc = sqlite3_exec(db.get(), schema_sql, nullptr, nullptr, nullptr);
-    if (rc != SQLITE_OK) {
-        log_msg(0, log_lvl::error, "Cannot create tables: %s\n", sqlite3_errmsg(db.get()));
-        return rc;
-    }
-    return 0;
+    return run_schema(db.get());
+}
+
+// ---- Recovery ----------------------------------------------------------------
+
+enum class db_health { fit, no_tables, unreadable, unknown };
+
+// Whether a write cycle can store into the open database. A file SQLite
+// cannot read as a database (garbage, or damaged in its schema) is
+// unreadable; a busy or failing read is unknown and left to the statements,
+// which report it as they always have.
+db_health examine_db(sqlite3* db)
+{
+    sqlite3_stmt* raw = nullptr;
+    int rc = sqlite3_prepare_v2(db, tables_sql, -1, &raw, nullptr);
+    stmt_ptr query(raw);
+    if (rc == SQLITE_OK)
+        rc = sqlite3_step(query.get());
+    if (rc == SQLITE_ROW)
+        return sqlite3_column_int(query.get(), 0) == schema_tables ? db_health::fit : db_health::no_tables;
+    rc &= 0xff;  // the primary code of an extended one
+    return rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT ? db_health::unreadable : db_health::unknown;
+}
+
+// Once per incident: until a write cycle opens the database again.
+void report_unreplaceable(int radio, int err)
+{
+    if (std::exchange(scanning().db_fault_told[radio], true))
+        return;
+    log_msg(0, log_lvl::error, "[dorvand] Scan database %s cannot be replaced [%d|%s]: tried again at the next scan\n",
+            paths::scan_dbs[radio], err, strerror(err));
 }
 
 stmt_ptr prepare_channel_write(sqlite3* db, const channel_stats& s, bool exists)
@@ -219,6 +259,52 @@ sqlite_ptr open_scan_db(int radio, int line)
     if (rc != SQLITE_OK) {
         log_msg(0, log_lvl::error, "[%d]Error in opening Db \n", line);
         return nullptr;
+    }
+    return db;
+}
+
+sqlite_ptr open_report_db(int radio)
+{
+    const char* path = paths::scan_dbs[radio];
+    // What was found in the database's place, for the one line of the repair.
+    char found[96] = "lacked its tables";
+    struct stat st {};
+    if (lstat(path, &st) != 0) {
+        if (errno == ENOENT)
+            snprintf(found, sizeof found, "was missing");
+    } else if (S_ISDIR(st.st_mode)) {
+        // An empty directory holds nothing to examine; one with content is
+        // somebody's, and stays.
+        if (rmdir(path) != 0) {
+            report_unreplaceable(radio, errno);
+            return nullptr;
+        }
+        snprintf(found, sizeof found, "was a directory");
+    }
+    sqlite_ptr db = open_scan_db(radio, DB_OPEN_LINE_CHANNEL);
+    if (!db)
+        return nullptr;
+    db_health health = examine_db(db.get());
+    if (health == db_health::unreadable) {
+        db.reset();
+        // Kept for examination, not deleted; an older one of the band goes.
+        if (rename(path, paths::scan_dbs_corrupt[radio]) != 0) {
+            report_unreplaceable(radio, errno);
+            return nullptr;
+        }
+        snprintf(found, sizeof found, "was not a database (moved to %s)", paths::scan_dbs_corrupt[radio]);
+        db = open_scan_db(radio, DB_OPEN_LINE_CHANNEL);
+        if (!db)
+            return nullptr;
+        health = db_health::no_tables;
+    }
+    scanning().db_fault_told[radio] = false;
+    if (health == db_health::no_tables) {
+        // A failure is reported by the schema run, and the statements that
+        // follow report theirs as they always have.
+        if (run_schema(db.get()) != SQLITE_OK)
+            return db;
+        log_msg(0, log_lvl::error, "[dorvand] Scan database %s %s: created again\n", path, found);
     }
     return db;
 }

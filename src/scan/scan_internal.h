@@ -87,6 +87,14 @@ inline constexpr int DB_OPEN_LINE_BSS = 1434;
 // Opens the database of radio 0..2 for a write cycle; on failure logs the
 // open error with `line` and returns null.
 sqlite_ptr open_scan_db(int radio, int line);
+// open_scan_db for the channel cycle that starts each report's writes, after
+// making the database fit to store them: a missing file, an empty directory
+// in its place, a file SQLite cannot read (moved aside to scan_dbs_corrupt)
+// or one without the tables is replaced by the band's empty schema. What
+// cannot be replaced is reported once and tried again at the next report
+// (null then). Links and files that are not the daemon's own are refused as
+// by every open. Holder of scan_result_lock.
+sqlite_ptr open_report_db(int radio);
 // Inserts or updates the channel's row (CH_LOAD limited to 100).
 void upsert_channel(sqlite3* db, channel_stats stats);
 // Inserts or updates the BSS's row in its own write cycle on radio's database.

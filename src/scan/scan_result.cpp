@@ -86,7 +86,7 @@ channel_stats stats_of(const acs_report& r)
 // Statistics of every report entry; rows only for the wanted channel(s).
 int channel_cycle(report_session& s, int radio, int channel)
 {
-    sqlite_ptr db = open_scan_db(radio, DB_OPEN_LINE_CHANNEL);
+    sqlite_ptr db = open_report_db(radio);
     if (!db)
         return 0;
     for (unsigned i = 0; i < s.report->count; ++i) {

@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <sys/stat.h>
 #include <unistd.h>
 
 scan_state& scanning()
@@ -434,5 +435,14 @@ void remove_scan_markers()
     for (int radio = 0; radio < 3; ++radio) {
         if (scanning().marker_set[radio])
             unlink(paths::scan_db_markers[radio]);
+    }
+}
+
+void remove_stale_scan_markers()
+{
+    for (const char* marker : paths::scan_db_markers) {
+        struct stat st {};
+        if (lstat(marker, &st) == 0 && S_ISREG(st.st_mode) && unlink(marker) == 0)
+            log_msg(1, log_lvl::error, "[dorvand] Removed %s left by an earlier run\n", marker);
     }
 }

@@ -17,6 +17,7 @@ REPO = Path(__file__).resolve().parents[2]
 if str(REPO) not in sys.path:
     sys.path.insert(0, str(REPO))
 
+from sim import faults  # noqa: E402
 from sim.sandbox import Sandbox  # noqa: E402
 
 def pytest_addoption(parser):
@@ -74,6 +75,9 @@ def sandbox(dorvand, simlib):
         return sb.start() if start else sb
 
     yield make
+    # Like a failure the test armed that never happened: the test did not
+    # reach what it meant to break.
+    fault_problem = faults.problems([sb.faults for sb in made])
     errors = []
     for sb in made:
         try:
@@ -86,3 +90,5 @@ def sandbox(dorvand, simlib):
     reports = [r for sb in made for r in sb.sanitizer_reports]
     if reports:
         pytest.fail("sanitizer report(s) of the daemon:\n" + "\n".join(reports), pytrace=False)
+    if fault_problem:
+        pytest.fail(fault_problem, pytrace=False)

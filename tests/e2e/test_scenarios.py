@@ -27,7 +27,7 @@ def test_scenario_expectations_hold(name, dorvand, simlib, tmp_path_factory):
     text = report.build(out)
     assert not runner.sb.sanitizer_reports, "\n".join(runner.sb.sanitizer_reports)
     assert result.passed, f"{name}:\n" + "\n".join(result.failures()) + "\n" + "\n".join(progress[-5:])
-    assert len(result.outcomes) == len(sc.expectations)
+    assert len(result.outcomes) == len(sc.expectations) + sum(not f.optional for f in sc.faults)
     assert f"PASSED: scenario {name}" in text
     for band in sc.scanning_bands():
         assert has_colours(out / f"chart_{band}.png", charts.LOAD_COLOR, charts.BSS_COLOR), f"chart_{band}.png is blank"
@@ -42,6 +42,9 @@ BAD_SCENARIOS = [
     ("[[expect]]\nlog = \"x\"\nrunning = true\n", "[[expect]] #1: give exactly one of"),
     ("[[expect]]\nkey_holders = [\"0A:1B:2C:3D:4E:5F yes TRV\"]\n", "[[expect]] #1: key-holder records"),
     ("[[radio]\nindex = 0\n", "not valid TOML"),
+    ("[[fault]]\nrule = \"chmod errno=EIO\"\n", "[[fault]] #1: rule 'chmod errno=EIO' must start with a call"),
+    ("[[fault]]\nrule = \"write nth2 errno=EIO\"\n", "[[fault]] #1: rule 'write nth2 errno=EIO': 'nth2' is not"),
+    ("[[fault]]\nat = 3\n", "[[fault]] #1: missing key 'rule'"),
 ]
 
 
@@ -90,6 +93,9 @@ lines = ["ap2_macaddr_wifi0vap0=0A:1B:2C:3D:4E:50 0A:1B:2C:3D:4E:60 0A:1B:2C:3D:
 
 [[expect]]
 script_runs = 2
+
+[[fault]]
+rule = "unlink path=/tmp/never_removed errno=EIO"
 """
 
 
@@ -106,6 +112,7 @@ def test_failing_expectation_fails_the_run(tmp_path, dorvand, simlib):
     assert any("[[expect]] #2" in ln and "0A:1B:2C:3D:4E:71" in ln for ln in failed), failed
     assert any("[[expect]] #3" in ln and "1 script runs (expected 2)" in ln for ln in failed), failed
     assert any("[[event]] #2" in ln and "never came due" in ln for ln in failed), failed
+    assert any("[[fault]] #1" in ln and "never fired" in ln for ln in failed), failed
     assert "FAILED: scenario failing" in r.stdout
 
 

@@ -1,8 +1,10 @@
 // The unit tests' configuration daemon.
 #include "fake_configd.h"
 
+#include "test_util.h"
+
 fake_configd::fake_configd()
-    : server_("/tmp/confd_get", [this](const cstest::seen_request& req, int) { return answer(req); })
+    : server_(testutil::at("/tmp/confd_get").c_str(), [this](const cstest::seen_request& req, int) { return answer(req); })
 {
 }
 

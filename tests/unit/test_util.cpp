@@ -13,7 +13,7 @@
 
 namespace testutil {
 
-bool sandbox_active = false;  // set by main() once the private mounts are in place
+bool sandbox_active = false;  // set by main() once the private mounts or the private root are in place
 
 std::string read_file(const std::string& path)
 {
@@ -47,15 +47,18 @@ void reset_sandbox()
 {
     if (!sandbox_active)
         GTEST_FAIL() << "tests must run inside the private mount namespace";
-    if (system("rm -rf /tmp/* /var/* /usr/local/bin/* && mkdir -p /tmp/log /tmp/run") != 0)
+    const std::string r = test_root();
+    const std::string cmd = "rm -rf " + r + "/tmp/* " + r + "/var/* " + r + "/usr/local/bin/* && mkdir -p " + r +
+                            "/tmp/log " + r + "/tmp/run";
+    if (system(cmd.c_str()) != 0)
         GTEST_FAIL() << "cannot reset the sandbox";
     log_reset_running_size();  // a missing log file keeps the running size, as at start-up
-    log_init(8, 0x80000, 2, "/tmp/log/dorvand_log");
+    log_init(8, 0x80000, 2, at("/tmp/log/dorvand_log").c_str());
 }
 
 std::string log_text()
 {
-    return read_file("/tmp/log/dorvand_log");
+    return read_file(at("/tmp/log/dorvand_log"));
 }
 
 int log_count(const std::string& needle)
@@ -69,12 +72,13 @@ int log_count(const std::string& needle)
 
 void install_fake_script()
 {
-    write_file("/usr/local/bin/fast_bss_transition.sh", "#!/bin/sh\necho run >> /tmp/script_runs\n", 0755);
+    write_file(at("/usr/local/bin/fast_bss_transition.sh"), "#!/bin/sh\necho run >> " + at("/tmp/script_runs") + "\n",
+               0755);
 }
 
 int script_runs()
 {
-    std::string text = read_file("/tmp/script_runs");
+    std::string text = read_file(at("/tmp/script_runs"));
     int n = 0;
     for (char c : text)
         n += c == '\n';

@@ -1,7 +1,10 @@
-// Helpers shared by the unit tests. Every test binary runs inside a private
-// mount namespace (sandbox_main.cpp) where /tmp, /var and /usr/local/bin are
-// fresh tmpfs mounts and /etc and /usr/sbin are writable overlays, so the
-// daemon's fixed paths can be used as they are.
+// Helpers shared by the unit tests. Run as root, every test binary runs
+// inside a private mount namespace (sandbox_main.cpp) where /tmp, /var and
+// /usr/local/bin are fresh tmpfs mounts and /etc and /usr/sbin are writable
+// overlays, so the daemon's fixed paths can be used as they are. Run by an
+// ordinary user, it has no namespace: the fixed paths are moved under a
+// private temporary root (test_root.cpp), and a test names a fixed path by
+// at("/tmp/...").
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,6 +13,13 @@
 #include <vector>
 
 namespace testutil {
+
+// The private root the fixed paths were moved under ("" in a namespace).
+const std::string& test_root();
+// Moves every fixed path under `dir`; false when one would not fit.
+bool set_test_root(const std::string& dir);
+// Where the fixed path `fixed` is for this run.
+std::string at(const std::string& fixed);
 
 std::string read_file(const std::string& path);
 std::vector<unsigned char> read_bytes(const std::string& path);
@@ -26,7 +36,7 @@ std::string log_text();
 int log_count(const std::string& needle);
 
 // Installs an executable /usr/local/bin/fast_bss_transition.sh that appends
-// one line to /tmp/script_runs per run.
+// one line to /tmp/script_runs per run (both under the test root).
 void install_fake_script();
 int script_runs();
 

@@ -21,9 +21,9 @@ TEST_P(board_test, ProductIdAndRadioType)
 {
     const board_case& c = GetParam();
     if (c.file)
-        write_file("/etc/board", c.file);
+        write_file(testutil::at("/etc/board"), c.file);
     else
-        std::remove("/etc/board");
+        std::remove(testutil::at("/etc/board").c_str());
     char id[12] = {};
     EXPECT_EQ(get_radio_type(id), c.radio_type);
     EXPECT_STREQ(id, c.product);
@@ -43,7 +43,9 @@ INSTANTIATE_TEST_SUITE_P(
                       board_case{"NoKeyMeansEmptyId", "Model=abc\n", "", 0},
                       board_case{"MissingFileLeavesQuote", nullptr, "\"", -1},
                       board_case{"OverlongValueIsCut", "ProductID=TRM238P0123456789\n", "TRM238P0123", -1},
-                      board_case{"DelimiterBeforeKey", "a=b ProductID=TRV146\n", "b ProductID", -1}),
+                      board_case{"DelimiterBeforeKey", "a=b ProductID=TRV146\n", "b ProductID", -1},
+                      board_case{"KeyWithoutDelimiterSkipped", "ProductID TRM226\nProductID=TRM238\n", "TRM238", 1},
+                      board_case{"EmptyLastValueLeavesIdEmpty", "ProductID=", "", 0}),
     [](const auto& tp) { return std::string(tp.param.name); });
 
 }  // namespace

@@ -29,14 +29,14 @@ using exit_signal_test = sandbox_test;
     write_pid_file();
     init_tables();
     const char record[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F, 1, 0};
-    testutil::write_file("/var/roam_key_holders", std::string(record, sizeof record));
+    testutil::write_file(testutil::at("/var/roam_key_holders"), std::string(record, sizeof record));
     reload_key_holders();
     setup_signals();
     std::atomic<bool> holding{false};
     std::thread match([&holding] {
         kh_update update;
         holding = true;
-        while (file_exists("/tmp/dorvand.pid"))
+        while (file_exists(testutil::at("/tmp/dorvand.pid").c_str()))
             usleep(1000);
         usleep(50000);  // let the clean-up reach its locks
         const scan_ap_record seen{{0x02, 0x00, 0x06, 0x00, 0x00, 0x10}, 6, 0};
@@ -57,7 +57,7 @@ TEST_F(exit_signal_test, DuringScanMatchFreesTheKeyHolders)
     EXPECT_EQ(testutil::log_count("Removing 0a:1b:2c:3d:4e:5f\n"), 1);
     EXPECT_EQ(testutil::log_count("busy; left to the end of the process"), 0);
     EXPECT_EQ(testutil::log_count("[dorvand] Exiting from daemon\n"), 1);
-    EXPECT_FALSE(testutil::exists("/var/roam_key_holders")) << "the append in flight outlived the exit";
+    EXPECT_FALSE(testutil::exists(testutil::at("/var/roam_key_holders"))) << "the append in flight outlived the exit";
 }
 
 }  // namespace

@@ -96,4 +96,88 @@ TEST_F(eloop_test, UnregisteredReaderIsNotCalledTheOthersAre)
         close(fd);
 }
 
+// Each row cancels from the same four timers; -1 matches any context.
+TEST_F(eloop_test, CancelRemovesOnlyTimersWhoseHandlerAndContextsMatch)
+{
+    struct cancel_case {
+        eloop_timeout_handler handler;
+        intptr_t ctx1, ctx2;
+        int removed;
+        std::vector<std::string> left;
+    };
+    const cancel_case cases[] = {
+        {record_a, ELOOP_ANY_CTX, ELOOP_ANY_CTX, 3, {"b1"}},
+        {record_a, 1, ELOOP_ANY_CTX, 2, {"a2:1", "b1"}},
+        {record_a, ELOOP_ANY_CTX, 1, 2, {"a1:2", "b1"}},
+        {record_a, 1, 2, 1, {"a1:1", "a2:1", "b1"}},
+        {record_a, 2, 2, 0, {"a1:1", "a1:2", "a2:1", "b1"}},
+        {record_b, 1, 0, 0, {"a1:1", "a1:2", "a2:1", "b1"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE("cancel " + std::to_string(c.ctx1) + ", " + std::to_string(c.ctx2));
+        eloop_init(0);
+        fired.clear();
+        eloop_add_timer(0, 0, record_a, 1, 1);
+        eloop_add_timer(0, 0, record_a, 1, 2);
+        eloop_add_timer(0, 0, record_a, 2, 1);
+        eloop_add_timer(0, 0, record_b, 1, 1);
+        EXPECT_EQ(eloop_cancel_timer(c.handler, c.ctx1, c.ctx2), c.removed);
+        eloop_run();
+        EXPECT_EQ(fired, c.left);
+    }
+}
+
+TEST_F(eloop_test, SocketOutsideTheSelectSetIsRefused)
+{
+    EXPECT_EQ(eloop_register_read_sock(-1, reader, 1, 0), -1);
+    EXPECT_EQ(eloop_register_read_sock(FD_SETSIZE, reader, 2, 0), -1);
+    EXPECT_TRUE(eloop.readers.empty());
+    eloop_unregister_read_sock(5);  // not registered: nothing to remove
+    EXPECT_EQ(eloop.reader_count, 0);
+}
+
+// A handler that unregisters another reader that is ready in the same pass:
+// the removed one is never called (the pass must not go on from the table as
+// it was before the handler ran).
+TEST_F(eloop_test, ReaderRemovedByAnotherHandlerIsNotCalled)
+{
+    static int victim = -1;
+    auto remover = [](int sock, intptr_t ctx1, intptr_t) {
+        char byte;
+        if (read(sock, &byte, 1) == 1)
+            fired.push_back("r" + std::to_string(ctx1));
+        eloop_unregister_read_sock(victim);
+        eloop_unregister_read_sock(sock);
+    };
+    int a[2];
+    int b[2];
+    ASSERT_EQ(pipe(a), 0);
+    ASSERT_EQ(pipe(b), 0);
+    victim = b[0];
+    eloop_register_read_sock(a[0], remover, 1, 0);
+    eloop_register_read_sock(b[0], reader, 2, 0);
+    ASSERT_EQ(write(a[1], "x", 1), 1);
+    ASSERT_EQ(write(b[1], "x", 1), 1);
+    eloop_run();
+    EXPECT_EQ(fired, std::vector<std::string>{"r1"});
+    for (int fd : {a[0], a[1], b[0], b[1]})
+        close(fd);
+}
+
+// A reader whose socket was closed behind the loop's back makes select fail:
+// the loop ends instead of spinning, and a pending timer does not run.
+TEST_F(eloop_test, ClosedReaderSocketEndsTheLoop)
+{
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    eloop_register_read_sock(p[0], reader, 1, 0);
+    close(p[0]);
+    close(p[1]);
+    eloop_add_timer(0, 0, record_b, 1, 0);
+    eloop_run();
+    EXPECT_TRUE(fired.empty());
+    EXPECT_EQ(eloop.timers.size(), 1u);
+    eloop_unregister_read_sock(p[0]);
+}
+
 }  // namespace

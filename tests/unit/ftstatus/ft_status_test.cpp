@@ -31,8 +31,8 @@ protected:
     {
         sandbox_test::SetUp();
         testutil::install_fake_script();
-        testutil::write_file("/usr/local/bin/check_configd_child", "#!/bin/sh\ntouch /tmp/FT_Configd_Child_Check\n",
-                             0755);
+        testutil::write_file(testutil::at("/usr/local/bin/check_configd_child"),
+                             "#!/bin/sh\ntouch " + testutil::at("/tmp/FT_Configd_Child_Check") + "\n", 0755);
         board().radio_count = 2;
         ft_enabled_vaps() = 0;
         server_ = std::make_unique<fake_configd>();
@@ -58,7 +58,7 @@ protected:
     static void store_key_holder()
     {
         const char record[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F, 1, 0};
-        testutil::write_file("/var/roam_key_holders", std::string(record, sizeof record));
+        testutil::write_file(testutil::at("/var/roam_key_holders"), std::string(record, sizeof record));
     }
 
     std::unique_ptr<fake_configd> server_;
@@ -86,17 +86,17 @@ TEST_F(ft_status_test, SignalReportsChangedVapsAndRunsScriptOnce)
     server_->set(key(1, 2), "1");
     store_key_holder();
     refresh_ft_status();
-    ASSERT_NE(read_file("/tmp/ap2_macaddr.txt").find("ap2_macaddr_wifi1vap2="), std::string::npos);
+    ASSERT_NE(read_file(testutil::at("/tmp/ap2_macaddr.txt")).find("ap2_macaddr_wifi1vap2="), std::string::npos);
     int runs_before = testutil::script_runs();
 
     server_->set(key(1, 2), "0");
     server_->set(key(0, 3), "2");
     ft_status_update(SIGRTMIN, (1 << 12) | (1 << 3));
-    std::string ap2mac = read_file("/tmp/ap2_macaddr.txt");
+    std::string ap2mac = read_file(testutil::at("/tmp/ap2_macaddr.txt"));
     EXPECT_EQ(ap2mac.find("ap2_macaddr_wifi1vap2="), std::string::npos);
     EXPECT_NE(ap2mac.find("ap2_macaddr_wifi0vap0="), std::string::npos);
     EXPECT_NE(ap2mac.find("ap2_macaddr_wifi0vap3="), std::string::npos);
-    std::string key_changes = read_file("/tmp/ft_key_changed.txt");
+    std::string key_changes = read_file(testutil::at("/tmp/ft_key_changed.txt"));
     EXPECT_NE(key_changes.find("ft_key_changed_wifi1vap2=1,0\n"), std::string::npos);
     EXPECT_NE(key_changes.find("ft_key_changed_wifi0vap3=1,1\n"), std::string::npos);
     EXPECT_EQ(testutil::script_runs(), runs_before + 1);

@@ -110,7 +110,7 @@ TEST_F(ConcurrencyTest, EventsAndScanMatchingKeepListAndFileConsistent)
     EXPECT_EQ(list_set.size(), in_list.size()) << "duplicate key holders in the list";
     EXPECT_EQ(file_set.size(), in_file.size()) << "duplicate records in the file";
     EXPECT_EQ(file_set, list_set);
-    EXPECT_EQ(testutil::read_bytes("/var/roam_key_holders").size() % 16, 0u);
+    EXPECT_EQ(testutil::read_bytes(testutil::at("/var/roam_key_holders")).size() % 16, 0u);
     for (int i = 0; i < neighbour_count; ++i) {
         mac_t kh = neighbour_mac(i);
         kh[5] = 0x5F;

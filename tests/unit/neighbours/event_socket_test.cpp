@@ -32,7 +32,7 @@ TEST_F(event_socket_test, ApDeletionRemovesDerivedKeyHoldersAndAlwaysRunsTheScri
     const mac_t other = {0x0A, 0x1B, 0x2C, 0x3D, 0x4F, 0x50};
     send_event(neighbour, AP_ADDITION, 0, 0);
     send_event(neighbour, KH_ADDITION, 0, 0);
-    EXPECT_EQ(read_bytes("/var/roam_key_holders"), record_of({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, 1, 0));
+    EXPECT_EQ(read_bytes(testutil::at("/var/roam_key_holders")), record_of({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, 1, 0));
     send_event(neighbour, KH_ADDITION, 0, 0);  // listed already: no record, no script
     send_event(neighbour, KH_ADDITION, 0, 1);
     send_event(other, KH_ADDITION, 1, 0);
@@ -43,11 +43,11 @@ TEST_F(event_socket_test, ApDeletionRemovesDerivedKeyHoldersAndAlwaysRunsTheScri
     const mac_t other_kh = {0x0A, 0x1B, 0x2C, 0x3D, 0x4F, 0x6F};
     EXPECT_TRUE(table_rows(0).empty());
     EXPECT_EQ(list_macs(), std::vector<mac_t>{other_kh});
-    EXPECT_EQ(read_bytes("/var/roam_key_holders"), record_of(other_kh, 1, 1));
+    EXPECT_EQ(read_bytes(testutil::at("/var/roam_key_holders")), record_of(other_kh, 1, 1));
     EXPECT_EQ(log_count("Removing 0a:1b:2c:3d:4e:5f\n"), 1);
     EXPECT_EQ(log_count("Removing 0a:1b:2c:3d:4e:4f\n"), 1);
     EXPECT_EQ(script_runs(), 4);
-    std::string ap2mac = testutil::read_file("/tmp/ap2_macaddr.txt");
+    std::string ap2mac = testutil::read_file(testutil::at("/tmp/ap2_macaddr.txt"));
     EXPECT_EQ(ap2mac.find("0A:1B:2C:3D:4E:50"), std::string::npos) << ap2mac;
     EXPECT_NE(ap2mac.find("0A:1B:2C:3D:4F:51"), std::string::npos) << ap2mac;
 
@@ -60,17 +60,18 @@ TEST_F(event_socket_test, ApDeletionRemovesDerivedKeyHoldersAndAlwaysRunsTheScri
 
 TEST_F(event_socket_test, SocketReplacesAStaleFileAndReportsBindFailure)
 {
-    testutil::write_file("/tmp/roam_sock", "stale");
+    const std::string sock = testutil::at("/tmp/roam_sock");
+    testutil::write_file(sock, "stale");
     int fd = open_event_socket();
     ASSERT_GE(fd, 0);
     struct stat st {};
-    ASSERT_EQ(stat("/tmp/roam_sock", &st), 0);
+    ASSERT_EQ(stat(sock.c_str(), &st), 0);
     EXPECT_TRUE(S_ISSOCK(st.st_mode));
     EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
     close(fd);
 
-    ASSERT_EQ(unlink("/tmp/roam_sock"), 0);
-    ASSERT_EQ(mkdir("/tmp/roam_sock", 0755), 0);  // cannot be unlinked, so the bind fails
+    ASSERT_EQ(unlink(sock.c_str()), 0);
+    ASSERT_EQ(mkdir(sock.c_str(), 0755), 0);  // cannot be unlinked, so the bind fails
     EXPECT_EQ(open_event_socket(), -1);
     EXPECT_EQ(log_count(" Bind failed with return value [98|Address already in use]\n"), 1);
 }

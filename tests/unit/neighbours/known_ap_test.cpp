@@ -21,7 +21,7 @@ TEST_F(known_ap_test, LoadTakesTheRadiosLinesAndOnlyAdds)
     EXPECT_EQ(log_count("file pointer not opened [2|No such file or directory]\n"), 1);
     EXPECT_TRUE(table_rows(0).empty());
 
-    testutil::write_file("/tmp/run/config",
+    testutil::write_file(testutil::at("/tmp/run/config"),
                          "system:apList:knownApTable:wlan0:1:0A-1B-2C-3D-4E-5F 1,0\n"
                          "system:apList:knownApTable:wlan1:1:0A1B2C3D4E6F 1,1\n"
                          "system:apList:knownApTable:wlan0:2:0a1b2c3d4e00\n"

@@ -73,7 +73,7 @@ inline std::vector<unsigned char> record_of(const mac_t& mac, uint8_t active, ui
 // The MACs of the whole records of /var/roam_key_holders.
 inline std::vector<mac_t> file_macs()
 {
-    std::vector<unsigned char> bytes = testutil::read_bytes("/var/roam_key_holders");
+    std::vector<unsigned char> bytes = testutil::read_bytes(testutil::at("/var/roam_key_holders"));
     std::vector<mac_t> out;
     for (size_t off = 0; off + 16 <= bytes.size(); off += 16) {
         mac_t m;

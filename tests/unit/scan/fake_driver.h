@@ -193,7 +193,7 @@ using rows = std::vector<std::vector<std::string>>;
 
 // Runs sql on a database file; the rows it returns, every value as text
 // ("NULL" for null).
-inline rows query(const char* path, const char* sql)
+inline rows query(const std::string& path, const char* sql)
 {
     rows out;
     sqlite3* db = nullptr;
@@ -204,7 +204,7 @@ inline rows query(const char* path, const char* sql)
             r.emplace_back(values[i] ? values[i] : "NULL");
         return 0;
     };
-    if (sqlite3_open(path, &db) != SQLITE_OK || sqlite3_exec(db, sql, add_row, &out, &err) != SQLITE_OK)
+    if (sqlite3_open(path.c_str(), &db) != SQLITE_OK || sqlite3_exec(db, sql, add_row, &out, &err) != SQLITE_OK)
         ADD_FAILURE() << path << ": " << sql << ": " << (err ? err : sqlite3_errmsg(db));
     sqlite3_free(err);
     sqlite3_close(db);

@@ -14,7 +14,10 @@ using testutil::log_count;
 namespace
 {
 
-constexpr const char* db2g = "/tmp/scan_db_2g";
+std::string db2g()
+{
+    return testutil::at("/tmp/scan_db_2g");
+}
 constexpr const char* handover_line = "\t #### SCAN RESULTS ### \n";
 
 fake_channel channel(uint8_t chan, size_t neighbours, uint32_t load = 20)
@@ -61,17 +64,17 @@ class scan_result_test : public scan_test
 TEST_F(scan_result_test, full_scan_writes_every_channel)
 {
     EXPECT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
-    EXPECT_EQ(query(db2g, "SELECT CHANNEL, NBSS, RSSI, MINRSSI, CH_LOAD FROM CHANNEL_DETAILS ORDER BY CHANNEL"),
+    EXPECT_EQ(query(db2g(), "SELECT CHANNEL, NBSS, RSSI, MINRSSI, CH_LOAD FROM CHANNEL_DETAILS ORDER BY CHANNEL"),
               (rows{{"1", "2", "-89", "-89", "20"}, {"6", "0", "-84", "-84", "20"}, {"11", "1", "-79", "-79", "100"}}));
     // Every statistic lands in its own column.
-    EXPECT_EQ(query(db2g, "SELECT * FROM CHANNEL_DETAILS WHERE CHANNEL=6"),
+    EXPECT_EQ(query(db2g(), "SELECT * FROM CHANNEL_DETAILS WHERE CHANNEL=6"),
               (rows{{"6", "0", "-84", "-84", "-100", "20", "-36", "3", "16"}}));
-    EXPECT_EQ(query(db2g, "SELECT MAC, CHANNEL, RSSI FROM SCANNED_AP_DETAILS ORDER BY MAC"),
+    EXPECT_EQ(query(db2g(), "SELECT MAC, CHANNEL, RSSI FROM SCANNED_AP_DETAILS ORDER BY MAC"),
               (rows{{"02:00:01:00:00:10", "1", "-60"},
                     {"02:00:01:00:01:10", "1", "-61"},
                     {"02:00:0b:00:00:10", "11", "-60"}}));
     // One timestamp pair for the whole call, taken from date.
-    rows stamps = query(db2g, "SELECT DISTINCT TIMESTAMP, EPOCHTIMESTAMP FROM SCANNED_AP_DETAILS");
+    rows stamps = query(db2g(), "SELECT DISTINCT TIMESTAMP, EPOCHTIMESTAMP FROM SCANNED_AP_DETAILS");
     ASSERT_EQ(stamps.size(), 1u);
     EXPECT_EQ(stamps[0][0].size(), 24u) << stamps[0][0]; // "Mon Nov 23 08:01:00 2026"
     EXPECT_LE(std::labs(std::atol(stamps[0][1].c_str()) - static_cast<long>(time(nullptr))), 5) << stamps[0][1];
@@ -83,16 +86,16 @@ TEST_F(scan_result_test, full_scan_writes_every_channel)
 TEST_F(scan_result_test, batch_scan_touches_only_its_channel)
 {
     ASSERT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
-    query(db2g, "UPDATE CHANNEL_DETAILS SET NBSS=99; UPDATE SCANNED_AP_DETAILS SET RSSI=1;");
+    query(db2g(), "UPDATE CHANNEL_DETAILS SET NBSS=99; UPDATE SCANNED_AP_DETAILS SET RSSI=1;");
     fake.report = {channel(1, 2), channel(6, 1), channel(11, 1)};
     fake.debug_calls.clear();
 
     ASSERT_EQ(process_scan_result(0, "wifi0", 6), 0);
-    EXPECT_EQ(query(db2g, "SELECT CHANNEL, NBSS FROM CHANNEL_DETAILS ORDER BY CHANNEL"),
+    EXPECT_EQ(query(db2g(), "SELECT CHANNEL, NBSS FROM CHANNEL_DETAILS ORDER BY CHANNEL"),
               (rows{{"1", "99"}, {"6", "1"}, {"11", "99"}}));
-    EXPECT_EQ(query(db2g, "SELECT MAC, RSSI FROM SCANNED_AP_DETAILS WHERE CHANNEL=6"),
+    EXPECT_EQ(query(db2g(), "SELECT MAC, RSSI FROM SCANNED_AP_DETAILS WHERE CHANNEL=6"),
               (rows{{"02:00:06:00:00:10", "-60"}}));
-    EXPECT_EQ(query(db2g, "SELECT COUNT(*) FROM SCANNED_AP_DETAILS WHERE RSSI=1"), (rows{{"3"}}));
+    EXPECT_EQ(query(db2g(), "SELECT COUNT(*) FROM SCANNED_AP_DETAILS WHERE RSSI=1"), (rows{{"3"}}));
     EXPECT_EQ(fake.debug_calls.size(), 7u); // all three entries, twice
     EXPECT_EQ(log_count(handover_line), 2 + 1);
 }
@@ -135,7 +138,7 @@ TEST_P(neighbour_buffer_test, grows_when_the_driver_needs_it)
     EXPECT_EQ(log_count("channel:36, neighbour count:"), c.lengths.size() > 1 ? 1 : 0);
     char count[32];
     snprintf(count, sizeof count, "%zu", c.neighbours);
-    EXPECT_EQ(query(db2g, "SELECT COUNT(*) FROM SCANNED_AP_DETAILS"), (rows{{count}}));
+    EXPECT_EQ(query(db2g(), "SELECT COUNT(*) FROM SCANNED_AP_DETAILS"), (rows{{count}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(scan, neighbour_buffer_test, ::testing::ValuesIn(buffer_cases),

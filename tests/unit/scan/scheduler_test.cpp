@@ -68,7 +68,7 @@ void set_rogue(int wlan0, int wlan1, int wlan2)
              "system:wlanSettings:wlanSettingTable:wlan1:rogueApDetection %d\n"
              "system:wlanSettings:wlanSettingTable:wlan2:rogueApDetection %d\n",
              wlan0, wlan1, wlan2);
-    testutil::write_file("/tmp/run/config", text);
+    testutil::write_file(testutil::at("/tmp/run/config"), text);
 }
 
 class scheduler_test : public scan_test
@@ -79,7 +79,8 @@ class scheduler_test : public scan_test
         scan_test::SetUp();
         for (int r = 0; r < 3; ++r)
             ASSERT_TRUE(create_known_ap_table(r));
-        testutil::write_file("/usr/sbin/wifitool", "#!/bin/sh\necho \"$@\" >> /tmp/wifitool_runs\n", 0755);
+        testutil::write_file(testutil::at("/usr/sbin/wifitool"),
+                             "#!/bin/sh\necho \"$@\" >> " + testutil::at("/tmp/wifitool_runs") + "\n", 0755);
         set_rogue(1, 1, 1);
         for (int r = 0; r < 3; ++r)
             radio_with_vap0(r);
@@ -103,7 +104,7 @@ TEST_F(scheduler_test, rogue_check_repeats_while_disabled)
 TEST_F(scheduler_test, radio_up_creates_database_and_draws_delay)
 {
     start_5gh_scan_timer();
-    EXPECT_TRUE(testutil::exists("/tmp/scan_db_5gh"));
+    EXPECT_TRUE(testutil::exists(testutil::at("/tmp/scan_db_5gh")));
     EXPECT_GE(scanning().rand_scan_timer, 60);
     EXPECT_LE(scanning().rand_scan_timer, 300);
     EXPECT_EQ(scanning().rand_scan_timer % 10, 0);
@@ -179,7 +180,7 @@ class full_scan_test : public scheduler_test, public ::testing::WithParamInterfa
 TEST_P(full_scan_test, leaves_one_timer)
 {
     const full_case& c = GetParam();
-    testutil::write_file("/usr/local/bin/ifconfig", "#!/bin/sh\n", 0755);
+    testutil::write_file(testutil::at("/usr/local/bin/ifconfig"), "#!/bin/sh\n", 0755);
     c.setup();
     band_of[c.radio].full(0, c.radio);
     expect_next(c.radio, c.next ? c.next : band_of[c.radio].full, c.radio, c.secs);
@@ -210,10 +211,10 @@ TEST_F(scheduler_test, full_scan_success_learns_channels)
     trigger_5gl_full_scan(0, 1);
     const growable_array<int32_t>& channels = scanning().scan_chan_list[1];
     EXPECT_EQ(std::vector<int32_t>(channels.begin(), channels.end()), (std::vector<int32_t>{36, 40}));
-    EXPECT_EQ(testutil::read_file("/tmp/wifitool_runs"), "wifi1vap0 setchanlist 0\n");
+    EXPECT_EQ(testutil::read_file(testutil::at("/tmp/wifitool_runs")), "wifi1vap0 setchanlist 0\n");
     ASSERT_EQ(fake.param_sets.size(), 1u);
     EXPECT_STREQ(fake.param_sets[0].name, "wifi1vap0");
-    EXPECT_EQ(query("/tmp/scan_db_5g", "SELECT CHANNEL FROM CHANNEL_DETAILS"), (rows{{"36"}}));
+    EXPECT_EQ(query(testutil::at("/tmp/scan_db_5g"), "SELECT CHANNEL FROM CHANNEL_DETAILS"), (rows{{"36"}}));
 }
 
 // Batch scans that read nothing: skipped or held, or with no channel learned.
@@ -247,7 +248,7 @@ class batch_scan_test : public scheduler_test, public ::testing::WithParamInterf
 TEST_P(batch_scan_test, reads_nothing_and_leaves_one_timer)
 {
     const batch_case& c = GetParam();
-    testutil::write_file("/usr/local/bin/ifconfig", "#!/bin/sh\n", 0755);
+    testutil::write_file(testutil::at("/usr/local/bin/ifconfig"), "#!/bin/sh\n", 0755);
     scanning().scan_chan_list[c.radio].clear();
     ASSERT_TRUE(scanning().scan_chan_list[c.radio].push_back(1));
     c.setup();

@@ -1,0 +1,195 @@
+"""Faults staged around a running daemon: its scan database deleted, spoiled or
+taken by a directory between two scans, its event socket removed or replaced,
+a second daemon started beside it, and the leftovers of a killed one. The
+daemon ends alive and caught up, without a restart."""
+
+import os
+import signal
+import socket
+import sqlite3
+import stat
+
+import pytest
+
+from e2e_helpers import (JITTER_REAL, JITTER_REAL_SANITIZED, KH_ADDITION, MARKERS, WAITING, band_requests, event,
+                         ft_table, refresh_line, scan_config, scan_idle, send_and_wait)
+from sim.expect import AP2MAC, FT_KEY_CHANGED, KEY_HOLDERS
+
+SCAN_DB = "/tmp/scan_db_2g"
+CHANNELS = (1, 6, 11)
+DRIVER = {"radios": {0: {"channels": [{"ieee": ch, "bss": [{"bssid": f"02:00:00:00:{ch:02X}:00"}]}
+                                      for ch in CHANNELS]}}}
+SCAN_DONE = "[dorvand] trigger_2g_full_scan :parsed scan result succesfully\n"
+REPAIRED = "[dorvand] Scan database /tmp/scan_db_2g {}: created again\n"
+UNREPLACEABLE = ("[dorvand] Scan database /tmp/scan_db_2g cannot be replaced [39|Directory not empty]: tried again at "
+                 "the next scan\n")
+SOCKET = "/tmp/roam_sock"
+REBOUND = "[dorvand] Event socket /tmp/roam_sock was removed or replaced: bound again\n"
+ENABLED = [(0, 0)]
+NEIGHBOURS = ["0A:1B:2C:3D:4E:50", "0A:1B:2C:3D:5E:50"]
+HOLDERS = [bytes(8) + bytes.fromhex(m) + b"\x01\x00" for m in ("0a1b2c3d4e5f", "0a1b2c3d5e5f")]
+STALE = "[dorvand] Removed {} left by an earlier run\n"
+
+
+def scanning(sandbox):
+    """A daemon scanning wlan0 (a batch every 3 s of real time), past its first full scan."""
+    sb = sandbox(config=scan_config([0]), driver=DRIVER, configd=ft_table(), scale=600)
+    sb.wait_for_log(SCAN_DONE, timeout=15)
+    sb.wait_for(lambda: scan_idle(sb, [0]), 5, "the end of the first full scan")
+    return sb
+
+
+def wait_batches(sb, count):
+    """Waits until `count` batch scans of wlan0 have ended."""
+    sb.wait_for(lambda: len(band_requests(sb, 0, "chan_scan")) >= count * len(CHANNELS) and scan_idle(sb, [0]),
+                6 * count + 5, f"{count} batch scan(s) of wlan0")
+
+
+def stored(sb):
+    with sqlite3.connect(sb.path(SCAN_DB)) as db:
+        return (db.execute("SELECT CHANNEL FROM CHANNEL_DETAILS ORDER BY CHANNEL").fetchall(),
+                db.execute("SELECT MAC FROM SCANNED_AP_DETAILS ORDER BY MAC").fetchall())
+
+
+ALL_ROWS = ([(ch,) for ch in CHANNELS], [(f"02:00:00:00:{ch:02x}:00",) for ch in CHANNELS])
+
+
+def to_directory(path):
+    path.unlink()
+    path.mkdir()
+
+
+@pytest.mark.parametrize("stage, found, moved", [
+    (lambda p: p.unlink(), "was missing", None),
+    (lambda p: p.write_bytes(b"not a database\n"), "was not a database (moved to /tmp/scan_db_2g.corrupt)",
+     b"not a database\n"),
+    (to_directory, "was a directory", None),
+], ids=["deleted", "garbage", "directory"])
+def test_recovery_scan_db(sandbox, stage, found, moved):
+    """A database deleted, overwritten or replaced by an empty directory between two scans gets the band's tables
+    again in the next scan, which stores all its rows; an unreadable one is kept as <db>.corrupt."""
+    sb = scanning(sandbox)
+    stage(sb.path(SCAN_DB))
+    wait_batches(sb, 1)
+    log = sb.log_text()
+    assert log.count(REPAIRED.format(found)) == 1, f"expected one repair line {REPAIRED.format(found)!r}"
+    assert stored(sb) == ALL_ROWS
+    for failure in ("Cannot run sql statement", "Error in executing statement", "Error in opening Db"):
+        assert failure not in log
+    corrupt = sb.path(SCAN_DB + ".corrupt")
+    assert (corrupt.read_bytes() if corrupt.exists() else None) == moved
+    assert sb.running()
+
+
+def test_recovery_scan_db_directory_with_content(sandbox):
+    """A directory with content in the database's place is left as it is, reported once over two scans, and
+    replaced at the first scan after it was emptied."""
+    sb = scanning(sandbox)
+    db = sb.path(SCAN_DB)
+    to_directory(db)
+    (db / "kept").write_text("somebody's\n")
+    wait_batches(sb, 2)
+    assert sb.log_text().count(UNREPLACEABLE) == 1
+    assert (db / "kept").read_text() == "somebody's\n"
+    (db / "kept").unlink()
+    wait_batches(sb, 3)
+    assert sb.log_text().count(REPAIRED.format("was a directory")) == 1
+    assert stored(sb) == ALL_ROWS
+
+
+def replace_by_socket(path):
+    path.unlink()
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
+        s.bind(str(path))
+
+
+@pytest.mark.parametrize("stage", [
+    None,
+    lambda p: p.unlink(),
+    lambda p: (p.unlink(), p.write_text("not a socket\n")),
+    replace_by_socket,
+], ids=["none", "removed", "regular_file", "another_socket"])
+def test_recovery_event_socket(sandbox, stage):
+    """An event socket removed or replaced is bound again within 60 daemon-seconds and the next event is applied;
+    without a fault the minute check adds no log line and leaves the socket as it is."""
+    sb = sandbox(configd=ft_table(ENABLED))
+    sb.wait_for_log(refresh_line(0x1), timeout=8)
+    waits = sb.log_text().count(WAITING)
+    sock = sb.path(SOCKET)
+    inode = sock.stat().st_ino
+    staged = sb.daemon_time()
+    if stage is None:
+        sb.sleep_daemon(200)
+        log = sb.log_text()
+        assert log.count(WAITING) == waits and "no data" not in log and "Event socket" not in log
+        assert sock.stat().st_ino == inode
+    else:
+        stage(sock)
+        sb.wait_for_log(REBOUND, timeout=10)
+        slack = (JITTER_REAL_SANITIZED if sb.sanitized else JITTER_REAL) * sb.scale + 1
+        rebound = sb.log_times(REBOUND.rstrip("\n"))[0]
+        assert rebound - staged <= 60 + slack, f"bound again {rebound - staged:.1f} daemon-seconds after the fault"
+        assert stat.S_ISSOCK(sock.stat().st_mode) and stat.S_IMODE(sock.stat().st_mode) == 0o600
+        sb.wait_for_syslog(REBOUND.rstrip("\n"))
+    send_and_wait(sb, event(NEIGHBOURS[0], KH_ADDITION))
+    assert sb.path(KEY_HOLDERS).read_bytes() == HOLDERS[0]
+    assert sb.log_text().count(REBOUND) == (stage is not None)
+
+
+def snapshot(sb, paths):
+    out = {}
+    for p in paths:
+        st = sb.path(p).lstat()
+        out[p] = (st.st_ino, st.st_mtime_ns, None if stat.S_ISSOCK(st.st_mode) else sb.path(p).read_bytes())
+    return out
+
+
+@pytest.mark.parametrize("found_by, line", [
+    ("pid_file", "[dorvand] Another dorvand (pid {pid}) holds /tmp/dorvand.pid: not started\n"),
+    ("socket", "[dorvand] Another dorvand serves /tmp/roam_sock: not started\n"),
+], ids=["pid_file_locked", "socket_served"])
+def test_recovery_second_daemon_refused(sandbox, found_by, line):
+    """A second daemon finds the first by its pid file's lock (or, with the pid file gone, by its live event
+    socket), says so on stderr and to syslog and exits with status 1; the first's files and socket are untouched
+    and it goes on serving events."""
+    sb = sandbox(configd=ft_table(ENABLED))
+    sb.wait_for_log(refresh_line(0x1), timeout=8)
+    send_and_wait(sb, event(NEIGHBOURS[0], KH_ADDITION))
+    if found_by == "socket":
+        sb.path("/tmp/dorvand.pid").unlink()
+    sb.path(MARKERS[1]).touch()  # as while a scan of the first writes
+    files = [p for p in ("/tmp/dorvand.pid", SOCKET, KEY_HOLDERS, AP2MAC, FT_KEY_CHANGED, MARKERS[1])
+             if sb.path(p).exists()]
+    before = snapshot(sb, files)
+    launch = sb.start_beside()
+    want = line.format(pid=sb.pid())
+    assert (launch.returncode, launch.stderr) == (1, want)
+    sb.wait_for_syslog(want.rstrip("\n"))
+    assert snapshot(sb, files) == before
+    assert sb.log_text().count("[dorvand] radio_type = ") == 1, "the second daemon wrote to the first's log"
+    send_and_wait(sb, event(NEIGHBOURS[1], KH_ADDITION))
+    assert sb.path(KEY_HOLDERS).read_bytes() == b"".join(HOLDERS)
+    assert sb.running() and sb.exit_code() is None
+
+
+@pytest.mark.parametrize("markers", [(), (0,), (0, 1, 2)])
+def test_recovery_leftovers_of_a_killed_daemon(sandbox, markers):
+    """After kill -9 the next daemon takes over the pid file and the event socket left behind and removes the scan
+    markers left (one line each, none without them)."""
+    sb = sandbox(configd=ft_table(ENABLED))
+    sb.wait_for_log(refresh_line(0x1), timeout=8)
+    first = sb.pid()
+    for r in markers:
+        sb.path(MARKERS[r]).touch()
+    os.kill(first, signal.SIGKILL)
+    sb.wait_exit()
+    assert sb.path(SOCKET).exists() and sb.path("/tmp/dorvand.pid").exists()
+    sb.start()
+    assert sb.pid() != first
+    assert sb.path("/tmp/dorvand.pid").read_bytes() == f"{sb.pid()}\n".encode().ljust(8, b"\0")
+    log = sb.wait_for_log(refresh_line(0x1), timeout=8, count=2)
+    assert log.count("left by an earlier run") == len(markers)
+    for r in markers:
+        assert STALE.format(MARKERS[r]) in log and not sb.path(MARKERS[r]).exists()
+    send_and_wait(sb, event(NEIGHBOURS[0], KH_ADDITION))
+    assert sb.path(KEY_HOLDERS).read_bytes() == HOLDERS[0]

@@ -1,0 +1,225 @@
+// The fault injector itself: its rule language, and rules firing through
+// the interposed calls of this process (files, stdio, sockets, SQLite).
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+#include "dorvfault.h"
+#include "fault_core.h"
+
+namespace core = dorvfault::core;
+
+namespace {
+
+struct accepted_case {
+    const char* text;
+    core::call what;
+    core::fd_kind kind;
+    const char* glob;
+    uint32_t nth, count;
+    int err;
+    long short_len;
+    const char* canonical;
+};
+
+TEST(FaultRules, AcceptedRulesReadAsWritten)
+{
+    const accepted_case cases[] = {
+        {"write path=/var/roam_key_holders nth=2 errno=ENOSPC", core::call::write, core::fd_kind::any,
+         "/var/roam_key_holders", 2, 1, ENOSPC, -1, "write path=/var/roam_key_holders nth=2 errno=ENOSPC"},
+        {"  write\tpath=/tmp/ap2_macaddr.txt   short=5 ", core::call::write, core::fd_kind::any, "/tmp/ap2_macaddr.txt",
+         1, 1, 0, 5, "write path=/tmp/ap2_macaddr.txt short=5"},
+        {"rename path=/tmp/ap2_macaddr.txt every errno=EIO", core::call::rename, core::fd_kind::any,
+         "/tmp/ap2_macaddr.txt", 1, core::every, EIO, -1, nullptr},
+        {"open path=/tmp/scan_db_* nth=1 count=3 errno=EACCES", core::call::open, core::fd_kind::any,
+         "/tmp/scan_db_*", 1, 3, EACCES, -1, nullptr},
+        {"socket fd=unix every errno=EMFILE", core::call::socket, core::fd_kind::unix_sock, "", 1, core::every, EMFILE,
+         -1, nullptr},
+        {"spawn nth=1 errno=11", core::call::spawn, core::fd_kind::any, "", 1, 1, 11, -1, nullptr},
+        {"poll fd=pipe nth=4 every errno=EINTR", core::call::poll, core::fd_kind::pipe, "", 4, core::every, EINTR, -1,
+         nullptr},
+    };
+    for (const accepted_case& c : cases) {
+        SCOPED_TRACE(c.text);
+        core::rule r;
+        char why[400] = "";
+        ASSERT_TRUE(core::parse_rule(c.text, r, why, sizeof why)) << why;
+        EXPECT_EQ(r.what, c.what);
+        EXPECT_EQ(r.kind, c.kind);
+        EXPECT_STREQ(r.glob, c.glob);
+        EXPECT_EQ(r.nth, c.nth);
+        EXPECT_EQ(r.count, c.count);
+        EXPECT_EQ(r.err, c.err);
+        EXPECT_EQ(r.short_len, c.short_len);
+        EXPECT_STREQ(r.text, c.canonical ? c.canonical : c.text);
+    }
+}
+
+TEST(FaultRules, BadRulesAreRefusedByName)
+{
+    const struct {
+        const char* text;
+        const char* reason;
+    } cases[] = {
+        {"", "empty"},
+        {"chmod errno=EIO", "unknown call"},
+        {"write path=/x", "exactly one of errno"},
+        {"write errno=EIO short=3", "exactly one of errno"},
+        {"open path=/x short=3", "\"short\" is for write only"},
+        {"write errno=ENOTANERRNO", "\"errno\" must be"},
+        {"write errno=0", "\"errno\" must be"},
+        {"write nth=0 errno=EIO", "\"nth\" must be"},
+        {"write count=2 every errno=EIO", "\"every\" given with \"count\""},
+        {"write fd=tty errno=EIO", "\"fd\" must be"},
+        {"pipe2 path=/x errno=EIO", "this call takes no path"},
+        {"open fd=file errno=EIO", "this call works on no descriptor"},
+        {"write colour=red errno=EIO", "unknown key"},
+        {"write now errno=EIO", "neither KEY=VALUE"},
+        {"write path=/a path=/b errno=EIO", "\"path\" given twice"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        core::rule r;
+        char why[400] = "";
+        EXPECT_FALSE(core::parse_rule(c.text, r, why, sizeof why));
+        EXPECT_NE(std::string(why).find(std::string("bad fault rule \"") + c.text), std::string::npos) << why;
+        EXPECT_NE(std::string(why).find(c.reason), std::string::npos) << why;
+    }
+    EXPECT_THROW(dorvfault::arm("write nth=x errno=EIO"), std::invalid_argument);
+}
+
+TEST(FaultRules, GlobsMatchLikeFnmatch)
+{
+    const struct {
+        const char* pattern;
+        const char* text;
+        bool match;
+    } cases[] = {
+        {"/tmp/scan_db_*", "/tmp/scan_db_2g", true},       {"/tmp/scan_db_*", "/tmp/scan_db_5g-journal", true},
+        {"/tmp/scan_db_*", "/tmp/scan_db", false},         {"/tmp/scan_db_?g", "/tmp/scan_db_5g", true},
+        {"/tmp/scan_db_?g", "/tmp/scan_db_5gh", false},    {"*", "", true},
+        {"/tmp/*.txt", "/tmp/ap2_macaddr.txt", true},      {"/tmp/*.txt", "/tmp/ap2_macaddr.txt.0", false},
+        {"/tmp/log/dorvand_log.[01]", "/tmp/log/dorvand_log.1", true},
+        {"/tmp/log/dorvand_log.[!01]", "/tmp/log/dorvand_log.1", false},
+        {"/tmp/DB[0-9]G*", "/tmp/DB5GH_UPDATION_IN_PROGRESS", true},
+        {"/var/roam_key_holders", "/var/roam_key_holders_tmp", false},
+        {"*a*b*c", "xxaxxbxxbxxc", true},                  {"a[b", "a[b", true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.pattern) + " ~ " + c.text);
+        EXPECT_EQ(core::glob_match(c.pattern, c.text), c.match);
+    }
+}
+
+int open_scratch(const char* path)
+{
+    return ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+}
+
+TEST(FaultRules, NthCountAndEveryPickTheFailingCalls)
+{
+    const struct {
+        const char* rule;
+        const char* outcomes;  // per write: '.' written, 'x' failed with ENOSPC
+    } cases[] = {
+        {"write path=/tmp/fault_w nth=2 errno=ENOSPC", ".x...."},
+        {"write path=/tmp/fault_w nth=2 count=3 errno=ENOSPC", ".xxx.."},
+        {"write path=/tmp/fault_w nth=3 every errno=ENOSPC", "..xxxx"},
+        {"write path=/tmp/fault_other every errno=ENOSPC", "......"},
+        {"write fd=pipe every errno=ENOSPC", "......"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.rule);
+        int fd = open_scratch("/tmp/fault_w");
+        ASSERT_GE(fd, 0);
+        dorvfault::handle h = dorvfault::arm(c.rule, true);
+        std::string got;
+        for (size_t i = 0; i < 6; ++i) {
+            errno = 0;
+            ssize_t n = write(fd, "ab", 2);
+            got += n == 2 ? '.' : (n == -1 && errno == ENOSPC) ? 'x' : '?';
+        }
+        close(fd);
+        EXPECT_EQ(got, c.outcomes);
+        size_t failures = std::count(got.begin(), got.end(), 'x');
+        EXPECT_EQ(dorvfault::fired(h), failures);
+        EXPECT_EQ(dorvfault::fired_path(h), failures ? "/tmp/fault_w" : "");
+        dorvfault::reset();
+    }
+}
+
+TEST(FaultRules, ShortWriteWritesThatMuch)
+{
+    int fd = open_scratch("/tmp/fault_short");
+    ASSERT_GE(fd, 0);
+    dorvfault::arm("write path=/tmp/fault_short short=3");
+    EXPECT_EQ(write(fd, "abcdefgh", 8), 3);
+    EXPECT_EQ(write(fd, "XY", 2), 2);
+    close(fd);
+    char buf[16] = {};
+    FILE* f = fopen("/tmp/fault_short", "r");
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(fread(buf, 1, sizeof buf, f), 5u);
+    fclose(f);
+    EXPECT_STREQ(buf, "abcXY");
+}
+
+TEST(FaultRules, StdioStreamFailsWhereItFlushes)
+{
+    dorvfault::handle h = dorvfault::arm("write path=/tmp/fault_stdio every errno=EDQUOT");
+    FILE* f = fopen("/tmp/fault_stdio", "w");
+    ASSERT_NE(f, nullptr);
+    fprintf(f, "%s\n", "a line");  // buffered: the failure comes with the close
+    errno = 0;
+    EXPECT_EQ(fclose(f), EOF);
+    EXPECT_EQ(errno, EDQUOT);
+    f = fopen("/tmp/fault_stdio", "w");
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(fwrite("abcd", 4, 1, f), 0u);
+    EXPECT_TRUE(ferror(f));
+    fclose(f);
+    EXPECT_EQ(dorvfault::fired(h), 2u);
+}
+
+TEST(FaultRules, RenameMatchesEitherPathAndSocketsByKind)
+{
+    dorvfault::handle ren = dorvfault::arm("rename path=/tmp/fault_target errno=EXDEV");
+    dorvfault::handle sock = dorvfault::arm("socket fd=unix every errno=EMFILE");
+    close(open_scratch("/tmp/fault_src"));
+    EXPECT_EQ(rename("/tmp/fault_src", "/tmp/fault_target"), -1);
+    EXPECT_EQ(errno, EXDEV);
+    EXPECT_EQ(access("/tmp/fault_src", F_OK), 0);
+    EXPECT_EQ(socket(AF_UNIX, SOCK_DGRAM, 0), -1);
+    EXPECT_EQ(errno, EMFILE);
+    int inet = socket(AF_INET, SOCK_DGRAM, 0);
+    EXPECT_GE(inet, 0);
+    close(inet);
+    EXPECT_EQ(dorvfault::fired(ren), 1u);
+    EXPECT_EQ(dorvfault::fired(sock), 1u);
+    EXPECT_EQ(dorvfault::fired_path(ren), "/tmp/fault_target");
+}
+
+TEST(FaultRules, SqliteFilesAreReached)
+{
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open_v2("/tmp/fault_db", &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr), SQLITE_OK);
+    dorvfault::handle w = dorvfault::arm("write path=/tmp/fault_db* every errno=EIO");
+    EXPECT_NE(sqlite3_exec(db, "CREATE TABLE t(a)", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+    dorvfault::handle o = dorvfault::arm("open path=/tmp/fault_db2 every errno=EACCES");
+    db = nullptr;
+    EXPECT_EQ(sqlite3_open_v2("/tmp/fault_db2", &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr),
+              SQLITE_CANTOPEN);
+    sqlite3_close(db);
+    EXPECT_GE(dorvfault::fired(w), 1u);
+    EXPECT_GE(dorvfault::fired(o), 1u);
+}
+
+}  // namespace
