@@ -109,9 +109,12 @@ def measure_memory(dorvand: Path, simlib: Path) -> None:
         kh = sb.path("/var/roam_key_holders")
         kh.write_bytes(key_holder_file())
         sb.start()
-        sb.wait_for_log(refresh_line((1 << 30) - 1), timeout=900)
+        # The bands' scans start after the first 802.11r refresh, which reads
+        # the key holders back: the first full scans' channel-list requests
+        # (kept in the request log, unlike log lines, which rotate away)
+        # follow both.
         sb.wait_for(lambda: all(band_requests(sb, r, "chan_info") for r in CHANNELS) and scan_idle(sb, CHANNELS),
-                    600, "the first full scan of every band")
+                    1500, "the first full scan of every band", interval=1)
         # The simulated driver lives in the daemon's process (a preloaded
         # library) and holds the 2,000 BSSs it answered with; it lets them go
         # when its state file is replaced by one without BSSs.
