@@ -24,5 +24,15 @@ echo "== memory at the envelope =="
 /usr/bin/python3 tests/bench/bench.py memory --dorvand build/dorvand --simlib build/sim/libdorvsim.so
 echo "== scan ingestion =="
 build/tests/bench_ingest "$rounds"
+# The same work counted in system calls, which no load on the machine blurs.
+if command -v strace >/dev/null; then
+    counts=""
+    for side in daemon floor; do
+        rows=$(strace -c -o build/strace-$side.txt build/tests/bench_ingest 1 $side)
+        calls=$(awk '$NF == "total" { print $4 }' build/strace-$side.txt)
+        counts="$counts, $side $(awk -v c="$calls" -v r="$rows" 'BEGIN { printf "%.1f", c / r }')"
+    done
+    echo "system calls a row: ${counts#, }"
+fi
 echo "== event to transition script =="
 /usr/bin/python3 tests/bench/bench.py latency --dorvand build/dorvand --simlib build/sim/libdorvsim.so
