@@ -248,12 +248,19 @@ void report_running_daemon(pid_t holder)
     syslog(LOG_ERR, "%s", text);
 }
 
-void start_thread(thread_entry entry)
+bool start_thread(thread_entry entry)
 {
     pthread_t tid;
     int rc = pthread_create(&tid, nullptr, entry, nullptr);
     if (rc != 0)
         log_msg(1, log_lvl::error, "Failed to create the thread [%d | %s ]\n", rc, strerror(rc));
+    return rc == 0;
+}
+
+[[noreturn]] void exit_without_signal(int signo)
+{
+    log_msg(0, log_lvl::error, "[dorvand]  Registering %d signal failed. Hence exiting the daemon\n", signo);
+    exit(-1);
 }
 
 }  // namespace
@@ -314,10 +321,8 @@ void register_exit_signal(struct sigaction* action, int signo, void (*handler)(i
     *action = {};
     action->sa_handler = handler;
     sigemptyset(&action->sa_mask);
-    if (sigaction(signo, action, nullptr) != 0) {
-        log_msg(0, log_lvl::error, "[dorvand]  Registering %d signal failed. Hence exiting the daemon\n", signo);
-        exit(-1);
-    }
+    if (sigaction(signo, action, nullptr) != 0)
+        exit_without_signal(signo);
 }
 
 void register_info_signal(struct sigaction* action, int signo, void (*handler)(int, siginfo_t*, void*))
@@ -364,7 +369,10 @@ void setup_signals()
         static struct sigaction term_action {};
         register_exit_signal(&term_action, SIGTERM, exit_signal_handler);
     }
-    start_thread(signal_thread);
+    // Signal 10 is served by the signal thread through its pipe: without
+    // either the daemon could never be stopped cleanly, as without its handler.
+    if (exit_pipe[0] < 0 || !start_thread(signal_thread))
+        exit_without_signal(exit_signal);
     start_thread(ft_update_thread);
 }
 
