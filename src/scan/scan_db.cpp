@@ -173,7 +173,8 @@ int create_scan_db(int radio)
     sqlite_ptr db;
     int rc = open_db(radio, db);
     if (rc != SQLITE_OK) {
-        log_msg(0, log_lvl::error, "Cannot open database: %s\n", sqlite3_errmsg(db.get()));
+        // A file refused before SQLite saw it leaves no handle to ask.
+        log_msg(0, log_lvl::error, "Cannot open database: %s\n", db ? sqlite3_errmsg(db.get()) : sqlite3_errstr(rc));
         return rc;
     }
     log_msg(0, log_lvl::error, "Creating scan table\n");
