@@ -160,22 +160,22 @@ int plant_before_rows(int fd, unsigned long request, void* arg)
 {
     auto* block = static_cast<drv_debug_block*>(static_cast<drv_iwreq*>(arg)->u.data.pointer);
     if (request == DRV_REQ_DEBUG && block->report->nbr.pointer && !planted) {
-        unlink(db2g);
-        planted = symlink("/tmp/victim", db2g) == 0;
+        unlink(db2g());
+        planted = symlink(testutil::at("/tmp/victim").c_str(), db2g()) == 0;
     }
     return fake_ioctl(fd, request, arg);
 }
 
 TEST_F(scan_db_test, link_planted_after_the_check_is_refused_for_each_row)
 {
-    testutil::write_file("/tmp/victim", "not the daemon's\n");
+    testutil::write_file(testutil::at("/tmp/victim"), "not the daemon's\n");
     fake.report = {channel(11, 2)};
     planted = false;
     driver_ioctl = plant_before_rows;
     ASSERT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
     ASSERT_TRUE(planted) << "the link was never planted";
-    EXPECT_EQ(testutil::read_file("/tmp/victim"), "not the daemon's\n");
-    EXPECT_EQ(log_count("[dorvand] Refused /tmp/scan_db_2g: a symbolic link\n"), 2);
+    EXPECT_EQ(testutil::read_file(testutil::at("/tmp/victim")), "not the daemon's\n");
+    EXPECT_EQ(log_count("[dorvand] Refused " + std::string(db2g()) + ": a symbolic link\n"), 2);
     EXPECT_EQ(log_count("[1434]Error in opening Db \n"), 2);
 }
 
