@@ -19,7 +19,7 @@ const std::string key0 = "ap2_macaddr_wifi0vap0=";
 std::string bssid(int hi, int lo)
 {
     char text[18];
-    snprintf(text, sizeof text, "0A:1B:2C:3D:%02X:%02X", hi, lo);
+    snprintf(text, sizeof text, "0A:1B:2C:3D:%02X:%02X", hi & 0xff, lo & 0xff);
     return text;
 }
 
