@@ -57,12 +57,23 @@ private:
     bool held_ = false;
 };
 
-unique_fd bind_at(const char* path)
+// The daemon writes its pid file with mode 0200 and, as root, reads it all
+// the same. An ordinary user's run gives itself the read permission that
+// root does not need, so that the test sees the same lock and bytes.
+void let_the_test_read_the_pid_file()
 {
+    if (geteuid() != 0) {
+        ASSERT_EQ(chmod(paths::pid_file, 0600), 0);
+    }
+}
+
+unique_fd bind_at(const std::string& fixed)
+{
+    const std::string path = testutil::at(fixed);
     unique_fd fd(socket(AF_UNIX, SOCK_DGRAM, 0));
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, path, sizeof addr.sun_path - 1);
+    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
     if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0)
         ADD_FAILURE() << "bind " << path << ": " << strerror(errno);
     return fd;
@@ -72,6 +83,7 @@ TEST_F(single_instance_test, LockedPidFileIsALiveDaemonAndIsNotWritten)
 {
     pid_file_holder first;
     ASSERT_TRUE(first.held());
+    let_the_test_read_the_pid_file();
     const std::string bytes = testutil::read_file(paths::pid_file);
     pid_t holder = 0;
     EXPECT_TRUE(other_daemon_running(&holder));
@@ -86,12 +98,14 @@ TEST_F(single_instance_test, LeftoversOfADeadDaemonAreTakenOver)
         pid_file_holder dead;
         ASSERT_TRUE(dead.held());
     }
-    unique_fd gone = bind_at(paths::event_socket);
+    let_the_test_read_the_pid_file();
+    unique_fd gone = bind_at("/tmp/roam_sock");
     gone.reset();  // the socket file stays, served by nobody
     pid_t holder = -1;
     EXPECT_FALSE(other_daemon_running(&holder));
     EXPECT_EQ(holder, 0);
     EXPECT_EQ(write_pid_file(), 0);
+    let_the_test_read_the_pid_file();
     char want[8] = {};
     snprintf(want, sizeof want, "%d\n", static_cast<int>(getpid()));
     EXPECT_EQ(testutil::read_file(paths::pid_file), std::string(want, sizeof want));
@@ -102,6 +116,7 @@ struct socket_case {
     const char* bound;  // where the live socket is bound
     void (*plant)();    // what then names /tmp/roam_sock
     bool running;
+    bool root_only;     // the plant gives the file to another user
 };
 
 void PrintTo(const socket_case& c, std::ostream* os)
@@ -110,10 +125,11 @@ void PrintTo(const socket_case& c, std::ostream* os)
 }
 
 const socket_case socket_cases[] = {
-    {"served", "/tmp/roam_sock", [] {}, true},
-    {"link_to_a_live_socket", "/tmp/elsewhere", [] { ASSERT_EQ(symlink("/tmp/elsewhere", "/tmp/roam_sock"), 0); },
-     false},
-    {"another_users_socket", "/tmp/roam_sock", [] { ASSERT_EQ(chown("/tmp/roam_sock", 65534, 65534), 0); }, false},
+    {"served", "/tmp/roam_sock", [] {}, true, false},
+    {"link_to_a_live_socket", "/tmp/elsewhere",
+     [] { ASSERT_EQ(symlink(testutil::at("/tmp/elsewhere").c_str(), paths::event_socket), 0); }, false, false},
+    {"another_users_socket", "/tmp/roam_sock", [] { ASSERT_EQ(chown(paths::event_socket, 65534, 65534), 0); }, false,
+     true},
 };
 
 class served_socket_test : public single_instance_test, public ::testing::WithParamInterface<socket_case> {};
@@ -121,6 +137,8 @@ class served_socket_test : public single_instance_test, public ::testing::WithPa
 TEST_P(served_socket_test, OnlyRootsOwnLiveSocketCounts)
 {
     const socket_case& c = GetParam();
+    if (c.root_only && geteuid() != 0)
+        GTEST_SKIP() << "only root can give a socket file to another user";
     unique_fd live = bind_at(c.bound);
     c.plant();
     pid_t holder = -1;

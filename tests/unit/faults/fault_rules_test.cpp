@@ -13,8 +13,10 @@
 
 #include "dorvfault.h"
 #include "fault_core.h"
+#include "test_util.h"
 
 namespace core = dorvfault::core;
+using testutil::at;
 
 namespace {
 
@@ -118,9 +120,9 @@ TEST(FaultRules, GlobsMatchLikeFnmatch)
     }
 }
 
-int open_scratch(const char* path)
+int open_scratch(const std::string& path)
 {
-    return ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
 }
 
 TEST(FaultRules, NthCountAndEveryPickTheFailingCalls)
@@ -129,15 +131,15 @@ TEST(FaultRules, NthCountAndEveryPickTheFailingCalls)
         const char* rule;
         const char* outcomes;  // per write: '.' written, 'x' failed with ENOSPC
     } cases[] = {
-        {"write path=/tmp/fault_w nth=2 errno=ENOSPC", ".x...."},
-        {"write path=/tmp/fault_w nth=2 count=3 errno=ENOSPC", ".xxx.."},
-        {"write path=/tmp/fault_w nth=3 every errno=ENOSPC", "..xxxx"},
-        {"write path=/tmp/fault_other every errno=ENOSPC", "......"},
+        {"write path=*/tmp/fault_w nth=2 errno=ENOSPC", ".x...."},
+        {"write path=*/tmp/fault_w nth=2 count=3 errno=ENOSPC", ".xxx.."},
+        {"write path=*/tmp/fault_w nth=3 every errno=ENOSPC", "..xxxx"},
+        {"write path=*/tmp/fault_other every errno=ENOSPC", "......"},
         {"write fd=pipe every errno=ENOSPC", "......"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.rule);
-        int fd = open_scratch("/tmp/fault_w");
+        int fd = open_scratch(at("/tmp/fault_w"));
         ASSERT_GE(fd, 0);
         dorvfault::handle h = dorvfault::arm(c.rule, true);
         std::string got;
@@ -150,21 +152,21 @@ TEST(FaultRules, NthCountAndEveryPickTheFailingCalls)
         EXPECT_EQ(got, c.outcomes);
         size_t failures = std::count(got.begin(), got.end(), 'x');
         EXPECT_EQ(dorvfault::fired(h), failures);
-        EXPECT_EQ(dorvfault::fired_path(h), failures ? "/tmp/fault_w" : "");
+        EXPECT_EQ(dorvfault::fired_path(h), failures ? at("/tmp/fault_w") : "");
         dorvfault::reset();
     }
 }
 
 TEST(FaultRules, ShortWriteWritesThatMuch)
 {
-    int fd = open_scratch("/tmp/fault_short");
+    int fd = open_scratch(at("/tmp/fault_short"));
     ASSERT_GE(fd, 0);
-    dorvfault::arm("write path=/tmp/fault_short short=3");
+    dorvfault::arm("write path=*/tmp/fault_short short=3");
     EXPECT_EQ(write(fd, "abcdefgh", 8), 3);
     EXPECT_EQ(write(fd, "XY", 2), 2);
     close(fd);
     char buf[16] = {};
-    FILE* f = fopen("/tmp/fault_short", "r");
+    FILE* f = fopen(at("/tmp/fault_short").c_str(), "r");
     ASSERT_NE(f, nullptr);
     EXPECT_EQ(fread(buf, 1, sizeof buf, f), 5u);
     fclose(f);
@@ -173,14 +175,14 @@ TEST(FaultRules, ShortWriteWritesThatMuch)
 
 TEST(FaultRules, StdioStreamFailsWhereItFlushes)
 {
-    dorvfault::handle h = dorvfault::arm("write path=/tmp/fault_stdio every errno=EDQUOT");
-    FILE* f = fopen("/tmp/fault_stdio", "w");
+    dorvfault::handle h = dorvfault::arm("write path=*/tmp/fault_stdio every errno=EDQUOT");
+    FILE* f = fopen(at("/tmp/fault_stdio").c_str(), "w");
     ASSERT_NE(f, nullptr);
     fprintf(f, "%s\n", "a line");  // buffered: the failure comes with the close
     errno = 0;
     EXPECT_EQ(fclose(f), EOF);
     EXPECT_EQ(errno, EDQUOT);
-    f = fopen("/tmp/fault_stdio", "w");
+    f = fopen(at("/tmp/fault_stdio").c_str(), "w");
     ASSERT_NE(f, nullptr);
     EXPECT_EQ(fwrite("abcd", 4, 1, f), 0u);
     EXPECT_TRUE(ferror(f));
@@ -190,12 +192,12 @@ TEST(FaultRules, StdioStreamFailsWhereItFlushes)
 
 TEST(FaultRules, RenameMatchesEitherPathAndSocketsByKind)
 {
-    dorvfault::handle ren = dorvfault::arm("rename path=/tmp/fault_target errno=EXDEV");
+    dorvfault::handle ren = dorvfault::arm("rename path=*/tmp/fault_target errno=EXDEV");
     dorvfault::handle sock = dorvfault::arm("socket fd=unix every errno=EMFILE");
-    close(open_scratch("/tmp/fault_src"));
-    EXPECT_EQ(rename("/tmp/fault_src", "/tmp/fault_target"), -1);
+    close(open_scratch(at("/tmp/fault_src")));
+    EXPECT_EQ(rename(at("/tmp/fault_src").c_str(), at("/tmp/fault_target").c_str()), -1);
     EXPECT_EQ(errno, EXDEV);
-    EXPECT_EQ(access("/tmp/fault_src", F_OK), 0);
+    EXPECT_EQ(access(at("/tmp/fault_src").c_str(), F_OK), 0);
     EXPECT_EQ(socket(AF_UNIX, SOCK_DGRAM, 0), -1);
     EXPECT_EQ(errno, EMFILE);
     int inet = socket(AF_INET, SOCK_DGRAM, 0);
@@ -203,19 +205,20 @@ TEST(FaultRules, RenameMatchesEitherPathAndSocketsByKind)
     close(inet);
     EXPECT_EQ(dorvfault::fired(ren), 1u);
     EXPECT_EQ(dorvfault::fired(sock), 1u);
-    EXPECT_EQ(dorvfault::fired_path(ren), "/tmp/fault_target");
+    EXPECT_EQ(dorvfault::fired_path(ren), at("/tmp/fault_target"));
 }
 
 TEST(FaultRules, SqliteFilesAreReached)
 {
     sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open_v2("/tmp/fault_db", &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr), SQLITE_OK);
-    dorvfault::handle w = dorvfault::arm("write path=/tmp/fault_db* every errno=EIO");
+    ASSERT_EQ(sqlite3_open_v2(at("/tmp/fault_db").c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr),
+              SQLITE_OK);
+    dorvfault::handle w = dorvfault::arm("write path=*/tmp/fault_db* every errno=EIO");
     EXPECT_NE(sqlite3_exec(db, "CREATE TABLE t(a)", nullptr, nullptr, nullptr), SQLITE_OK);
     sqlite3_close(db);
-    dorvfault::handle o = dorvfault::arm("open path=/tmp/fault_db2 every errno=EACCES");
+    dorvfault::handle o = dorvfault::arm("open path=*/tmp/fault_db2 every errno=EACCES");
     db = nullptr;
-    EXPECT_EQ(sqlite3_open_v2("/tmp/fault_db2", &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr),
+    EXPECT_EQ(sqlite3_open_v2(at("/tmp/fault_db2").c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr),
               SQLITE_CANTOPEN);
     sqlite3_close(db);
     EXPECT_GE(dorvfault::fired(w), 1u);
