@@ -309,6 +309,11 @@ TEST_F(dbcom_fault_test, library_edges)
     // No configd: the failures need no error slot; a get none for the value.
     EXPECT_EQ(dbcom_do_transaction(handle_, DBCOM_OP_GET, 0, nullptr, 0, nullptr, nullptr), 1);
     EXPECT_EQ(dbcom_get(handle_, "k", nullptr, nullptr), 1);
+    opt value = "stale";
+    EXPECT_EQ(dbcom_get(nullptr, "key", &value, nullptr), 1);
+    EXPECT_EQ(value, std::nullopt);
+    EXPECT_EQ(dbcom_get(handle_, nullptr, &value, nullptr), 1);
+    EXPECT_EQ(dbcom_close(nullptr), 0);
     // A text that ends in a line feed, or an empty one, goes out as it is.
     for (std::string text : {"k\n", ""}) {
         std::string sent = text;

@@ -137,15 +137,6 @@ TEST_F(dbcom_client_test, empty_data_goes_out_as_one_message)
     EXPECT_EQ(srv.requests()[0].data, "");
 }
 
-TEST_F(dbcom_client_test, missing_handle_or_key)
-{
-    opt value = "stale";
-    EXPECT_EQ(dbcom_get(nullptr, "key", &value, nullptr), 1);
-    EXPECT_EQ(value, std::nullopt);
-    EXPECT_EQ(dbcom_get(handle_, nullptr, &value, nullptr), 1);
-    EXPECT_EQ(dbcom_close(nullptr), 0);
-}
-
 // --- handle set-up ----------------------------------------------------------
 
 std::string un_path(const std::optional<dbcom_addr>& a)

@@ -42,25 +42,6 @@ TEST(dbcom_build, request_items_absent_or_present)
     EXPECT_EQ(msg.back(), 'k');
 }
 
-// The decoders check every length against the bytes present.
-TEST(dbcom_parse, truncation_and_kinds)
-{
-    dbcom_request_view v;
-    bytes no_data = {1, 1, 0, 0, 0, 8, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 0, 0, 0, 0, 0, 0, 0, 0};
-    ASSERT_EQ(dbcom_parse_request(no_data, &v), 0);
-    EXPECT_TRUE(v.data.empty());
-    bytes item_too_long = {1, 1, 0, 0, 0, 8, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 1, 0, 0, 9, 0, 0, 0, 0};
-    EXPECT_EQ(dbcom_parse_request(item_too_long, &v), -1);
-    EXPECT_EQ(dbcom_parse_request(cstest::reply(1, 0, "k v\n"), &v), -1);
-    bytes short_body = {2, 1, 0, 0, 0, 9, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 'x'};
-    EXPECT_EQ(dbcom_parse_header(short_body, nullptr, nullptr), -1);
-
-    bool not_response = false;
-    std::span<const uint8_t> body;
-    EXPECT_EQ(dbcom_parse_response(no_data, nullptr, &body, &not_response), 8);
-    EXPECT_TRUE(not_response);
-}
-
 // --- reading one message --------------------------------------------------
 
 bool drained(int fd)
@@ -154,9 +135,19 @@ TEST(dbcom_msg_edges, builders_refuse_what_cannot_be_a_message)
     EXPECT_EQ(msg.size(), DBCOM_MAX_MSG);
 }
 
+// The decoders check every length against the bytes present.
 TEST(dbcom_msg_edges, decoders_check_every_length)
 {
     dbcom_request_view v;
+    const bytes no_data = {1, 1, 0, 0, 0, 8, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 0, 0, 0, 0, 0, 0, 0, 0};
+    ASSERT_EQ(dbcom_parse_request(no_data, &v), 0);
+    EXPECT_TRUE(v.data.empty());
+    bool not_response = false;
+    std::span<const uint8_t> body;
+    EXPECT_EQ(dbcom_parse_response(no_data, nullptr, &body, &not_response), 8);
+    EXPECT_TRUE(not_response);
+    const bytes short_body = {2, 1, 0, 0, 0, 9, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 'x'};
+    EXPECT_EQ(dbcom_parse_header(short_body, nullptr, nullptr), -1);
     const bytes ext = {4, 1, 0, 0, 0, 18, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 0, 0,   0,
                        0, 0, 0, 0, 0, 3,  0, 0, 0,    1,    2,    3,    4, 'k', '\n'};
     ASSERT_EQ(dbcom_parse_request(ext, &v), 0);
@@ -168,6 +159,8 @@ TEST(dbcom_msg_edges, decoders_check_every_length)
         {4, 1, 0, 0, 0, 12, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 0, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0}, // cut trailer
         {1, 1, 0, 0, 0, 2, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 1, 0},                                // cut item head
         {1, 1, 0, 0, 0, 0, 0, 0, 0xA5, 0xA5, 0xA5},                                            // cut header
+        {1, 1, 0, 0, 0, 8, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 1, 0, 0, 9, 0, 0, 0, 0},              // item too long
+        cstest::reply(1, 0, "k v\n"),                                                           // not a request
     };
     for (const bytes& r : rejected) {
         SCOPED_TRACE(::testing::PrintToString(r));
