@@ -16,10 +16,10 @@ class ap2mac_test : public neighbours_test {};
 
 const std::string key0 = "ap2_macaddr_wifi0vap0=";
 
-std::string bssid(int hi, int lo)
+std::string bssid(uint8_t hi, uint8_t lo)
 {
     char text[18];
-    snprintf(text, sizeof text, "0A:1B:2C:3D:%02X:%02X", hi, lo);
+    snprintf(text, sizeof text, "0A:1B:2C:3D:%02X:%02X", static_cast<unsigned>(hi), static_cast<unsigned>(lo));
     return text;
 }
 
