@@ -33,10 +33,11 @@ option(DORVAND_HARDEN "fortify, stack protector, full RELRO, PIE" ON)
 
 if(DORVAND_STATIC_RUNTIME)
   add_link_options(-static-libstdc++ -static-libgcc)
-  # The run-time's own terminate handler names the type of an uncaught
-  # exception, which drags its whole demangler in; the daemon's standard
-  # streams go nowhere once it has detached, so a plain abort says as much.
-  set(DORVAND_RUNTIME_SOURCES ${CMAKE_SOURCE_DIR}/src/daemon/terminate.cpp)
+  # Nothing of the daemon catches an exception, so the run-time's throws and
+  # its default terminate handler (which demangles the type of an uncaught
+  # exception for a message nobody would see) are replaced by a plain abort,
+  # and their exception classes stay out of the image.
+  set(DORVAND_RUNTIME_SOURCES ${CMAKE_SOURCE_DIR}/src/daemon/runtime.cpp)
 endif()
 
 if(DORVAND_HARDEN)

@@ -1,17 +1,18 @@
 #!/usr/bin/env bash
 # Line and branch coverage of src/ by the unit tests and the end-to-end suite.
 # Builds build-cov/ (-DDORVAND_COVERAGE=ON: instrumented, unoptimised, no
-# sanitizers), zeroes the counters, runs the unit tests and the end-to-end
-# suite against the instrumented daemon (the sandbox binds the build's folder
-# into each daemon's root, so the counters of every run, concurrent ones too,
-# merge into the build's files), then prints coverage per folder of src/ and
-# writes build-cov/coverage/: index.html (with a page per file), summary.json,
-# lines.txt and branches.txt (gcovr's per file, the lines not covered) and
-# gaps.txt (the files with the most branches missed first, their lines never
-# run and their lines with a branch never taken). Throw branches
-# and branches the compiler made unreachable are left out; lines and regions
-# marked GCOVR_EXCL_LINE or GCOVR_EXCL_START ... GCOVR_EXCL_STOP are not
-# counted. Run as root, like the tests. Exits non-zero when a test failed.
+# sanitizers, src/ without exceptions as on the boards), zeroes the counters,
+# runs the unit tests and the end-to-end suite against the instrumented daemon
+# (the sandbox binds the build's folder into each daemon's root, so the
+# counters of every run, concurrent ones too, merge into the build's files),
+# then prints coverage per folder of src/ and writes build-cov/coverage/:
+# index.html (with a page per file), summary.json, lines.txt and branches.txt
+# (gcovr's per file, the lines not covered) and gaps.txt (the files with the
+# most branches missed first, their lines never run and their lines with a
+# branch never taken). Throw branches and branches the compiler made
+# unreachable are left out; lines and regions marked GCOVR_EXCL_LINE or
+# GCOVR_EXCL_START ... GCOVR_EXCL_STOP are not counted. Run as root, like the
+# tests. Exits non-zero when a test failed.
 #
 #   scripts/coverage.sh                         everything (about 20 minutes)
 #   scripts/coverage.sh --unit                  the unit tests only

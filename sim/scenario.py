@@ -36,7 +36,7 @@ MAC_RE = re.compile(r"^[0-9A-Fa-f]{2}([:-][0-9A-Fa-f]{2}){5}$")
 MILESTONE_RE = re.compile(r"^(start|ready|exit|full|batch[1-9]\d*|(2g|5g|5gh)\.(triggered|full|batch[1-9]\d*(\.done)?))$")
 # A fault rule's words (the preload library checks the rest when it is armed).
 FAULT_CALLS = ("open", "write", "rename", "unlink", "ftruncate", "fsync", "mkdir", "socket", "bind", "connect",
-               "send", "recv", "pipe2", "spawn", "select", "poll")
+               "send", "recv", "pipe2", "spawn", "select", "poll", "sigaction", "thread", "daemon")
 FAULT_KEYS = ("path", "fd", "nth", "count", "errno", "short")
 OTHER_SSIDS = ("CafeGuest", "HP-Print-3F", "lab-net", "Visitors", "eduroam", "DIRECT-tv", "warehouse", "")
 

@@ -27,7 +27,8 @@ constexpr call_desc calls[] = {
     {"mkdir", true, false, false},  {"socket", false, true, false}, {"bind", true, true, false},
     {"connect", true, true, false}, {"send", true, true, true},   {"recv", true, true, false},
     {"pipe2", false, false, false}, {"spawn", true, false, false}, {"select", false, false, false},
-    {"poll", true, true, false},
+    {"poll", true, true, false},    {"sigaction", true, false, false}, {"thread", false, false, false},
+    {"daemon", false, false, false},
 };
 static_assert(sizeof calls / sizeof calls[0] == static_cast<size_t>(call::count_));
 

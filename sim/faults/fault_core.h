@@ -16,7 +16,7 @@ namespace dorvfault::core {
 // The calls as rules name them; each stands for a group of C functions.
 enum class call : uint8_t {
     open, write, rename, unlink, ftruncate, fsync, mkdir, socket, bind, connect, send, recv, pipe2, spawn,
-    select, poll, count_
+    select, poll, sigaction, thread, daemon, count_
 };
 
 // What a descriptor is; `any` only in rules.

@@ -6,6 +6,8 @@
 #undef _FILE_OFFSET_BITS
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
 #include <stdio_ext.h>
@@ -718,6 +720,49 @@ int fclose(FILE* f)
         return EOF;
     }
     return rc;
+}
+
+// A sigaction rule's path is the signal's number ("10"). Only calls that
+// install an action count: reading one changes nothing that could fail.
+int sigaction(int signo, const struct sigaction* act, struct sigaction* old)
+{
+    REAL(sigaction, int (*)(int, const struct sigaction*, struct sigaction*));
+    if (act) {
+        char number[12];
+        char* p = number + sizeof number;
+        *--p = '\0';
+        unsigned v = signo < 0 ? 0u : static_cast<unsigned>(signo);
+        do
+            *--p = static_cast<char>('0' + v % 10);
+        while (v /= 10);
+        hit h;
+        if (check(call::sigaction, -1, p, nullptr, h))
+            return fail(h);
+    }
+    return real(signo, act, old);
+}
+
+// Returns the error, as pthread_create does, without touching errno.
+int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*), void* arg)
+{
+    using fn = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+    static std::atomic<void*> slot{nullptr};
+    fn real = next_fn<fn>(slot, "pthread_create");
+    if (!real)
+        return ENOSYS;
+    hit h;
+    if (check(call::thread, -1, nullptr, nullptr, h))
+        return h.err;
+    return real(thread, attr, start, arg);
+}
+
+int daemon(int nochdir, int noclose)
+{
+    REAL(daemon, int (*)(int, int));
+    hit h;
+    if (check(call::daemon, -1, nullptr, nullptr, h))
+        return fail(h);
+    return real(nochdir, noclose);
 }
 
 #ifndef DORVFAULT_NO_WAITS

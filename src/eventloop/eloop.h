@@ -59,7 +59,8 @@ int eloop_register_read_sock(int sock, eloop_sock_handler handler, intptr_t ctx1
 void eloop_unregister_read_sock(int sock);
 
 // Runs passes until neither a timer nor a reader is left, or select fails.
-// At most one due timer runs per pass. Event-loop thread only.
+// At most one due timer runs per pass; after it, the allocator's free pages
+// go back to the system (malloc_trim). Event-loop thread only.
 void eloop_run();
 
 // The loop's clock: the current times() value as a 32-bit tick count.

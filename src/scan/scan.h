@@ -27,6 +27,10 @@ struct scan_state {
     // Per band: a database that cannot be replaced has been reported; cleared
     // by the next write cycle that opens it. Under scan_result_lock.
     bool db_fault_told[3] = {};
+    // Per band: the current report's write cycle found the database file to
+    // be the daemon's own, so its rows open it without asking again. Under
+    // scan_result_lock.
+    bool db_checked[3] = {};
 };
 scan_state& scanning();
 

@@ -120,10 +120,21 @@ int wait_for_readers(void*, int count)
     return 1;
 }
 
-// Opens a band's database the way every connection of the daemon does: no
-// symbolic link anywhere in the name, only the daemon's own file with one
-// link, and a busy timeout so that readers delay writes instead of failing
-// them. A refused file is reported like one that cannot be opened.
+// The connection itself: a symbolic link in the name is refused, and a busy
+// timeout lets readers delay writes instead of failing them.
+int open_connection(const char* path, sqlite_ptr& db)
+{
+    sqlite3* raw = nullptr;
+    int rc = sqlite3_open_v2(path, &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, nullptr);
+    db.reset(raw);
+    if (rc == SQLITE_OK)
+        sqlite3_busy_handler(raw, wait_for_readers, nullptr);
+    return rc;
+}
+
+// Opens a band's database the way every write cycle of the daemon does: no
+// symbolic link anywhere in the name and only the daemon's own file with one
+// link. A refused file is reported like one that cannot be opened.
 int open_db(int radio, sqlite_ptr& db)
 {
     const char* path = paths::scan_dbs[radio];
@@ -132,12 +143,21 @@ int open_db(int radio, sqlite_ptr& db)
         if (!checked.valid())
             return SQLITE_CANTOPEN;
     }
-    sqlite3* raw = nullptr;
-    int rc = sqlite3_open_v2(path, &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, nullptr);
-    db.reset(raw);
-    if (rc == SQLITE_OK)
-        sqlite3_busy_handler(raw, wait_for_readers, nullptr);
-    return rc;
+    return open_connection(path, db);
+}
+
+// A BSS row's own connection. Once its report's write cycle has checked the
+// file, the rows of that report skip the check (it costs more system calls
+// than the row's own work needs); a connection that fails then is opened
+// again the checked way, which reports it as every open does.
+sqlite_ptr open_row_db(int radio)
+{
+    if (scanning().db_checked[radio]) {
+        sqlite_ptr db;
+        if (open_connection(paths::scan_dbs[radio], db) == SQLITE_OK)
+            return db;
+    }
+    return open_scan_db(radio, DB_OPEN_LINE_BSS);
 }
 
 int run_schema(sqlite3* db)
@@ -153,7 +173,8 @@ int create_scan_db(int radio)
     sqlite_ptr db;
     int rc = open_db(radio, db);
     if (rc != SQLITE_OK) {
-        log_msg(0, log_lvl::error, "Cannot open database: %s\n", sqlite3_errmsg(db.get()));
+        // A file refused before SQLite saw it leaves no handle to ask.
+        log_msg(0, log_lvl::error, "Cannot open database: %s\n", db ? sqlite3_errmsg(db.get()) : sqlite3_errstr(rc));
         return rc;
     }
     log_msg(0, log_lvl::error, "Creating scan table\n");
@@ -263,7 +284,9 @@ sqlite_ptr open_scan_db(int radio, int line)
     return db;
 }
 
-sqlite_ptr open_report_db(int radio)
+namespace {
+
+sqlite_ptr open_checked_report_db(int radio)
 {
     const char* path = paths::scan_dbs[radio];
     // What was found in the database's place, for the one line of the repair.
@@ -309,6 +332,15 @@ sqlite_ptr open_report_db(int radio)
     return db;
 }
 
+}  // namespace
+
+sqlite_ptr open_report_db(int radio)
+{
+    sqlite_ptr db = open_checked_report_db(radio);
+    scanning().db_checked[radio] = db != nullptr;
+    return db;
+}
+
 void upsert_channel(sqlite3* db, channel_stats stats)
 {
     if (stats.chan_load > chan_load_max)
@@ -329,7 +361,7 @@ void upsert_channel(sqlite3* db, channel_stats stats)
 
 void upsert_bss(int radio, const bss_row& row)
 {
-    sqlite_ptr db = open_scan_db(radio, DB_OPEN_LINE_BSS);
+    sqlite_ptr db = open_row_db(radio);
     if (!db)
         return;
     char mac[20];

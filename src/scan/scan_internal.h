@@ -93,7 +93,8 @@ sqlite_ptr open_scan_db(int radio, int line);
 // or one without the tables is replaced by the band's empty schema. What
 // cannot be replaced is reported once and tried again at the next report
 // (null then). Links and files that are not the daemon's own are refused as
-// by every open. Holder of scan_result_lock.
+// by every open; once the file has passed, the rows of the same report open
+// it without checking it again. Holder of scan_result_lock.
 sqlite_ptr open_report_db(int radio);
 // Inserts or updates the channel's row (CH_LOAD limited to 100).
 void upsert_channel(sqlite3* db, channel_stats stats);

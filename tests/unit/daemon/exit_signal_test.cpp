@@ -1,5 +1,6 @@
 // Signal 10 against work in progress on another thread: the exit must not
-// strand a scan match that holds the key-holder lock and wants the tables.
+// strand a scan match that holds the key-holder lock and wants the tables,
+// nor wait for ever on a thread that keeps its locks.
 #include <unistd.h>
 
 #include <atomic>
@@ -9,6 +10,7 @@
 #include "daemon/daemon.h"
 #include "base/files.h"
 #include "board/board.h"
+#include "neighbours/nb_internal.h"
 #include "neighbours/neighbours.h"
 #include "test_util.h"
 
@@ -58,6 +60,39 @@ TEST_F(exit_signal_test, DuringScanMatchFreesTheKeyHolders)
     EXPECT_EQ(testutil::log_count("busy; left to the end of the process"), 0);
     EXPECT_EQ(testutil::log_count("[dorvand] Exiting from daemon\n"), 1);
     EXPECT_FALSE(testutil::exists(testutil::at("/var/roam_key_holders"))) << "the append in flight outlived the exit";
+}
+
+// A thread that keeps the key-holder list and the tables locked (stuck in
+// an update) past the clean-up's waits: what they guard is left to the end
+// of the process, and the clean-up ends it as usual.
+[[noreturn]] void exit_while_locks_stay_held()
+{
+    board().radio_count = 2;
+    init_tables();
+    testutil::write_file(testutil::at("/var/roam_key_holders"), std::string(16, '\0'));
+    reload_key_holders();
+    setup_signals();
+    std::atomic<bool> holding{false};
+    std::thread stuck([&holding] {
+        kh_update update;
+        neighbours().ht_mutex.lock();
+        holding = true;
+        pause();
+    });
+    while (!holding)
+        usleep(1000);
+    kill(getpid(), 10);
+    sleep(30);  // the clean-up ends the process
+    _exit(1);
+}
+
+TEST_F(exit_signal_test, LocksHeldPastTheWaitAreLeftToTheEnd)
+{
+    EXPECT_EXIT(exit_while_locks_stay_held(), testing::ExitedWithCode(0), "");
+    EXPECT_EQ(testutil::log_count("[dorvand] key-holder list busy; left to the end of the process\n"), 1);
+    EXPECT_EQ(testutil::log_count("[dorvand] known-AP tables busy; left to the end of the process\n"), 1);
+    EXPECT_EQ(testutil::log_count("Removing "), 0);
+    EXPECT_EQ(testutil::log_count("[dorvand] Exiting from daemon\n"), 1);
 }
 
 }  // namespace

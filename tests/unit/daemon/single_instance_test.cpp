@@ -13,6 +13,7 @@
 #include "base/files.h"
 #include "base/paths.h"
 #include "daemon/daemon.h"
+#include "dorvfault.h"
 #include "test_util.h"
 
 namespace {
@@ -68,10 +69,18 @@ unique_fd bind_at(const char* path)
     return fd;
 }
 
+// The pid file is mode 0200, which only root reads: the tests also run as
+// an ordinary user, who makes it readable to look at it.
+void readable_pid_file()
+{
+    ASSERT_EQ(chmod(paths::pid_file, 0600), 0);
+}
+
 TEST_F(single_instance_test, LockedPidFileIsALiveDaemonAndIsNotWritten)
 {
     pid_file_holder first;
     ASSERT_TRUE(first.held());
+    readable_pid_file();
     const std::string bytes = testutil::read_file(paths::pid_file);
     pid_t holder = 0;
     EXPECT_TRUE(other_daemon_running(&holder));
@@ -92,9 +101,24 @@ TEST_F(single_instance_test, LeftoversOfADeadDaemonAreTakenOver)
     EXPECT_FALSE(other_daemon_running(&holder));
     EXPECT_EQ(holder, 0);
     EXPECT_EQ(write_pid_file(), 0);
+    readable_pid_file();
     char want[8] = {};
     snprintf(want, sizeof want, "%d\n", static_cast<int>(getpid()));
     EXPECT_EQ(testutil::read_file(paths::pid_file), std::string(want, sizeof want));
+}
+
+// A pid file that cannot be emptied is left as it was, and not held: the
+// daemon runs on without one.
+TEST_F(single_instance_test, PidFileThatCannotBeTruncatedIsLeftAlone)
+{
+    testutil::write_file(paths::pid_file, "1234567890\n");
+    dorvfault::arm("ftruncate path=*/tmp/dorvand.pid errno=EIO");
+    errno = 0;
+    EXPECT_EQ(write_pid_file(), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(testutil::read_file(paths::pid_file), "1234567890\n");
+    pid_t holder = -1;
+    EXPECT_FALSE(other_daemon_running(&holder));
 }
 
 struct socket_case {
@@ -111,9 +135,15 @@ void PrintTo(const socket_case& c, std::ostream* os)
 
 const socket_case socket_cases[] = {
     {"served", "/tmp/roam_sock", [] {}, true},
-    {"link_to_a_live_socket", "/tmp/elsewhere", [] { ASSERT_EQ(symlink("/tmp/elsewhere", "/tmp/roam_sock"), 0); },
+    {"link_to_a_live_socket", "/tmp/elsewhere",
+     [] { ASSERT_EQ(symlink(testutil::at("/tmp/elsewhere").c_str(), paths::event_socket), 0); }, false},
+    {"another_users_socket", "/tmp/roam_sock",
+     [] {
+         if (geteuid() != 0)
+             GTEST_SKIP() << "only root gives a socket to another user";
+         ASSERT_EQ(chown(paths::event_socket, 65534, 65534), 0);
+     },
      false},
-    {"another_users_socket", "/tmp/roam_sock", [] { ASSERT_EQ(chown("/tmp/roam_sock", 65534, 65534), 0); }, false},
 };
 
 class served_socket_test : public single_instance_test, public ::testing::WithParamInterface<socket_case> {};
@@ -121,8 +151,10 @@ class served_socket_test : public single_instance_test, public ::testing::WithPa
 TEST_P(served_socket_test, OnlyRootsOwnLiveSocketCounts)
 {
     const socket_case& c = GetParam();
-    unique_fd live = bind_at(c.bound);
+    unique_fd live = bind_at(testutil::at(c.bound).c_str());
     c.plant();
+    if (IsSkipped())
+        return;
     pid_t holder = -1;
     EXPECT_EQ(other_daemon_running(&holder), c.running);
     EXPECT_EQ(holder, 0);

@@ -1,6 +1,8 @@
 // The fault injector itself: its rule language, and rules firing through
 // the interposed calls of this process (files, stdio, sockets, SQLite).
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sqlite3.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -212,6 +214,30 @@ TEST(FaultRules, RenameMatchesEitherPathAndSocketsByKind)
     EXPECT_EQ(dorvfault::fired(ren), 1u);
     EXPECT_EQ(dorvfault::fired(sock), 1u);
     EXPECT_EQ(dorvfault::fired_path(ren), tmp("fault_target"));
+}
+
+// The start-up calls: a handler installed for one signal (by its number),
+// a thread, the detach. Reading an action is not counted.
+TEST(FaultRules, StartUpCallsFail)
+{
+    dorvfault::handle sig = dorvfault::arm("sigaction path=12 errno=EINVAL");
+    dorvfault::handle thr = dorvfault::arm("thread errno=EAGAIN");
+    dorvfault::handle det = dorvfault::arm("daemon errno=ENOMEM");
+    struct sigaction act {};
+    act.sa_handler = SIG_IGN;
+    EXPECT_EQ(sigaction(SIGUSR2, nullptr, &act), 0);
+    EXPECT_EQ(sigaction(SIGUSR1, &act, nullptr), 0);
+    EXPECT_EQ(sigaction(SIGUSR2, &act, nullptr), -1);
+    EXPECT_EQ(errno, EINVAL);
+    pthread_t t;
+    EXPECT_EQ(pthread_create(&t, nullptr, [](void*) -> void* { return nullptr; }, nullptr), EAGAIN);
+    EXPECT_EQ(daemon(0, 0), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(dorvfault::seen(sig), 1u);
+    EXPECT_EQ(dorvfault::fired_path(sig), "12");
+    EXPECT_EQ(dorvfault::fired(thr), 1u);
+    EXPECT_EQ(dorvfault::fired(det), 1u);
+    signal(SIGUSR1, SIG_DFL);
 }
 
 TEST(FaultRules, SqliteFilesAreReached)

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "configstore/dbcom.h"
 #include "daemon/daemon.h"
@@ -102,6 +103,33 @@ TEST_F(ft_status_test, SignalReportsChangedVapsAndRunsScriptOnce)
     EXPECT_EQ(testutil::script_runs(), runs_before + 1);
     EXPECT_EQ(ft_enabled_vaps().load(), 0x1u);
     EXPECT_EQ(log_count("ft_enabled_vaps = 00000001 \n"), 1);
+}
+
+// Without a configuration handle every read fails: each VAP keeps its bit,
+// and the signal update stops at its first changed VAP.
+TEST_F(ft_status_test, NoHandleReadsNothing)
+{
+    dbcom_handle* handle = std::exchange(ft_state().config_handle, nullptr);
+    ft_enabled_vaps() = 0x3;
+    refresh_ft_status();
+    ft_status_update(SIGRTMIN, 0x3);
+    ft_state().config_handle = handle;
+    EXPECT_EQ(log_count("dbcom get failed for "), 20);
+    EXPECT_EQ(log_count("dbcom get failed for " + key(1, 9) + " []\n"), 1);
+    EXPECT_EQ(log_count("dbcom get failed ["), 1);
+    EXPECT_EQ(log_count("ft_enabled_vaps = "), 0);
+    EXPECT_EQ(ft_enabled_vaps().load(), 0x3u);
+}
+
+// A changed VAP that keeps answering without a value is read four times,
+// one second apart, and then counts as switched off.
+TEST_F(ft_status_test, SignalUpdateGivesUpOnAnEmptyAnswer)
+{
+    server_->set(key(0, 0), "");
+    ft_status_update(SIGRTMIN, 0x1);
+    EXPECT_EQ(log_count("resp = (no value), r_cnt:"), 4);
+    EXPECT_EQ(log_count("resp = (no value), r_cnt:3 \n"), 1);
+    EXPECT_EQ(log_count("wifi0vap0 - 11rStatus = 0 \n"), 1);
 }
 
 // Signals queued while the event-loop thread refreshes: the work runs on the

@@ -189,6 +189,16 @@ inline acs_neighbour neighbour(std::vector<uint8_t> bssid, const char* ssid, int
     return n;
 }
 
+// A log line naming fixed paths under /tmp, with each where it is for this run.
+inline std::string located(const std::string& line)
+{
+    const std::string tmp = testutil::at("/tmp/");
+    std::string out = line;
+    for (size_t at = out.find("/tmp/"); at != std::string::npos; at = out.find("/tmp/", at + tmp.size()))
+        out.replace(at, 5, tmp);
+    return out;
+}
+
 using rows = std::vector<std::vector<std::string>>;
 
 // Runs sql on a database file; the rows it returns, every value as text

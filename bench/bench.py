@@ -3,7 +3,8 @@
   memory   the daemon's memory at the envelope: 768 known-AP lines, 30 VAPs
            with 802.11r on, 512 key holders kept from a life before, and
            first full scans that see 2,000 BSSs; read from
-           /proc/PID/smaps_rollup once every band has stored its scan, with
+           /proc/PID/smaps_rollup once every band has stored its scan (and
+           the simulated driver in the daemon's process has dropped them), with
            the anonymous memory split into heap, thread stacks and other
            anonymous maps
   latency  from a KH_ADDITION event sent on /tmp/roam_sock until the
@@ -25,7 +26,7 @@ import sys
 import time
 from pathlib import Path
 
-REPO = Path(__file__).resolve().parents[2]
+REPO = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(REPO))
 sys.path.insert(0, str(REPO / "tests" / "e2e"))
 
@@ -108,9 +109,20 @@ def measure_memory(dorvand: Path, simlib: Path) -> None:
         kh = sb.path("/var/roam_key_holders")
         kh.write_bytes(key_holder_file())
         sb.start()
-        sb.wait_for_log(refresh_line((1 << 30) - 1), timeout=900)
+        # The bands' scans start after the first 802.11r refresh, which reads
+        # the key holders back: the first full scans' channel-list requests
+        # (kept in the request log, unlike log lines, which rotate away)
+        # follow both.
         sb.wait_for(lambda: all(band_requests(sb, r, "chan_info") for r in CHANNELS) and scan_idle(sb, CHANNELS),
-                    600, "the first full scan of every band")
+                    1500, "the first full scan of every band", interval=1)
+        # The simulated driver lives in the daemon's process (a preloaded
+        # library) and holds the 2,000 BSSs it answered with; it lets them go
+        # when its state file is replaced by one without BSSs.
+        loads = len(sb.requests("state_loaded"))
+        sb.set_driver({"radios": {r: {"channels": [{"ieee": ch} for ch in chans]} for r, chans in CHANNELS.items()}})
+        sb.wait_for(lambda: len(sb.requests("state_loaded")) > loads, 60, "the simulated driver to drop its BSSs")
+        sb.wait_for(lambda: scan_idle(sb, CHANNELS), 600, "the scans to end")
+        time.sleep(2)
         pid = sb.pid()
         rollup, kinds = smaps(pid)
         threads = len(list(Path(f"/proc/{pid}/task").iterdir()))

@@ -1,0 +1,244 @@
+// SQLite failing under the scan databases: a file that cannot be opened or
+// given its schema, another program's schema the statements do not fit, a
+// reader that keeps the database locked, a disk that fills up. Each failure
+// is logged and skipped without failing the scan, and the next report
+// stores what the failed one could not.
+#include "dorvfault.h"
+#include "fake_driver.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <string>
+
+using namespace scantest;
+using testutil::log_count;
+
+namespace
+{
+
+std::string db2g()
+{
+    return testutil::at("/tmp/scan_db_2g");
+}
+
+const std::vector<fake_channel> two_channels = [] {
+    std::vector<fake_channel> r(2);
+    r[0].ieee_chan = 1;
+    r[1].ieee_chan = 6;
+    for (auto& c : r)
+        c.neighbours.push_back(neighbour({0x02, 0x00, c.ieee_chan, 0x00, 0x00, 0x10}, "ssid", -60));
+    return r;
+}();
+const rows all_channels{{"1"}, {"6"}};
+const rows all_bss{{"02:00:01:00:00:10"}, {"02:00:06:00:00:10"}};
+
+rows channel_rows()
+{
+    return query(db2g(), "SELECT CHANNEL FROM CHANNEL_DETAILS ORDER BY CHANNEL");
+}
+
+rows bss_rows()
+{
+    return query(db2g(), "SELECT MAC FROM SCANNED_AP_DETAILS ORDER BY MAC");
+}
+
+class db_fault_test : public scan_test
+{
+  protected:
+    void SetUp() override
+    {
+        scan_test::SetUp();
+        for (int r = 0; r < 3; ++r)
+            ASSERT_TRUE(create_known_ap_table(r));
+        for (auto& told : scanning().db_fault_told)
+            told = false;
+        radio_with_vap0(0);
+        fake.report = two_channels;
+    }
+
+    static int report() { return process_scan_result(0, "wifi0vap0", 0); }
+};
+
+// Another program's tables under the daemon's names: the statements that do
+// not fit fail one by one, and the report goes on.
+struct schema_case {
+    const char* name;
+    const char* sql;
+    const char* channel_line; // once per channel
+    const char* bss_line;     // once per BSS
+};
+
+void PrintTo(const schema_case& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+constexpr const char* one_column = "CREATE TABLE CHANNEL_DETAILS(CHANNEL);CREATE TABLE SCANNED_AP_DETAILS(MAC);";
+
+const schema_case schema_cases[] = {
+    {"no_key_column", "CREATE TABLE CHANNEL_DETAILS(X);CREATE TABLE SCANNED_AP_DETAILS(Y);",
+     "[1301]Cannot run sql statement: no such column: CHANNEL\n", "Cannot run sql statement: no such column: MAC\n"},
+    {"insert_does_not_fit", one_column,
+     "[1319]Failed to execute statement: table CHANNEL_DETAILS has 1 columns but 9 values were supplied\n",
+     "[1456]Failed to execute statement: table SCANNED_AP_DETAILS has 1 columns but 8 values were supplied\n"},
+    {"update_does_not_fit",
+     "CREATE TABLE CHANNEL_DETAILS(CHANNEL);CREATE TABLE SCANNED_AP_DETAILS(MAC);"
+     "INSERT INTO CHANNEL_DETAILS VALUES(1),(6);"
+     "INSERT INTO SCANNED_AP_DETAILS VALUES('02:00:01:00:00:10'),('02:00:06:00:00:10');",
+     "[1333]Failed to execute statement: no such column: NBSS\n",
+     "[1469]Failed to execute statement: no such column: SSID\n"},
+    {"writes_refused",
+     "CREATE TABLE CHANNEL_DETAILS(CHANNEL INT PRIMARY KEY,NBSS INT,RSSI INT,MINRSSI INT,NOISE_FLOOR INT,"
+     "CH_LOAD INT,MAXRSSI INT,SPECTRAL_LOAD INT,RANK INT);"
+     "CREATE TABLE SCANNED_AP_DETAILS(MAC TEXT PRIMARY KEY,SSID TEXT,CHANNEL INTEGER,PHY_MODE INTEGER,"
+     "RSSI INTEGER,AP_TYPE INTEGER,TIMESTAMP TEXT,EPOCHTIMESTAMP TEXT);"
+     "CREATE TRIGGER c BEFORE INSERT ON CHANNEL_DETAILS BEGIN SELECT RAISE(ABORT, 'refused'); END;"
+     "CREATE TRIGGER b BEFORE INSERT ON SCANNED_AP_DETAILS BEGIN SELECT RAISE(ABORT, 'refused'); END;",
+     "[1338] - Error in executing statement:refused\n",
+     "[process_scan_result] - Error in executing statement:refused\n"},
+};
+
+class foreign_schema_test : public db_fault_test, public ::testing::WithParamInterface<schema_case>
+{
+};
+
+TEST_P(foreign_schema_test, statements_fail_row_by_row)
+{
+    const schema_case& c = GetParam();
+    query(db2g(), c.sql);
+    EXPECT_EQ(report(), 0);
+    EXPECT_EQ(log_count(c.channel_line), 2) << testutil::log_text();
+    EXPECT_EQ(log_count(c.bss_line), 2);
+    EXPECT_EQ(log_count("\t #### SCAN RESULTS ### \n"), 2); // the key holders still hear of them
+    EXPECT_EQ(log_count("created again"), 0);                // the tables are there: nothing to repair
+}
+
+INSTANTIATE_TEST_SUITE_P(scan, foreign_schema_test, ::testing::ValuesIn(schema_cases),
+                         [](const auto& p) { return std::string(p.param.name); });
+
+// Faults that pass: armed for one report, which stores nothing (or what it
+// can), and lifted for the next, which stores everything.
+struct passing_case {
+    const char* name;
+    void (*stage)();
+    const char* rule;
+    std::vector<std::pair<std::string, int>> lines; // logged by the faulty report, that often
+    int repairs;                                    // databases the next report puts in place
+};
+
+void PrintTo(const passing_case& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+const auto garbage = [] { testutil::write_file(db2g(), "not a database at all\n"); };
+
+const passing_case passing_cases[] = {
+    {"cannot_open", [] { ASSERT_EQ(create_scan_db_2g(), 0); }, "open path=*/tmp/scan_db_2g every errno=EACCES",
+     {{"[1278]Error in opening Db \n", 1}, {"[1434]Error in opening Db \n", 2}}, 0},
+    {"disk_full_for_the_schema", [] {}, "write path=*/tmp/scan_db_2g* every errno=ENOSPC",
+     {{"Cannot create tables: database or disk is full\n", 1},
+      {"[1301]Cannot run sql statement: no such table: CHANNEL_DETAILS\n", 2}},
+     1},
+    {"cannot_move_aside", garbage, "rename path=*/tmp/scan_db_2g.corrupt errno=EXDEV",
+     {{"[dorvand] Scan database /tmp/scan_db_2g cannot be replaced [18|Invalid cross-device link]: tried again at "
+       "the next scan\n",
+       1}},
+     1},
+    // Its first two opens look at the spoiled file; the third would create the new one.
+    {"cannot_create_after_moving_aside", garbage, "open path=*/tmp/scan_db_2g nth=3 errno=EACCES",
+     {{"[1278]Error in opening Db \n", 1}}, 1},
+};
+
+class passing_fault_test : public db_fault_test, public ::testing::WithParamInterface<passing_case>
+{
+};
+
+TEST_P(passing_fault_test, next_report_stores_everything)
+{
+    const passing_case& c = GetParam();
+    c.stage();
+    dorvfault::arm(c.rule);
+    EXPECT_EQ(report(), 0);
+    dorvfault::reset();
+    for (const auto& [line, count] : c.lines)
+        EXPECT_EQ(log_count(located(line)), count) << line << testutil::log_text();
+    EXPECT_EQ(log_count(": created again\n"), 0);
+
+    EXPECT_EQ(report(), 0);
+    EXPECT_EQ(channel_rows(), all_channels);
+    EXPECT_EQ(bss_rows(), all_bss);
+    EXPECT_EQ(log_count(": created again\n"), c.repairs) << testutil::log_text();
+}
+
+INSTANTIATE_TEST_SUITE_P(scan, passing_fault_test, ::testing::ValuesIn(passing_cases),
+                         [](const auto& p) { return std::string(p.param.name); });
+
+// A reader holding the database's write lock longer than the busy wait: the
+// writes give up with SQLite's own reason, and are made at the next report.
+TEST_F(db_fault_test, reader_holding_the_lock_past_the_busy_wait)
+{
+    ASSERT_EQ(create_scan_db_2g(), 0);
+    fake.report = {two_channels[0]};
+    fake.report[0].neighbours.clear();
+    sqlite3* reader = nullptr;
+    ASSERT_EQ(sqlite3_open(db2g().c_str(), &reader), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(reader, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    EXPECT_EQ(report(), 0);
+    EXPECT_EQ(log_count("[1338] - Error in executing statement:database is locked\n"), 1);
+    ASSERT_EQ(sqlite3_exec(reader, "ROLLBACK", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(reader);
+    EXPECT_EQ(channel_rows(), rows{});
+
+    EXPECT_EQ(report(), 0);
+    EXPECT_EQ(channel_rows(), rows{{"1"}});
+}
+
+// Creation at a radio's start: what cannot be opened or given its schema
+// is reported with SQLite's reason and its result code.
+struct create_case {
+    const char* name;
+    void (*stage)();
+    const char* rule;
+    int rc;
+    const char* line;
+};
+
+void PrintTo(const create_case& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+const create_case create_cases[] = {
+    {"not_a_database", garbage, nullptr, SQLITE_NOTADB, "Cannot create tables: file is not a database\n"},
+    {"cannot_open", [] {}, "open path=*/tmp/scan_db_2g every errno=EACCES", SQLITE_CANTOPEN,
+     "Cannot open database: unable to open database file\n"},
+    {"planted_link",
+     [] {
+         testutil::write_file(testutil::at("/tmp/victim"), "");
+         ASSERT_EQ(symlink(testutil::at("/tmp/victim").c_str(), db2g().c_str()), 0);
+     },
+     nullptr, SQLITE_CANTOPEN,
+     "Cannot open database: unable to open database file\n"},
+};
+
+class create_fault_test : public db_fault_test, public ::testing::WithParamInterface<create_case>
+{
+};
+
+TEST_P(create_fault_test, is_reported_with_the_result)
+{
+    const create_case& c = GetParam();
+    c.stage();
+    if (c.rule)
+        dorvfault::arm(c.rule);
+    EXPECT_EQ(create_scan_db_2g(), c.rc);
+    EXPECT_EQ(log_count(c.line), 1) << testutil::log_text();
+}
+
+INSTANTIATE_TEST_SUITE_P(scan, create_fault_test, ::testing::ValuesIn(create_cases),
+                         [](const auto& p) { return std::string(p.param.name); });
+
+} // namespace
