@@ -46,20 +46,21 @@ def host_ready():
         pytest.skip(problem)
 
 
+def _built(request, option, what):
+    path = Path(request.config.getoption(option))
+    if not path.is_file():
+        pytest.skip(f"{what} not built: {path}")
+    return path
+
+
 @pytest.fixture(scope="session")
 def simlib(request, host_ready):
-    path = Path(request.config.getoption("--simlib"))
-    if not path.is_file():
-        pytest.skip(f"preload library not built: {path}")
-    return path
+    return _built(request, "--simlib", "preload library")
 
 
 @pytest.fixture(scope="session")
 def dorvand(request, host_ready):
-    path = Path(request.config.getoption("--dorvand"))
-    if not path.is_file():
-        pytest.skip(f"daemon not built: {path}")
-    return path
+    return _built(request, "--dorvand", "daemon")
 
 
 @pytest.fixture

@@ -33,8 +33,7 @@ def alive(pid):
 @pytest.mark.parametrize("board, product, kind, radios", [
     ("TRM238", "TRM238", "Tri Radio", 3),
     ("TRM226", "TRM226", "Dual Radio", 2),
-    ("XYZ999", "XYZ999", "Tri Radio", 3),  # unknown product: radio type -1
-    (None, '"', "Tri Radio", 3),  # no /etc/board
+    (None, '"', "Tri Radio", 3),  # no /etc/board: radio type -1, as for an unknown product
 ])
 def test_startup_board_radio_type(sandbox, board, product, kind, radios):
     """The board's product id gives the radio type, logged to the file and to syslog; without a board file the daemon

@@ -1,4 +1,5 @@
-// Children that cannot be started, that hang past their bound, and kernels
+// Children of the daemon: their output read whole and their shell's status;
+// children that cannot be started, that hang past their bound, and kernels
 // without pidfds: the shell wrappers report the failure or kill the child
 // and log it, and what was read before the kill is kept.
 #include <linux/filter.h>
@@ -131,6 +132,21 @@ bool refuse_pidfd_open()
            syscall(SYS_pidfd_open, getpid(), 0) == -1 && errno == ENOSYS;
 }
 
+// Output is read whole however it arrives, and the status is the shell's.
+void check_ordinary_children()
+{
+    std::string out;
+    EXPECT_EQ(shell_read("printf a; sleep 0.1; printf bc; sleep 0.1; printf def", out), 0);
+    EXPECT_EQ(out, "abcdef");
+    int status = shell_run(16, "exit %d", 3);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
+}
+
+TEST_F(spawn_fault_test, ordinary_children)
+{
+    check_ordinary_children();
+}
+
 // Without pidfds the wait naps instead: the status, the output and the
 // bound are the same.
 TEST_F(spawn_fault_test, without_pidfds_children_are_waited_for_the_same)
@@ -142,11 +158,7 @@ TEST_F(spawn_fault_test, without_pidfds_children_are_waited_for_the_same)
         refused = refuse_pidfd_open();
         if (!refused)
             return;
-        int status = shell_run(16, "exit %d", 3);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
-        std::string out;
-        EXPECT_EQ(shell_read("printf a; sleep 0.1; printf b", out), 0);
-        EXPECT_EQ(out, "ab");
+        check_ordinary_children();
         check_hung_children();
     });
     old_kernel.join();

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
-#include <syslog.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,41 +24,9 @@ namespace {
 using cstest::reply;
 using cstest::reply_plan;
 using cstest::scripted_server;
-using cstest::socket_pair;
-using opt = std::optional<std::string>;
-
-std::string get_path()
-{
-    return testutil::at("/tmp/confd_get");
-}
-
-// The client's diagnostics go to syslog: the tests also have them on
-// standard error (LOG_PERROR), where they can be read.
-class dbcom_fault_test : public sandbox_test {
-protected:
-    void SetUp() override
-    {
-        sandbox_test::SetUp();
-        dbcom_response_wait = 1;
-        handle_ = dbcom_init(nullptr, nullptr, DBCOM_UNIX_STREAM);
-        ASSERT_NE(handle_, nullptr);
-        openlog(nullptr, LOG_PERROR, LOG_USER);
-    }
-    void TearDown() override
-    {
-        openlog(nullptr, 0, LOG_USER);  // closelog alone keeps LOG_PERROR
-        closelog();
-        dbcom_close(handle_);
-        dbcom_response_wait = 300;
-    }
-    int transaction(opt* result, opt* error)
-    {
-        static const std::string key = "k\n";
-        return dbcom_do_transaction(handle_, DBCOM_OP_GET, 0, reinterpret_cast<const uint8_t*>(key.data()),
-                                    static_cast<int>(key.size()), result, error);
-    }
-    dbcom_handle* handle_ = nullptr;
-};
+using cstest::get_path;
+using cstest::opt;
+using dbcom_fault_test = cstest::client_test;
 
 std::vector<std::vector<uint8_t>> ok_answer()
 {
@@ -342,6 +309,11 @@ TEST_F(dbcom_fault_test, library_edges)
     // No configd: the failures need no error slot; a get none for the value.
     EXPECT_EQ(dbcom_do_transaction(handle_, DBCOM_OP_GET, 0, nullptr, 0, nullptr, nullptr), 1);
     EXPECT_EQ(dbcom_get(handle_, "k", nullptr, nullptr), 1);
+    opt value = "stale";
+    EXPECT_EQ(dbcom_get(nullptr, "key", &value, nullptr), 1);
+    EXPECT_EQ(value, std::nullopt);
+    EXPECT_EQ(dbcom_get(handle_, nullptr, &value, nullptr), 1);
+    EXPECT_EQ(dbcom_close(nullptr), 0);
     // A text that ends in a line feed, or an empty one, goes out as it is.
     for (std::string text : {"k\n", ""}) {
         std::string sent = text;
@@ -371,97 +343,6 @@ TEST_F(dbcom_fault_test, socket_past_the_select_limit)
     EXPECT_EQ(transaction(nullptr, &error), 1);
     EXPECT_EQ(error, opt("Error receiving transaction response: Bad file descriptor.\n"));
     EXPECT_EQ(handle_->get.open, 0);
-}
-
-// --- the message layer's edges --------------------------------------------
-
-using bytes = std::vector<uint8_t>;
-
-TEST(dbcom_msg_edges, builders_refuse_what_cannot_be_a_message)
-{
-    dbcom_message msg;
-    // A response splits at 65535 bytes of data, as a request does.
-    EXPECT_EQ(dbcom_build_response(1, 0x1000, 0, DBCOM_MAGIC, nullptr, DBCOM_MAX_BODY, &msg), 65535);
-    EXPECT_EQ(bytes(msg.begin(), msg.begin() + 12), (bytes{2, 1, 0, 0, 0xFF, 0xFF, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5}));
-    const bytes big(DBCOM_MAX_BODY + 1, 'x');
-    EXPECT_EQ(dbcom_build_response(1, 0x0002, 0, DBCOM_MAGIC, big.data(), big.size(), &msg), 65535);
-    EXPECT_EQ(bytes(msg.begin(), msg.begin() + 4), (bytes{2, 1, 0x10, 0x02}));
-    EXPECT_EQ(msg.back(), 'x');
-    const uint8_t data[] = {'x'};
-    // Without a handle both items are absent.
-    EXPECT_EQ(dbcom_build_request(nullptr, 1, 0, 0, DBCOM_MAGIC, data, 1, &msg), 1);
-    EXPECT_EQ(bytes(msg.begin(), msg.end()),
-              (bytes{1, 1, 0, 0, 0, 9, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 0, 0, 0, 0, 0, 0, 0, 0, 'x'}));
-    // Items too long for a body, or leaving no room for data that must go.
-    dbcom_handle h;
-    h.user = std::string(DBCOM_MAX_BODY - 7, 'u');
-    EXPECT_EQ(dbcom_build_request(&h, 1, 0, 0, DBCOM_MAGIC, nullptr, 0, &msg), -2);
-    EXPECT_TRUE(msg.empty());
-    h.user = std::string(DBCOM_MAX_BODY - 8, 'u');
-    EXPECT_EQ(dbcom_build_request(&h, 1, 0, 0, DBCOM_MAGIC, data, 1, &msg), -2);
-    EXPECT_EQ(dbcom_build_request(&h, 1, 0, 0, DBCOM_MAGIC, nullptr, 0, &msg), 0);
-    EXPECT_EQ(msg.size(), DBCOM_MAX_MSG);
-}
-
-TEST(dbcom_msg_edges, decoders_check_every_length)
-{
-    dbcom_request_view v;
-    const bytes ext = {4, 1, 0, 0, 0, 18, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 0, 0,   0,
-                       0, 0, 0, 0, 0, 3,  0, 0, 0,    1,    2,    3,    4, 'k', '\n'};
-    ASSERT_EQ(dbcom_parse_request(ext, &v), 0);
-    EXPECT_EQ(v.trailer_op, 3);
-    const uint8_t word[4] = {1, 2, 3, 4};
-    EXPECT_EQ(std::memcmp(&v.trailer_value, word, 4), 0);
-    EXPECT_EQ(std::string(v.data.begin(), v.data.end()), "k\n");
-    const bytes rejected[] = {
-        {4, 1, 0, 0, 0, 12, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 0, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0}, // cut trailer
-        {1, 1, 0, 0, 0, 2, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 1, 0},                                // cut item head
-        {1, 1, 0, 0, 0, 0, 0, 0, 0xA5, 0xA5, 0xA5},                                            // cut header
-    };
-    for (const bytes& r : rejected) {
-        SCOPED_TRACE(::testing::PrintToString(r));
-        EXPECT_EQ(dbcom_parse_request(r, &v), -1);
-        EXPECT_EQ(dbcom_parse_response(r, nullptr, nullptr, nullptr), r.size() < 12 ? -1 : r[5]);
-    }
-}
-
-// Datagrams are checked for length only: one shorter than its header or its
-// announced body is refused.
-TEST(dbcom_msg_edges, datagrams_shorter_than_announced)
-{
-    socket_pair sp(SOCK_DGRAM);
-    bytes buf(DBCOM_MAX_MSG);
-    const struct {
-        bytes dgram;
-        int rc;
-    } rows[] = {
-        {{2, 1, 0, 0, 0, 0, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5}, 1},
-        {{2, 1, 0, 0, 0}, -1},  // behind a whole header that announced no body
-        {{2, 1, 0, 0, 0, 10, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 1, 2, 3, 4, 5, 6, 7, 8}, -1},
-    };
-    for (const auto& r : rows) {
-        sp.put(r.dgram);
-        EXPECT_EQ(dbcom_read_message(sp.ours.get(), DBCOM_UNIX_DGRAM, buf.data(), buf.size()), r.rc);
-    }
-}
-
-// A bad header from a peer that then closes: the flush reads to the end.
-TEST(dbcom_msg_edges, bad_header_flush_ends_at_close)
-{
-    socket_pair sp(SOCK_STREAM);
-    sp.put(cstest::wire(2, 9, 0, DBCOM_MAGIC, "junk"));
-    sp.theirs.reset();
-    bytes buf(DBCOM_MAX_MSG);
-    openlog(nullptr, LOG_PERROR, LOG_USER);
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(dbcom_read_message(sp.ours.get(), 5, buf.data(), buf.size()), -1);
-    std::string logged = ::testing::internal::GetCapturedStderr();
-    openlog(nullptr, 0, LOG_USER);
-    closelog();
-    EXPECT_NE(logged.find("dbcom_read_message:1201: flushing socket: bytes_read = 4 msg = junk\n"), std::string::npos)
-        << logged;
-    EXPECT_NE(logged.find("dbcom_read_message:1201: flushing socket: bytes_read = 0 msg = \n"), std::string::npos)
-        << logged;
 }
 
 }  // namespace

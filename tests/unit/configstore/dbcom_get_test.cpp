@@ -19,12 +19,9 @@ using cstest::reply;
 using cstest::reply_plan;
 using cstest::scripted_server;
 using cstest::seen_request;
-using opt = std::optional<std::string>;
+using cstest::get_path;
+using cstest::opt;
 
-std::string get_path()
-{
-    return testutil::at("/tmp/confd_get");
-}
 constexpr const char* timeout_text = "Timeout waiting for response from database server.\n";
 
 std::string times3(const std::string& s)
@@ -32,35 +29,12 @@ std::string times3(const std::string& s)
     return s + s + s;
 }
 
-// Every test gets a fresh handle on the default servers and a short response
-// wait, so a stalled server costs a second rather than five minutes.
-class dbcom_client_test : public sandbox_test {
+class dbcom_client_test : public cstest::client_test {
 protected:
-    void SetUp() override
-    {
-        sandbox_test::SetUp();
-        dbcom_response_wait = 1;
-        handle_ = dbcom_init(nullptr, nullptr, DBCOM_UNIX_STREAM);
-        ASSERT_NE(handle_, nullptr);
-    }
-    void TearDown() override
-    {
-        dbcom_close(handle_);
-        dbcom_response_wait = 300;
-    }
-
     static scripted_server::responder always(std::vector<bytes> msgs)
     {
         return [msgs](const seen_request&, int) { return reply_plan{msgs, false}; };
     }
-
-    int transaction(const std::string& data, opt* result, opt* error)
-    {
-        return dbcom_do_transaction(handle_, DBCOM_OP_GET, 0, reinterpret_cast<const uint8_t*>(data.data()),
-                                    static_cast<int>(data.size()), result, error);
-    }
-
-    dbcom_handle* handle_ = nullptr;
 };
 
 TEST_F(dbcom_client_test, get_sends_user_item_key_line_feed_and_nul)
@@ -157,19 +131,10 @@ TEST_F(dbcom_client_test, empty_data_goes_out_as_one_message)
 {
     scripted_server srv(get_path().c_str(), always({reply(1, 0, "k v\n")}));
     opt result;
-    ASSERT_EQ(transaction("", &result, nullptr), 0);
+    ASSERT_EQ(transaction(&result, nullptr, ""), 0);
     EXPECT_EQ(result, opt("k v\n"));
     ASSERT_EQ(srv.requests().size(), 1u);
     EXPECT_EQ(srv.requests()[0].data, "");
-}
-
-TEST_F(dbcom_client_test, missing_handle_or_key)
-{
-    opt value = "stale";
-    EXPECT_EQ(dbcom_get(nullptr, "key", &value, nullptr), 1);
-    EXPECT_EQ(value, std::nullopt);
-    EXPECT_EQ(dbcom_get(handle_, nullptr, &value, nullptr), 1);
-    EXPECT_EQ(dbcom_close(nullptr), 0);
 }
 
 // --- handle set-up ----------------------------------------------------------

@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <syslog.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -20,12 +21,15 @@
 #include <cstring>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "configstore/dbcom_msg.h"
 #include "base/files.h"
+#include "configstore/dbcom.h"
+#include "configstore/dbcom_msg.h"
+#include "test_util.h"
 
 namespace cstest {
 
@@ -216,6 +220,42 @@ private:
     std::condition_variable cv_;
     std::vector<seen_request> seen_;
     int closed_ = 0;
+};
+
+using opt = std::optional<std::string>;
+
+inline std::string get_path()
+{
+    return testutil::at("/tmp/confd_get");
+}
+
+// A fresh handle on the default servers and a short response wait, so that a
+// stalled server costs a second rather than five minutes. The client's
+// diagnostics go to syslog: the tests also have them on standard error
+// (LOG_PERROR), where they can be read.
+class client_test : public sandbox_test {
+protected:
+    void SetUp() override
+    {
+        sandbox_test::SetUp();
+        dbcom_response_wait = 1;
+        handle_ = dbcom_init(nullptr, nullptr, DBCOM_UNIX_STREAM);
+        ASSERT_NE(handle_, nullptr);
+        openlog(nullptr, LOG_PERROR, LOG_USER);
+    }
+    void TearDown() override
+    {
+        openlog(nullptr, 0, LOG_USER);  // closelog alone keeps LOG_PERROR
+        closelog();
+        dbcom_close(handle_);
+        dbcom_response_wait = 300;
+    }
+    int transaction(opt* result, opt* error, const std::string& data = "k\n")
+    {
+        return dbcom_do_transaction(handle_, DBCOM_OP_GET, 0, reinterpret_cast<const uint8_t*>(data.data()),
+                                    static_cast<int>(data.size()), result, error);
+    }
+    dbcom_handle* handle_ = nullptr;
 };
 
 }  // namespace cstest

@@ -39,6 +39,21 @@ protected:
         eloop_init(0);
         fired.clear();
     }
+    // Two pipes, each with a byte waiting: [0] and [2] are the read ends.
+    void ready_pipes()
+    {
+        ASSERT_EQ(pipe(fds_), 0);
+        ASSERT_EQ(pipe(fds_ + 2), 0);
+        ASSERT_EQ(write(fds_[1], "x", 1), 1);
+        ASSERT_EQ(write(fds_[3], "x", 1), 1);
+    }
+    void TearDown() override
+    {
+        for (int fd : fds_)
+            if (fd >= 0)
+                close(fd);
+    }
+    int fds_[4] = {-1, -1, -1, -1};
 };
 
 // Expiry order first, registration order within a tick; 9,999 microseconds
@@ -81,22 +96,14 @@ TEST_F(eloop_test, OrderSurvivesTickCounterWrap)
 
 TEST_F(eloop_test, UnregisteredReaderIsNotCalledTheOthersAre)
 {
-    int a[2];
-    int b[2];
-    ASSERT_EQ(pipe(a), 0);
-    ASSERT_EQ(pipe(b), 0);
-    eloop_register_read_sock(b[0], reader, 2, 0);
-    eloop_register_read_sock(a[0], reader, 1, 0);
-    eloop_unregister_read_sock(a[0]);
-    ASSERT_EQ(write(a[1], "x", 1), 1);
-    ASSERT_EQ(write(b[1], "x", 1), 1);
+    ready_pipes();
+    eloop_register_read_sock(fds_[2], reader, 2, 0);
+    eloop_register_read_sock(fds_[0], reader, 1, 0);
+    eloop_unregister_read_sock(fds_[0]);
     eloop_run();
     EXPECT_EQ(fired, std::vector<std::string>{"r2"});
-    for (int fd : {a[0], a[1], b[0], b[1]})
-        close(fd);
 }
 
-// Each row cancels from the same four timers; -1 matches any context.
 TEST_F(eloop_test, CancelRemovesOnlyTimersWhoseHandlerAndContextsMatch)
 {
     struct cancel_case {
@@ -149,19 +156,12 @@ TEST_F(eloop_test, ReaderRemovedByAnotherHandlerIsNotCalled)
         eloop_unregister_read_sock(victim);
         eloop_unregister_read_sock(sock);
     };
-    int a[2];
-    int b[2];
-    ASSERT_EQ(pipe(a), 0);
-    ASSERT_EQ(pipe(b), 0);
-    victim = b[0];
-    eloop_register_read_sock(a[0], remover, 1, 0);
-    eloop_register_read_sock(b[0], reader, 2, 0);
-    ASSERT_EQ(write(a[1], "x", 1), 1);
-    ASSERT_EQ(write(b[1], "x", 1), 1);
+    ready_pipes();
+    victim = fds_[2];
+    eloop_register_read_sock(fds_[0], remover, 1, 0);
+    eloop_register_read_sock(fds_[2], reader, 2, 0);
     eloop_run();
     EXPECT_EQ(fired, std::vector<std::string>{"r1"});
-    for (int fd : {a[0], a[1], b[0], b[1]})
-        close(fd);
 }
 
 // A reader whose socket was closed behind the loop's back makes select fail:

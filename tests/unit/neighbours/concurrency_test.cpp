@@ -24,12 +24,6 @@ mac_t neighbour_mac(int i)
     return {0x0A, 0x1B, 0x2C, static_cast<uint8_t>(0x30 + i), 0x4E, 0x50};
 }
 
-void send_event(const mac_t& mac, uint8_t type, uint8_t wlan)
-{
-    uint8_t buf[9] = {mac[0], mac[1], mac[2], mac[3], mac[4], mac[5], type, 0, wlan};
-    handle_neighbour_event(buf, sizeof buf);
-}
-
 // What the event-socket thread sees: neighbours come, get key holders on
 // both radios, and some leave again; the last round leaves every neighbour
 // with its radio-0 key holder.
@@ -37,14 +31,14 @@ void feed_events()
 {
     for (int round = 0; round < rounds; ++round) {
         for (int i = 0; i < neighbour_count; ++i) {
-            send_event(neighbour_mac(i), AP_ADDITION, 0);
-            send_event(neighbour_mac(i), KH_ADDITION, static_cast<uint8_t>(round % 2));
+            send_event(neighbour_mac(i), AP_ADDITION);
+            send_event(neighbour_mac(i), KH_ADDITION, 0, static_cast<uint8_t>(round % 2));
             if ((round + i) % 2 == 0)
-                send_event(neighbour_mac(i), AP_DELETION, 0);
+                send_event(neighbour_mac(i), AP_DELETION);
         }
     }
     for (int i = 0; i < neighbour_count; ++i)
-        send_event(neighbour_mac(i), KH_ADDITION, 0);
+        send_event(neighbour_mac(i), KH_ADDITION);
 }
 
 // Walks the list without logging (as the 802.11r status update does) and

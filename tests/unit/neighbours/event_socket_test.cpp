@@ -18,12 +18,6 @@ using testutil::script_runs;
 
 class event_socket_test : public neighbours_test {};
 
-void send_event(const mac_t& mac, uint8_t type, uint8_t family, uint8_t wlan)
-{
-    uint8_t buf[9] = {mac[0], mac[1], mac[2], mac[3], mac[4], mac[5], type, family, wlan};
-    handle_neighbour_event(buf, sizeof buf);
-}
-
 const mac_t neighbour = {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50};
 
 TEST_F(event_socket_test, ApDeletionRemovesDerivedKeyHoldersAndAlwaysRunsTheScript)

@@ -25,12 +25,6 @@ using opt_text = std::optional<std::string>;
 const mac_t first = {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50};
 const mac_t second = {0x0A, 0x1B, 0x2C, 0x3D, 0x5E, 0x50};
 
-void send_event(const mac_t& mac, uint8_t type)
-{
-    uint8_t buf[9] = {mac[0], mac[1], mac[2], mac[3], mac[4], mac[5], type, 0, 0};
-    handle_neighbour_event(buf, sizeof buf);
-}
-
 std::string record(uint8_t b4)
 {
     std::vector<unsigned char> r = record_of({0x0A, 0x1B, 0x2C, 0x3D, b4, 0x5F}, 1, 0);

@@ -42,6 +42,13 @@ protected:
     void TearDown() override { reset_neighbour_state(); }
 };
 
+// One 9-byte neighbour event, handled as the event-socket thread would.
+inline void send_event(const mac_t& mac, uint8_t type, uint8_t family = 0, uint8_t wlan = 0)
+{
+    uint8_t buf[9] = {mac[0], mac[1], mac[2], mac[3], mac[4], mac[5], type, family, wlan};
+    handle_neighbour_event(buf, sizeof buf);
+}
+
 // The MACs of the key-holder list, in list order.
 inline std::vector<mac_t> list_macs()
 {
