@@ -1,11 +1,14 @@
 """The world runs out and comes back: with no descriptor or no new process
 to be had, an event's files cannot be written; once relief comes, the event
 thread's minute wake-up writes them again from the list and runs the script,
-without a restart."""
+without a restart. And a storm of signal 10 in the middle of a scan ends the
+daemon once, cleanly."""
+
+import signal
 
 import pytest
 
-from e2e_helpers import KH_ADDITION, event, ft_table, refresh_line
+from e2e_helpers import MARKERS, KH_ADDITION, band_requests, event, ft_table, refresh_line, scan_config
 from sim.expect import AP2MAC, KEY_HOLDERS, consistency_problems
 
 MAC = "0A:1B:2C:3D:4E:50"
@@ -48,3 +51,19 @@ def test_relief_files_caught_up(sandbox, name):
     assert sb.path(AP2MAC).read_text().splitlines() == [LINE]
     sb.wait_for(lambda: len(sb.script_runs()) == runs + runs_during + 1, 5, "the catch-up's script run")
     assert consistency_problems(sb.path) == []
+
+
+def test_relief_exit_signal_storm_during_a_scan(sandbox):
+    """Twenty signal 10 sent while the first full scan of wifi0 waits for its
+    report: one clean-up, status 0, the daemon's files and the scan's marker
+    gone."""
+    sb = sandbox(board="TRV146", config=scan_config([0]), configd=ft_table(), scale=20,
+                 driver={"radios": {0: {"channels": [{"ieee": 6, "bss": [{"bssid": "02:00:00:00:00:06"}]}]}}})
+    sb.wait_for(lambda: band_requests(sb, 0, "acs_start"), 40, "the first full scan of wifi0")
+    for _ in range(20):
+        sb.send_signal(signal.SIGUSR1)
+    sb.wait_exit(20)
+    assert sb.exit_code() == 0
+    assert sb.log_text().count("[dorvand] Exiting from daemon\n") == 1
+    for gone in ("/tmp/dorvand.pid", "/tmp/roam_sock", KEY_HOLDERS) + MARKERS:
+        assert not sb.path(gone).exists(), gone
