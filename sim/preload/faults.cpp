@@ -76,17 +76,10 @@ void log_event(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 void log_event(const char* fmt, ...)
 {
     char line[768];
-    int64_t now = daemon_realtime_ns();
-    int head = snprintf(line, sizeof line, "t=%lld.%03lld ", static_cast<long long>(now / 1000000000),
-                        static_cast<long long>(now % 1000000000 / 1000000));
     va_list ap;
     va_start(ap, fmt);
-    int body = vsnprintf(line + head, sizeof line - static_cast<size_t>(head) - 1, fmt, ap);
+    size_t len = format_timed_line(line, sizeof line, fmt, ap);
     va_end(ap);
-    size_t len = static_cast<size_t>(head) + (body > 0 ? static_cast<size_t>(body) : 0);
-    if (len > sizeof line - 2)
-        len = sizeof line - 2;
-    line[len++] = '\n';
     append_line(line, len);
 }
 

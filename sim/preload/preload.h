@@ -5,8 +5,12 @@
 
 #include <dlfcn.h>
 
+#include <cstdarg>
+
 #include <atomic>
 #include <cstdint>
+
+#include "../faults/fault_core.h"
 
 namespace dorvsim {
 
@@ -25,18 +29,10 @@ struct settings {
 
 extern settings config;
 
-// Resolves the next definition of a C-library function once. Returns null
-// when it cannot be found; callers then fail the call with ENOSYS.
-template <typename F>
-F next_fn(std::atomic<void*>& slot, const char* name)
-{
-    void* p = slot.load(std::memory_order_acquire);
-    if (!p) {
-        p = dlsym(RTLD_NEXT, name);
-        slot.store(p, std::memory_order_release);
-    }
-    return reinterpret_cast<F>(p);
-}
+// Resolves the next definition of a C-library function once (the fault
+// injector's resolver). Returns null when it cannot be found; callers then
+// fail the call with ENOSYS.
+using dorvfault::core::next_fn;
 
 // Real clocks, in nanoseconds.
 int64_t real_realtime_ns();
@@ -49,6 +45,11 @@ int64_t daemon_realtime_ns();
 // wait never ends before the daemon's clock has passed its end), and back.
 int64_t to_real_ns(int64_t daemon_ns);
 int64_t to_daemon_ns(int64_t real_ns);
+
+// Formats "t=SECONDS.MILLIS " (the daemon time) and the message into
+// line[0..size), ending in one newline however long the message; returns the
+// line's length.
+size_t format_timed_line(char* line, size_t size, const char* fmt, va_list ap);
 
 // Appends one line, prefixed with the daemon time, to the request log.
 // Bounded to 1024 bytes; silently does nothing when no log is configured.

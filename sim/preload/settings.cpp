@@ -136,23 +136,29 @@ int64_t to_daemon_ns(int64_t real_ns)
     return static_cast<int64_t>(static_cast<long double>(real_ns) * config.scale);
 }
 
+size_t format_timed_line(char* line, size_t size, const char* fmt, va_list ap)
+{
+    int64_t now = daemon_realtime_ns();
+    int head = snprintf(line, size, "t=%lld.%03lld ", static_cast<long long>(now / 1000000000),
+                        static_cast<long long>(now % 1000000000 / 1000000));
+    int body = vsnprintf(line + head, size - static_cast<size_t>(head) - 1, fmt, ap);
+    size_t len = static_cast<size_t>(head) + (body > 0 ? static_cast<size_t>(body) : 0);
+    if (len > size - 2)
+        len = size - 2;  // cut, but still one whole line
+    line[len++] = '\n';
+    return len;
+}
+
 void reqlog(const char* fmt, ...)
 {
     if (!config.reqlog_path[0])
         return;
     int saved = errno;
     char line[1024];
-    int64_t now = daemon_realtime_ns();
-    int head = snprintf(line, sizeof line, "t=%lld.%03lld ", static_cast<long long>(now / 1000000000),
-                        static_cast<long long>(now % 1000000000 / 1000000));
     va_list ap;
     va_start(ap, fmt);
-    int body = vsnprintf(line + head, sizeof line - static_cast<size_t>(head) - 1, fmt, ap);
+    size_t len = format_timed_line(line, sizeof line, fmt, ap);
     va_end(ap);
-    size_t len = static_cast<size_t>(head) + (body > 0 ? static_cast<size_t>(body) : 0);
-    if (len > sizeof line - 2)
-        len = sizeof line - 2;  // cut, but still one whole line
-    line[len++] = '\n';
     write_line(line, len);
     errno = saved;
 }
