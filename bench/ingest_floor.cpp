@@ -14,6 +14,8 @@
 #include <ctime>
 #include <string>
 
+#include "base/log.h"
+
 namespace {
 
 // The daemon's schema and statements, word for word.
@@ -73,24 +75,6 @@ __attribute__((format(printf, 2, 3))) void log_line(unsigned level, const char* 
         log_size += static_cast<uint32_t>(n);
     close(fd);
     free(msg);
-}
-
-std::string escaped(const char* text)
-{
-    std::string out;
-    for (const char* p = text; *p; ++p) {
-        auto c = static_cast<unsigned char>(*p);
-        if (c == '\\') {
-            out += "\\\\";
-        } else if (c < 0x20 || c == 0x7f) {
-            char hex[5];
-            snprintf(hex, sizeof hex, "\\x%02x", c);
-            out += hex;
-        } else {
-            out += *p;
-        }
-    }
-    return out;
 }
 
 bool exists(sqlite3* db, const char* sql, int channel, const char* mac)
@@ -169,7 +153,7 @@ void floor_ingest(const std::vector<floor_channel>& report, const char* db_path,
             log_line(3,
                      "Dorvand chan:%3d\t chan_nbss:%d\t ssid:%s\t bssid:%02x:%02x:%02x:%02x:%02x:%02x\t rssi:%d\t "
                      "phymode:%d vx_ap_type:%d\n",
-                     channel, static_cast<int>(c.bss.size()), escaped(n.ssid).c_str(), b[0], b[1], b[2], b[3], b[4],
+                     channel, static_cast<int>(c.bss.size()), log_escape(n.ssid).c_str(), b[0], b[1], b[2], b[3], b[4],
                      b[5], n.rssi, n.phymode, n.vx_ap_type);
             store_bss(db_path, n, channel, date, epoch);
         }
