@@ -614,10 +614,13 @@ pid_t vfork(void)
     return real();
 }
 
-FILE* fopen(const char* path, const char* mode)
+namespace {
+
+// fopen and fopen64 alike: the open they make inside the C library is out of
+// reach, so the rule is checked here and the stream's descriptor tracked.
+FILE* open_stream(std::atomic<void*>& slot, const char* name, const char* path, const char* mode)
 {
-    static std::atomic<void*> slot{nullptr};
-    auto real = next_fn<FILE* (*)(const char*, const char*)>(slot, "fopen");
+    auto real = next_fn<FILE* (*)(const char*, const char*)>(slot, name);
     if (!real) {
         errno = ENOSYS;
         return nullptr;
@@ -633,23 +636,18 @@ FILE* fopen(const char* path, const char* mode)
     return f;
 }
 
+}  // namespace
+
+FILE* fopen(const char* path, const char* mode)
+{
+    static std::atomic<void*> slot{nullptr};
+    return open_stream(slot, "fopen", path, mode);
+}
+
 FILE* fopen64(const char* path, const char* mode)
 {
     static std::atomic<void*> slot{nullptr};
-    auto real = next_fn<FILE* (*)(const char*, const char*)>(slot, "fopen64");
-    if (!real) {
-        errno = ENOSYS;
-        return nullptr;
-    }
-    hit h;
-    if (check(call::open, -1, path, nullptr, h)) {
-        errno = h.err;
-        return nullptr;
-    }
-    FILE* f = real(path, mode);
-    if (f)
-        track(fileno(f), fd_kind::file, path);
-    return f;
+    return open_stream(slot, "fopen64", path, mode);
 }
 
 int fflush(FILE* f)
