@@ -224,12 +224,12 @@ sh -c 'trap "rm -f $1; exit 0" USR1
 """
 
 
-@pytest.mark.parametrize("end", ["stop", "death", "respawn"])
+@pytest.mark.parametrize("end", ["death", "respawn"])
 def test_init_script_watcher_follows_detached_daemon(tmp_path, end):
     """The procd instance of packaging/dorvand.init outlives the started process and stays while the detached
-    daemon lives; procd's stop (SIGTERM) reaches the daemon as signal 10 and ends the instance with 0, the daemon's
-    death ends it with 1 (so that procd respawns it). An instance respawned while the daemon still runs (its
-    watcher killed) keeps the daemon's pid file and follows that daemon."""
+    daemon lives; the daemon's death ends it with 1 (so that procd respawns it). An instance respawned while the
+    daemon still runs (its watcher killed) keeps the daemon's pid file, follows that daemon and passes procd's stop
+    (SIGTERM) on to it as signal 10, ending with 0."""
     fake, pidfile = tmp_path / "fake", tmp_path / "dorvand.pid"
     fake.write_text(FAKE_DAEMON.replace("PIDFILE", str(pidfile)))
     fake.chmod(0o755)
@@ -253,7 +253,7 @@ def test_init_script_watcher_follows_detached_daemon(tmp_path, end):
             time.sleep(1.5)
             assert proc.poll() is None, "the respawned watcher ended while the daemon runs"
             assert int(pidfile.read_bytes().split(b"\n")[0]) == daemon, "the running daemon lost its pid file"
-        if end in ("stop", "respawn"):
+        if end == "respawn":
             proc.send_signal(signal.SIGTERM)
             assert proc.wait(15) == 0
             ended = not pidfile.exists()

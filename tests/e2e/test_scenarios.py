@@ -34,9 +34,7 @@ def test_scenario_expectations_hold(name, dorvand, simlib, tmp_path_factory):
 
 
 BAD_SCENARIOS = [
-    ("colour = 1\n", "the file: unknown key(s) colour"),
     ("board = \"XR9000\"\n", "unknown product 'XR9000'"),
-    ("[[radio]]\nindex = 0\nvapz = []\n", "[[radio]] #1: unknown key(s) vapz"),
     ("[[event]]\ndo = \"kh_add\"\nmac = \"0A:1B:2C:3D:4E\"\n", "[[event]] #1: '0A:1B:2C:3D:4E' is not a MAC address"),
     ("[[event]]\ndo = \"reboot\"\n", "[[event]] #1: unknown event 'reboot'"),
     ("[[expect]]\nlog = \"x\"\nrunning = true\n", "[[expect]] #1: give exactly one of"),
