@@ -40,12 +40,12 @@ void check_line_count(const char* text, size_t size)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const auto* text = reinterpret_cast<const char*>(data);
-    fuzz::make_tables(3);
+    fuzz::fresh_tables(3);
     static constexpr const char* names[3] = {"wlan0", "wlan1", "wlan2"};
     for (int r = 0; r < 3; ++r)
         load_known_aps_text(neighbours().known_ap_tables[r], names[r], text, size);
     check_line_count(text, size);
     parse_rogue_ap_detection(text, size);
-    fuzz::free_tables();
+    fuzz::fresh_tables(0);
     return 0;
 }

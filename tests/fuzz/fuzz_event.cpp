@@ -30,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size < 1)
         return 0;
     board().radio_count = (data[0] & 1) ? 3 : 2;
-    fuzz::make_tables(board().radio_count);
+    fuzz::fresh_tables(board().radio_count);
     // What each radio's table must hold afterwards.
     std::set<mac_bytes> model[3];
     size_t pos = 1;
@@ -66,6 +66,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             fuzz::check(find_known_ap(&rec, r, 0) != nullptr, "added known AP not found");
         }
     }
-    fuzz::free_tables();
+    fuzz::fresh_tables(0);
     return 0;
 }

@@ -118,7 +118,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
     const int radio = (data[0] & 3) % 3;
     const int channel = (data[0] & 4) ? data[1] : 0;
-    fuzz::make_tables(3);
+    fuzz::fresh_tables(3);
     size_t pos = 3;
     for (int k = 0; k < (data[2] & 3) && size - pos >= 7; ++k, pos += 7)
         add_to_ht(neighbours().known_ap_tables[radio], data + pos, 1, data[pos + 6] & 1, 0, 0);

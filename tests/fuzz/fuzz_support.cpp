@@ -15,7 +15,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 
 #include "base/paths.h"
 #include "base/spawn.h"
@@ -54,33 +53,21 @@ void reset_neighbours()
     free_kh_list();
     dlist_init(&n.kh_list);
     n.kh_list_nonempty = 0;
-    free_tables();
+    fresh_tables(0);
     n.ft_enabled_vaps = 0;
     for (const char* p : {paths::key_holders, paths::key_holders_tmp, paths::ap2mac, paths::ap2mac_tmp,
                           paths::key_changes})
         unlink(p);
 }
 
-void make_tables(int radios)
-{
-    for (int r = 0; r < radios && r < 3; ++r)
-        neighbours().known_ap_tables[r] = create_hash_table();
-}
-
-void free_tables()
+void fresh_tables(int radios)
 {
     for (known_ap_table*& t : neighbours().known_ap_tables) {
         free_known_ap_table(t);
         t = nullptr;
     }
-}
-
-std::string read_all(const char* path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    for (int r = 0; r < radios && r < 3; ++r)
+        neighbours().known_ap_tables[r] = create_hash_table();
 }
 
 }  // namespace fuzz
@@ -106,7 +93,7 @@ int shell_read(const char* command, std::string& out, size_t max_bytes)
         size_t quote = rest.find("\" ");
         if (quote != std::string::npos) {
             std::string key = rest.substr(0, quote);
-            std::istringstream lines(fuzz::read_all(rest.substr(quote + 2).c_str()));
+            std::ifstream lines(rest.substr(quote + 2), std::ios::binary);
             for (std::string line; std::getline(lines, line);)
                 if (line.find(key) != std::string::npos)
                     out += line + "\n";

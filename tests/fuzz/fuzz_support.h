@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
 
 namespace fuzz {
 
@@ -18,12 +17,9 @@ void enter_scratch();
 // tables, 802.11r mask) and removes its files.
 void reset_neighbours();
 
-// Creates an empty known-AP table for each radio below `radios`; frees them.
-void make_tables(int radios);
-void free_tables();
-
-// The whole content of a file, or "" when it cannot be read.
-std::string read_all(const char* path);
+// Frees the known-AP tables and creates an empty one for each radio below
+// `radios` (none: 0).
+void fresh_tables(int radios);
 
 [[noreturn]] void fail(const char* what);
 inline void check(bool ok, const char* what)
