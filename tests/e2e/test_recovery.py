@@ -1,5 +1,5 @@
-"""Faults staged around a running daemon: its scan database spoiled between two
-scans, its event socket removed or replaced,
+"""Faults staged around a running daemon: its scan database deleted, spoiled or
+taken by a directory between two scans, its event socket removed or replaced,
 a second daemon started beside it, and the leftovers of a killed one. The
 daemon ends alive and caught up, without a restart."""
 
@@ -52,18 +52,30 @@ def stored(sb):
 ALL_ROWS = ([(ch,) for ch in CHANNELS], [(f"02:00:00:00:{ch:02x}:00",) for ch in CHANNELS])
 
 
-def test_recovery_scan_db(sandbox):
-    """A database overwritten between two scans is kept as <db>.corrupt and gets the band's tables again in the
-    next batch scan, which stores all its rows."""
+def to_directory(path):
+    path.unlink()
+    path.mkdir()
+
+
+@pytest.mark.parametrize("stage, found, moved", [
+    (lambda p: p.unlink(), "was missing", None),
+    (lambda p: p.write_bytes(b"not a database\n"), "was not a database (moved to /tmp/scan_db_2g.corrupt)",
+     b"not a database\n"),
+    (to_directory, "was a directory", None),
+], ids=["deleted", "garbage", "directory"])
+def test_recovery_scan_db(sandbox, stage, found, moved):
+    """A database deleted, overwritten or replaced by an empty directory between two scans gets the band's tables
+    again in the next scan, which stores all its rows; an unreadable one is kept as <db>.corrupt."""
     sb = scanning(sandbox)
-    sb.path(SCAN_DB).write_bytes(b"not a database\n")
+    stage(sb.path(SCAN_DB))
     wait_batches(sb, 1)
     log = sb.log_text()
-    assert log.count(REPAIRED.format("was not a database (moved to /tmp/scan_db_2g.corrupt)")) == 1
+    assert log.count(REPAIRED.format(found)) == 1, f"expected one repair line {REPAIRED.format(found)!r}"
     assert stored(sb) == ALL_ROWS
     for failure in ("Cannot run sql statement", "Error in executing statement", "Error in opening Db"):
         assert failure not in log
-    assert sb.path(SCAN_DB + ".corrupt").read_bytes() == b"not a database\n"
+    corrupt = sb.path(SCAN_DB + ".corrupt")
+    assert (corrupt.read_bytes() if corrupt.exists() else None) == moved
     assert sb.running()
 
 
