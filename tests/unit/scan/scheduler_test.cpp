@@ -25,39 +25,26 @@ const band_handlers band_of[3] = {
     {rogue_ap_check_5gh, start_5gh_scan_timer, trigger_5gh_full_scan, trigger_5gh_batch_scan},
 };
 
-struct pending {
-    eloop_timeout_handler handler;
-    intptr_t ctx1;
-    intptr_t ctx2;
-    long secs; // delay from now, rounded
-};
-
-// The band's pending timers, without disturbing them.
-std::vector<pending> band_timers(int radio)
-{
-    const band_handlers& b = band_of[radio];
-    std::vector<pending> out;
-    std::lock_guard<std::mutex> hold(eloop.lock);
-    uint32_t now = eloop_now_ticks();
-    for (const auto& t : eloop.timers) {
-        if (t.handler != b.rogue && t.handler != b.start && t.handler != b.full && t.handler != b.batch)
-            continue;
-        double secs = static_cast<int32_t>(t.expiry - now) / static_cast<double>(eloop.ticks_per_sec);
-        out.push_back({t.handler, t.ctx1, t.ctx2, std::lround(secs)});
-    }
-    return out;
-}
-
 // Exactly one timer of the band is pending: this handler, contexts 0 and
-// ctx2, due after `secs` seconds.
+// ctx2, due after `secs` seconds (rounded).
 void expect_next(int radio, eloop_timeout_handler handler, intptr_t ctx2, long secs)
 {
-    std::vector<pending> timers = band_timers(radio);
+    const band_handlers& b = band_of[radio];
+    std::vector<eloop_timer> timers;
+    uint32_t now;
+    {
+        std::lock_guard<std::mutex> hold(eloop.lock);
+        now = eloop_now_ticks();
+        for (const auto& t : eloop.timers)
+            if (t.handler == b.rogue || t.handler == b.start || t.handler == b.full || t.handler == b.batch)
+                timers.push_back(t);
+    }
     ASSERT_EQ(timers.size(), 1u);
     EXPECT_EQ(timers[0].handler, handler);
     EXPECT_EQ(timers[0].ctx1, 0);
     EXPECT_EQ(timers[0].ctx2, ctx2);
-    EXPECT_NEAR(timers[0].secs, secs, 1);
+    EXPECT_NEAR(std::lround(static_cast<int32_t>(timers[0].expiry - now) / static_cast<double>(eloop.ticks_per_sec)),
+                secs, 1);
 }
 
 void set_rogue(int wlan0, int wlan1, int wlan2)
