@@ -54,14 +54,6 @@ protected:
         server_.reset();
     }
 
-    // One key holder, 0A:1B:2C:3D:4E:5F (family TRV, present), in the
-    // key-holder file that a refresh with an enabled VAP reads back.
-    static void store_key_holder()
-    {
-        const char record[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F, 1, 0};
-        testutil::write_file(testutil::at("/var/roam_key_holders"), std::string(record, sizeof record));
-    }
-
     std::unique_ptr<fake_configd> server_;
 };
 
@@ -85,7 +77,10 @@ TEST_F(ft_status_test, SignalReportsChangedVapsAndRunsScriptOnce)
 {
     server_->set(key(0, 0), "1");
     server_->set(key(1, 2), "1");
-    store_key_holder();
+    // One key holder, 0A:1B:2C:3D:4E:5F (family TRV, present), which a
+    // refresh with an enabled VAP reads back.
+    const char record[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F, 1, 0};
+    testutil::write_file(testutil::at("/var/roam_key_holders"), std::string(record, sizeof record));
     refresh_ft_status();
     ASSERT_NE(read_file(testutil::at("/tmp/ap2_macaddr.txt")).find("ap2_macaddr_wifi1vap2="), std::string::npos);
     int runs_before = testutil::script_runs();

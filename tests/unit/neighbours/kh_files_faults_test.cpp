@@ -87,8 +87,6 @@ TEST_F(kh_files_faults_test, FailedWritesLeaveWholeFilesAndTheRetryCatchesUp)
         "ap2_macaddr_wifi0vap0=0A:1B:2C:3D:5E:50 0A:1B:2C:3D:5E:60 0A:1B:2C:3D:5E:70 \n";
     const std::string deleted = added + added + "ft_key_changed_wifi0vap0=1,0\n";
     const std::vector<fault_case> cases = {
-        {"record write", false, 1, "write path=*/var/roam_key_holders errno=ENOSPC",
-         {"fwrite failed [28 | No space left on device ]\n"}, "", vap0_first, added, true, 1, ""},
         {"record file open (silent)", false, 1, "open path=*/var/roam_key_holders nth=2 errno=EACCES",
          {}, std::nullopt, vap0_first, added, true, 1, ""},
         {"record writes until the disk has room", false, 1, "write path=*/var/roam_key_holders* every errno=ENOSPC",

@@ -30,19 +30,15 @@ constexpr const char* dbtr = "add_to_kh_list: mac addr calculation for DBTR APs\
 const derive_case derive_cases[] = {
     // Default rule: + ethOffset - radio * wlanDiff.
     {0, 0, 0, 0, 0x50, 0x5F, nullptr},
-    {0, 1, 0, 0, 0x50, 0x4F, nullptr},
     {0, 2, 0, 0, 0x50, 0x3F, nullptr},
     {1, 0, 0, 0, 0x50, 0x6F, nullptr},
-    {1, 1, 0, 0, 0x50, 0x4F, nullptr},
     {1, 2, 0, 0, 0x50, 0x2F, nullptr},
     {0, 1, 0, 0, 0x00, 0xFF, nullptr},  // wraps below 0x00, mac[4] unchanged
-    {1, 2, 0, 0, 0x10, 0xEF, nullptr},
     {0, 0, 0, 0, 0xF5, 0x04, nullptr},  // wraps above 0xFF
     // DBDR/TBTR (types 1 and 6) on channels 100..173: - 1 on every radio.
     {0, 0, 1, 149, 0x50, 0x4F, dbdr_trv},
     {0, 2, 6, 100, 0x50, 0x4F, dbdr_trv},
     {1, 0, 6, 173, 0x50, 0x4F, dbdr_trm},
-    {1, 2, 1, 149, 0x00, 0xFF, dbdr_trm},
     {0, 0, 1, 99, 0x50, 0x5F, nullptr},
     {1, 0, 6, 174, 0x50, 0x6F, nullptr},
     // DBTR (type 4) on channels 100..173, radio 1 only.
@@ -50,7 +46,6 @@ const derive_case derive_cases[] = {
     {1, 1, 4, 100, 0x50, 0x2F, dbtr},
     {0, 1, 4, 173, 0x05, 0xF4, dbtr},
     {0, 0, 4, 149, 0x50, 0x5F, nullptr},
-    {1, 0, 4, 149, 0x50, 0x6F, nullptr},
     {0, 2, 4, 149, 0x50, 0x3F, nullptr},
     {1, 1, 4, 99, 0x50, 0x4F, nullptr},
     {0, 1, 4, 174, 0x50, 0x4F, nullptr},

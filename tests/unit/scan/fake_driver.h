@@ -189,6 +189,24 @@ inline acs_neighbour neighbour(std::vector<uint8_t> bssid, const char* ssid, int
     return n;
 }
 
+// A channel of the ACS report with `neighbours` BSSIDs 02:00:<chan>:00:<i>:10.
+inline fake_channel channel(uint8_t chan, size_t neighbours, uint32_t load = 20)
+{
+    fake_channel c;
+    c.ieee_chan = chan;
+    c.max_rssi = -30 - chan;
+    c.min_rssi = -90 + chan;
+    c.noise_floor = -100;
+    c.spectral_load = 3;
+    c.chan_load = load;
+    c.chan_rank = 10 + chan;
+    for (size_t i = 0; i < neighbours; ++i) {
+        uint8_t n = static_cast<uint8_t>(i);
+        c.neighbours.push_back(neighbour({0x02, 0x00, chan, 0x00, n, 0x10}, "ssid", -60 - n));
+    }
+    return c;
+}
+
 // A log line naming fixed paths under /tmp, with each where it is for this run.
 inline std::string located(const std::string& line)
 {
@@ -198,6 +216,7 @@ inline std::string located(const std::string& line)
         out.replace(at, 5, tmp);
     return out;
 }
+
 
 using rows = std::vector<std::vector<std::string>>;
 
@@ -221,10 +240,38 @@ inline rows query(const std::string& path, const char* sql)
     return out;
 }
 
+inline std::string db2g()
+{
+    return testutil::at("/tmp/scan_db_2g");
+}
+
+inline rows channel_rows()
+{
+    return query(db2g(), "SELECT CHANNEL FROM CHANNEL_DETAILS ORDER BY CHANNEL");
+}
+
+inline rows bss_rows()
+{
+    return query(db2g(), "SELECT MAC FROM SCANNED_AP_DETAILS ORDER BY MAC");
+}
+
+// A case of a parameterised test, printed and named by its name.
+struct named_case {
+    const char* name;
+};
+
+inline void PrintTo(const named_case& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+inline constexpr auto case_name = [](const auto& p) { return std::string(p.param.name); };
+
 } // namespace scantest
 
 // The module's fixture: a clean sandbox, the fake driver and sleep in
-// place, empty channel lists and timers, and 802.11r off.
+// place, empty channel lists and timers, fresh known-AP tables, no
+// database fault reported yet, and 802.11r off.
 class scan_test : public sandbox_test
 {
   protected:
@@ -239,5 +286,9 @@ class scan_test : public sandbox_test
             list.clear();
         eloop_init(0);
         ft_enabled_vaps() = 0;
+        for (int r = 0; r < 3; ++r)
+            ASSERT_TRUE(create_known_ap_table(r));
+        for (auto& told : scanning().db_fault_told)
+            told = false;
     }
 };

@@ -18,31 +18,8 @@ using testutil::log_count;
 namespace
 {
 
-std::string db2g()
-{
-    return testutil::at("/tmp/scan_db_2g");
-}
-
-const std::vector<fake_channel> two_channels = [] {
-    std::vector<fake_channel> r(2);
-    r[0].ieee_chan = 1;
-    r[1].ieee_chan = 6;
-    for (auto& c : r)
-        c.neighbours.push_back(neighbour({0x02, 0x00, c.ieee_chan, 0x00, 0x00, 0x10}, "ssid", -60));
-    return r;
-}();
 const rows all_channels{{"1"}, {"6"}};
 const rows all_bss{{"02:00:01:00:00:10"}, {"02:00:06:00:00:10"}};
-
-rows channel_rows()
-{
-    return query(db2g(), "SELECT CHANNEL FROM CHANNEL_DETAILS ORDER BY CHANNEL");
-}
-
-rows bss_rows()
-{
-    return query(db2g(), "SELECT MAC FROM SCANNED_AP_DETAILS ORDER BY MAC");
-}
 
 class db_fault_test : public scan_test
 {
@@ -50,12 +27,8 @@ class db_fault_test : public scan_test
     void SetUp() override
     {
         scan_test::SetUp();
-        for (int r = 0; r < 3; ++r)
-            ASSERT_TRUE(create_known_ap_table(r));
-        for (auto& told : scanning().db_fault_told)
-            told = false;
         radio_with_vap0(0);
-        fake.report = two_channels;
+        fake.report = {channel(1, 1), channel(6, 1)};
     }
 
     static int report() { return process_scan_result(0, "wifi0vap0", 0); }
@@ -63,17 +36,11 @@ class db_fault_test : public scan_test
 
 // Another program's tables under the daemon's names: the statements that do
 // not fit fail one by one, and the report goes on.
-struct schema_case {
-    const char* name;
+struct schema_case : named_case {
     const char* sql;
     const char* channel_line; // once per channel
     const char* bss_line;     // once per BSS
 };
-
-void PrintTo(const schema_case& c, std::ostream* os)
-{
-    *os << c.name;
-}
 
 constexpr const char* one_column = "CREATE TABLE CHANNEL_DETAILS(CHANNEL);CREATE TABLE SCANNED_AP_DETAILS(MAC);";
 
@@ -115,23 +82,16 @@ TEST_P(foreign_schema_test, statements_fail_row_by_row)
     EXPECT_EQ(log_count("created again"), 0);                // the tables are there: nothing to repair
 }
 
-INSTANTIATE_TEST_SUITE_P(scan, foreign_schema_test, ::testing::ValuesIn(schema_cases),
-                         [](const auto& p) { return std::string(p.param.name); });
+INSTANTIATE_TEST_SUITE_P(scan, foreign_schema_test, ::testing::ValuesIn(schema_cases), case_name);
 
 // Faults that pass: armed for one report, which stores nothing (or what it
 // can), and lifted for the next, which stores everything.
-struct passing_case {
-    const char* name;
+struct passing_case : named_case {
     void (*stage)();
     const char* rule;
     std::vector<std::pair<std::string, int>> lines; // logged by the faulty report, that often
     int repairs;                                    // databases the next report puts in place
 };
-
-void PrintTo(const passing_case& c, std::ostream* os)
-{
-    *os << c.name;
-}
 
 const auto garbage = [] { testutil::write_file(db2g(), "not a database at all\n"); };
 
@@ -173,16 +133,14 @@ TEST_P(passing_fault_test, next_report_stores_everything)
     EXPECT_EQ(log_count(": created again\n"), c.repairs) << testutil::log_text();
 }
 
-INSTANTIATE_TEST_SUITE_P(scan, passing_fault_test, ::testing::ValuesIn(passing_cases),
-                         [](const auto& p) { return std::string(p.param.name); });
+INSTANTIATE_TEST_SUITE_P(scan, passing_fault_test, ::testing::ValuesIn(passing_cases), case_name);
 
 // A reader holding the database's write lock longer than the busy wait: the
 // writes give up with SQLite's own reason, and are made at the next report.
 TEST_F(db_fault_test, reader_holding_the_lock_past_the_busy_wait)
 {
     ASSERT_EQ(create_scan_db_2g(), 0);
-    fake.report = {two_channels[0]};
-    fake.report[0].neighbours.clear();
+    fake.report = {channel(1, 0)};
     sqlite3* reader = nullptr;
     ASSERT_EQ(sqlite3_open(db2g().c_str(), &reader), SQLITE_OK);
     ASSERT_EQ(sqlite3_exec(reader, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
@@ -198,18 +156,12 @@ TEST_F(db_fault_test, reader_holding_the_lock_past_the_busy_wait)
 
 // Creation at a radio's start: what cannot be opened or given its schema
 // is reported with SQLite's reason and its result code.
-struct create_case {
-    const char* name;
+struct create_case : named_case {
     void (*stage)();
     const char* rule;
     int rc;
     const char* line;
 };
-
-void PrintTo(const create_case& c, std::ostream* os)
-{
-    *os << c.name;
-}
 
 const create_case create_cases[] = {
     {"not_a_database", garbage, nullptr, SQLITE_NOTADB, "Cannot create tables: file is not a database\n"},
@@ -238,7 +190,6 @@ TEST_P(create_fault_test, is_reported_with_the_result)
     EXPECT_EQ(log_count(c.line), 1) << testutil::log_text();
 }
 
-INSTANTIATE_TEST_SUITE_P(scan, create_fault_test, ::testing::ValuesIn(create_cases),
-                         [](const auto& p) { return std::string(p.param.name); });
+INSTANTIATE_TEST_SUITE_P(scan, create_fault_test, ::testing::ValuesIn(create_cases), case_name);
 
 } // namespace

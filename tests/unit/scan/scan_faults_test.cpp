@@ -13,33 +13,12 @@ using testutil::log_count;
 namespace
 {
 
-fake_channel channel(uint8_t chan, size_t neighbours)
-{
-    fake_channel c;
-    c.ieee_chan = chan;
-    for (size_t i = 0; i < neighbours; ++i)
-        c.neighbours.push_back(neighbour({0x02, 0x00, chan, 0x00, static_cast<uint8_t>(i), 0x10}, "ssid", -60));
-    return c;
-}
-
-rows channel_rows()
-{
-    return query(testutil::at("/tmp/scan_db_2g"), "SELECT CHANNEL FROM CHANNEL_DETAILS ORDER BY CHANNEL");
-}
-
-rows bss_rows()
-{
-    return query(testutil::at("/tmp/scan_db_2g"), "SELECT MAC FROM SCANNED_AP_DETAILS ORDER BY MAC");
-}
-
 class scan_fault_test : public scan_test
 {
   protected:
     void SetUp() override
     {
         scan_test::SetUp();
-        for (int r = 0; r < 3; ++r)
-            ASSERT_TRUE(create_known_ap_table(r));
         radio_with_vap0(0);
         radio_with_vap0(1);
         ASSERT_EQ(create_scan_db_2g(), 0);
@@ -49,19 +28,13 @@ class scan_fault_test : public scan_test
 constexpr const char* no_socket = "socket fd=inet every errno=EMFILE";
 constexpr const char* no_spawn = "spawn every errno=EAGAIN";
 
-struct request_case {
-    const char* name;
+struct request_case : named_case {
     const char* rule; // armed for the call; null: none
     void (*setup)();
     int (*call)();
     int rc;
     const char* line;
 };
-
-void PrintTo(const request_case& c, std::ostream* os)
-{
-    *os << c.name;
-}
 
 const auto nothing = [] {};
 const auto io_fails = [] { fake.fail_io = true; };
@@ -140,24 +113,17 @@ TEST_P(request_fault_test, is_logged_and_reported)
     EXPECT_EQ(log_count(c.line), 1) << testutil::log_text();
 }
 
-INSTANTIATE_TEST_SUITE_P(scan, request_fault_test, ::testing::ValuesIn(request_cases),
-                         [](const auto& p) { return std::string(p.param.name); });
+INSTANTIATE_TEST_SUITE_P(scan, request_fault_test, ::testing::ValuesIn(request_cases), case_name);
 
 // The ACS report fails at one of its requests (counted from 0: the first
 // read, then each channel's statistics, then each channel's neighbours).
-struct report_case {
-    const char* name;
+struct report_case : named_case {
     std::vector<fake_channel> report;
     int failing_request;
     const char* line;
     rows channels; // stored before the failure
     rows bss;
 };
-
-void PrintTo(const report_case& c, std::ostream* os)
-{
-    *os << c.name;
-}
 
 const report_case report_cases[] = {
     {"statistics", {channel(1, 1), channel(6, 1)}, 2, "Dorvand DBG req failed", {{"1"}}, {}},
@@ -188,7 +154,6 @@ TEST_P(report_fault_test, ends_the_scan_and_the_next_catches_up)
     EXPECT_EQ(bss_rows().size(), 1 + c.report[1].neighbours.size());
 }
 
-INSTANTIATE_TEST_SUITE_P(scan, report_fault_test, ::testing::ValuesIn(report_cases),
-                         [](const auto& p) { return std::string(p.param.name); });
+INSTANTIATE_TEST_SUITE_P(scan, report_fault_test, ::testing::ValuesIn(report_cases), case_name);
 
 } // namespace

@@ -14,38 +14,7 @@ using testutil::log_count;
 namespace
 {
 
-std::string db2g()
-{
-    return testutil::at("/tmp/scan_db_2g");
-}
 constexpr const char* handover_line = "\t #### SCAN RESULTS ### \n";
-
-fake_channel channel(uint8_t chan, size_t neighbours, uint32_t load = 20)
-{
-    fake_channel c;
-    c.ieee_chan = chan;
-    c.max_rssi = -30 - chan;
-    c.min_rssi = -90 + chan;
-    c.noise_floor = -100;
-    c.spectral_load = 3;
-    c.chan_load = load;
-    c.chan_rank = 10 + chan;
-    for (size_t i = 0; i < neighbours; ++i) {
-        uint8_t n = static_cast<uint8_t>(i);
-        c.neighbours.push_back(neighbour({0x02, 0x00, chan, 0x00, n, 0x10}, "ssid", -60 - n));
-    }
-    return c;
-}
-
-// Debug requests made with neighbour buffers, as (wanted, buffer length).
-std::vector<std::pair<int, uint32_t>> buffer_requests()
-{
-    std::vector<std::pair<int, uint32_t>> out;
-    for (const auto& c : fake.debug_calls)
-        if (c.nbr_length)
-            out.emplace_back(c.wanted, c.nbr_length);
-    return out;
-}
 
 class scan_result_test : public scan_test
 {
@@ -53,8 +22,6 @@ class scan_result_test : public scan_test
     void SetUp() override
     {
         scan_test::SetUp();
-        for (int r = 0; r < 3; ++r)
-            ASSERT_TRUE(create_known_ap_table(r));
         ASSERT_EQ(create_scan_db_2g(), 0);
         radio_with_vap0(0);
         fake.report = {channel(1, 2), channel(6, 0), channel(11, 1, 250)};
@@ -100,17 +67,11 @@ TEST_F(scan_result_test, batch_scan_touches_only_its_channel)
     EXPECT_EQ(log_count(handover_line), 2 + 1);
 }
 
-struct buffer_case {
-    const char* what;
+struct buffer_case : named_case {
     size_t neighbours;
     bool answer7; // the driver answers the first neighbour request with 7
     std::vector<uint32_t> lengths;
 };
-
-void PrintTo(const buffer_case& c, std::ostream* os)
-{
-    *os << c.what;
-}
 
 const buffer_case buffer_cases[] = {
     {"exactly_32", 32, false, {1664}},
@@ -131,9 +92,10 @@ TEST_P(neighbour_buffer_test, grows_when_the_driver_needs_it)
     if (c.answer7)
         fake.answer7_debug_call = 2;
     ASSERT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
-    std::vector<uint32_t> lengths;
-    for (const auto& r : buffer_requests())
-        lengths.push_back(r.second);
+    std::vector<uint32_t> lengths; // of the requests with a neighbour buffer
+    for (const auto& r : fake.debug_calls)
+        if (r.nbr_length)
+            lengths.push_back(r.nbr_length);
     EXPECT_EQ(lengths, c.lengths);
     EXPECT_EQ(log_count("channel:36, neighbour count:"), c.lengths.size() > 1 ? 1 : 0);
     char count[32];
@@ -141,7 +103,6 @@ TEST_P(neighbour_buffer_test, grows_when_the_driver_needs_it)
     EXPECT_EQ(query(db2g(), "SELECT COUNT(*) FROM SCANNED_AP_DETAILS"), (rows{{count}}));
 }
 
-INSTANTIATE_TEST_SUITE_P(scan, neighbour_buffer_test, ::testing::ValuesIn(buffer_cases),
-                         [](const auto& p) { return std::string(p.param.what); });
+INSTANTIATE_TEST_SUITE_P(scan, neighbour_buffer_test, ::testing::ValuesIn(buffer_cases), case_name);
 
 } // namespace

@@ -25,39 +25,26 @@ const band_handlers band_of[3] = {
     {rogue_ap_check_5gh, start_5gh_scan_timer, trigger_5gh_full_scan, trigger_5gh_batch_scan},
 };
 
-struct pending {
-    eloop_timeout_handler handler;
-    intptr_t ctx1;
-    intptr_t ctx2;
-    long secs; // delay from now, rounded
-};
-
-// The band's pending timers, without disturbing them.
-std::vector<pending> band_timers(int radio)
-{
-    const band_handlers& b = band_of[radio];
-    std::vector<pending> out;
-    std::lock_guard<std::mutex> hold(eloop.lock);
-    uint32_t now = eloop_now_ticks();
-    for (const auto& t : eloop.timers) {
-        if (t.handler != b.rogue && t.handler != b.start && t.handler != b.full && t.handler != b.batch)
-            continue;
-        double secs = static_cast<int32_t>(t.expiry - now) / static_cast<double>(eloop.ticks_per_sec);
-        out.push_back({t.handler, t.ctx1, t.ctx2, std::lround(secs)});
-    }
-    return out;
-}
-
 // Exactly one timer of the band is pending: this handler, contexts 0 and
-// ctx2, due after `secs` seconds.
+// ctx2, due after `secs` seconds (rounded).
 void expect_next(int radio, eloop_timeout_handler handler, intptr_t ctx2, long secs)
 {
-    std::vector<pending> timers = band_timers(radio);
+    const band_handlers& b = band_of[radio];
+    std::vector<eloop_timer> timers;
+    uint32_t now;
+    {
+        std::lock_guard<std::mutex> hold(eloop.lock);
+        now = eloop_now_ticks();
+        for (const auto& t : eloop.timers)
+            if (t.handler == b.rogue || t.handler == b.start || t.handler == b.full || t.handler == b.batch)
+                timers.push_back(t);
+    }
     ASSERT_EQ(timers.size(), 1u);
     EXPECT_EQ(timers[0].handler, handler);
     EXPECT_EQ(timers[0].ctx1, 0);
     EXPECT_EQ(timers[0].ctx2, ctx2);
-    EXPECT_NEAR(timers[0].secs, secs, 1);
+    EXPECT_NEAR(std::lround(static_cast<int32_t>(timers[0].expiry - now) / static_cast<double>(eloop.ticks_per_sec)),
+                secs, 1);
 }
 
 void set_rogue(int wlan0, int wlan1, int wlan2)
@@ -77,8 +64,6 @@ class scheduler_test : public scan_test
     void SetUp() override
     {
         scan_test::SetUp();
-        for (int r = 0; r < 3; ++r)
-            ASSERT_TRUE(create_known_ap_table(r));
         testutil::write_file(testutil::at("/usr/sbin/wifitool"),
                              "#!/bin/sh\necho \"$@\" >> " + testutil::at("/tmp/wifitool_runs") + "\n", 0755);
         set_rogue(1, 1, 1);
@@ -125,8 +110,7 @@ const condition no_vap = [] { // wifi1's VAPs down, the fallback up
 const condition voice = [] { fake.voice.voice_bit = 1; };
 const condition cac = [] { fake.cac_value = CAC_RUNNING; };
 
-struct full_case {
-    const char* what;
+struct full_case : named_case {
     int radio;
     condition setup;
     eloop_timeout_handler next; // null: the band's own full scan
@@ -136,20 +120,12 @@ struct full_case {
     bool asks_cac;
 };
 
-void PrintTo(const full_case& c, std::ostream* os)
-{
-    *os << c.what;
-}
-
 const full_case full_cases[] = {
     {"not_started", 1, no_rogue, nullptr, 10,
      "The Rogue AP status: 0, 11R status: 0, active_vap_idx:0. Could not start scan on 5GHz radio\n", 0, false},
     {"no_vap", 1, no_vap, nullptr, 10, "[dorvand] [2017] : No active vap found for scan on wifi1\n", 0, false},
     {"voice", 1, voice, nullptr, 10,
      "[dorvand] trigger_5gl_full_scan : Skipping the scan for wifi1 due to voice traffic\n", 0, false},
-    {"cac", 1, cac, nullptr, 60,
-     "[dorvand] trigger_5gl_full_scan: CAC timer running on the interface wifi1vap0, holding the scan trigger\n", 0,
-     true},
     {"trigger_fails", 1, [] { fake.param_set_errno = EBUSY; }, nullptr, 10,
      "[dorvand] trigger_5gl_full_scan :Failed to trigger the scan | 16 | Device or resource busy\n", 0, true},
     // The marker goes even so, and the retry triggers a new ACS scan.
@@ -202,8 +178,7 @@ TEST_F(scheduler_test, bad_radio_index_falls_back_to_the_band)
     expect_next(1, trigger_5gl_batch_scan, 1, 1800);
 }
 
-INSTANTIATE_TEST_SUITE_P(scan, full_scan_test, ::testing::ValuesIn(full_cases),
-                         [](const auto& p) { return std::string(p.param.what); });
+INSTANTIATE_TEST_SUITE_P(scan, full_scan_test, ::testing::ValuesIn(full_cases), case_name);
 
 TEST_F(scheduler_test, full_scan_success_learns_channels)
 {
@@ -218,18 +193,12 @@ TEST_F(scheduler_test, full_scan_success_learns_channels)
 }
 
 // Batch scans that read nothing: skipped or held, or with no channel learned.
-struct batch_case {
-    const char* what;
+struct batch_case : named_case {
     int radio;
     condition setup;
     long secs;
     const char* log_line;
 };
-
-void PrintTo(const batch_case& c, std::ostream* os)
-{
-    *os << c.what;
-}
 
 const batch_case batch_cases[] = {
     {"skip_2g_voice", 0, voice, 10, "[dorvand] trigger_2g_batch_scan: Skipping the scan for wifi0 [1:0]\n"},
@@ -260,7 +229,6 @@ TEST_P(batch_scan_test, reads_nothing_and_leaves_one_timer)
     EXPECT_FALSE(testutil::exists(paths::scan_db_markers[c.radio]));
 }
 
-INSTANTIATE_TEST_SUITE_P(scan, batch_scan_test, ::testing::ValuesIn(batch_cases),
-                         [](const auto& p) { return std::string(p.param.what); });
+INSTANTIATE_TEST_SUITE_P(scan, batch_scan_test, ::testing::ValuesIn(batch_cases), case_name);
 
 } // namespace
