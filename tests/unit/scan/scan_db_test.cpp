@@ -87,7 +87,8 @@ TEST_F(scan_db_test, directory_with_content_is_reported_again_after_a_repair)
         unlink(db2g().c_str());
         ASSERT_EQ(mkdir(db2g().c_str(), 0755), 0);
         testutil::write_file(kept, "somebody's\n");
-        ASSERT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
+        for (int scan = 0; scan < 2; ++scan)  // said once however many scans the incident lasts
+            ASSERT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
         EXPECT_EQ(log_count(located(unreplaceable)), incident);
         EXPECT_EQ(testutil::read_file(kept), "somebody's\n");
         ASSERT_EQ(unlink(kept.c_str()), 0);
