@@ -35,10 +35,6 @@ TEST(FaultRules, AcceptedRulesReadAsWritten)
          "/var/roam_key_holders", 2, 1, ENOSPC, -1, "write path=/var/roam_key_holders nth=2 errno=ENOSPC"},
         {"  write\tpath=/tmp/ap2_macaddr.txt   short=5 ", core::call::write, core::fd_kind::any, "/tmp/ap2_macaddr.txt",
          1, 1, 0, 5, "write path=/tmp/ap2_macaddr.txt short=5"},
-        {"rename path=/tmp/ap2_macaddr.txt every errno=EIO", core::call::rename, core::fd_kind::any,
-         "/tmp/ap2_macaddr.txt", 1, core::every, EIO, -1, nullptr},
-        {"socket fd=unix every errno=EMFILE", core::call::socket, core::fd_kind::unix_sock, "", 1, core::every, EMFILE,
-         -1, nullptr},
         {"spawn nth=1 errno=11", core::call::spawn, core::fd_kind::any, "", 1, 1, 11, -1, nullptr},
     };
     for (const accepted_case& c : cases) {
