@@ -38,7 +38,6 @@ INSTANTIATE_TEST_SUITE_P(
                       board_case{"LongerNameIsNotPrefixOfShorter", "ProductID=TRM238P\n", "TRM238P", 2},
                       board_case{"ExactBeatsLaterLongerRow", "ProductID=TRM204\n", "TRM204", 0},
                       board_case{"PrefixTakesFirstRow", "ProductID=TRM2\n", "TRM2", 0},
-                      board_case{"TriRadioType1", "ProductID=TRM238\n", "TRM238", 1},
                       board_case{"KeyFoundInsideLongerKey", "Other=1\nxProductID=TRV146\nProductID=TRV118\n", "TRV146", 1},
                       board_case{"NoKeyMeansEmptyId", "Model=abc\n", "", 0},
                       board_case{"MissingFileLeavesQuote", nullptr, "\"", -1},

@@ -118,13 +118,13 @@ public:
         return seen_;
     }
 
-    // Waits up to ten seconds until `n` requests have arrived and the server
-    // has closed `closed` connections on its own (a client may give up on a
-    // request before the server has recorded it). False if they never did.
-    bool wait_for(size_t n, int closed = 0)
+    // Waits up to ten seconds until `n` requests have arrived (a client may
+    // give up on a request before the server has recorded it). False if they
+    // never did.
+    bool wait_for(size_t n)
     {
         std::unique_lock lock(mu_);
-        return cv_.wait_for(lock, std::chrono::seconds(10), [&] { return seen_.size() >= n && closed_ >= closed; });
+        return cv_.wait_for(lock, std::chrono::seconds(10), [&] { return seen_.size() >= n; });
     }
 
 private:
@@ -164,14 +164,14 @@ private:
         return true;
     }
 
-    // Serves one connection. True when the server closed it on purpose.
-    bool serve(int fd, int conn)
+    // Serves one connection until the client or the plan closes it.
+    void serve(int fd, int conn)
     {
         for (;;) {
             seen_request req;
             req.conn = conn;
             if (!read_request(fd, &req))
-                return false;
+                return;
             int n;
             {
                 std::lock_guard lock(mu_);
@@ -182,9 +182,9 @@ private:
             reply_plan plan = respond_(req, n);
             for (const auto& m : plan.messages)
                 if (send(fd, m.data(), m.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(m.size()))
-                    return false;
+                    return;
             if (plan.close)
-                return true;
+                return;
         }
     }
 
@@ -200,13 +200,8 @@ private:
             if (poll(p, 2, -1) <= 0 || (p[1].revents & POLLIN))
                 return;
             unique_fd fd(accept4(listen_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-            bool closed_by_us = fd.valid() && serve(fd.get(), conn);
-            fd.reset();  // closed before anyone waiting for it is told
-            if (closed_by_us) {
-                std::lock_guard lock(mu_);
-                ++closed_;
-                cv_.notify_all();
-            }
+            if (fd.valid())
+                serve(fd.get(), conn);
         }
     }
 
@@ -219,7 +214,6 @@ private:
     std::mutex mu_;
     std::condition_variable cv_;
     std::vector<seen_request> seen_;
-    int closed_ = 0;
 };
 
 using opt = std::optional<std::string>;
