@@ -8,6 +8,8 @@ packages=(g++ cmake make libgtest-dev libgmock-dev libsqlite3-dev sqlite3 python
 packages+=(gcovr)
 # The fuzz targets: clang with its libFuzzer and sanitizer runtimes.
 packages+=(clang libclang-rt-14-dev)
+# scripts/format.sh, whose check the test command runs first.
+packages+=(clang-format)
 # The armhf build: Debian's cross compiler, and qemu-arm to run what it builds.
 # (g++-multilib would remove the cross compiler: the 32-bit layouts are
 # checked by the armhf build itself.)
