@@ -105,6 +105,7 @@ class Runner:
         finally:
             self._fault_outcomes()
             self.sb.close()
+            self.result.problems += [f"sanitizer report of the daemon:\n{r}" for r in self.sb.sanitizer_reports]
             self.result.wall = time.time() - start
             self.result.milestones = dict(self.watcher.milestones)
             self.result.stages = {b: self.watcher.bands[b].stage for b in self.bands}

@@ -1,7 +1,10 @@
 """End-to-end tests: the unmodified daemon in a sandbox (sim/sandbox.py) with
 the simulated driver and clock. Options: --dorvand and --simlib name the
-binaries under test. Tests are skipped where the host cannot run a sandbox
-(not root, no namespaces). DORVSIM_KEEP=1 keeps each test's scratch folder.
+binaries under test. A test that needs a sandbox fails where the host cannot
+make one (not root, a tool missing, no namespaces, nothing built), saying
+why; DORVAND_E2E_SKIP_UNAVAILABLE=1 skips it instead. Tests that start the
+daemon under test are marked `daemon` (the sanitizer builds run only those).
+DORVSIM_KEEP=1 keeps each test's scratch folder.
 """
 
 import functools
@@ -17,6 +20,7 @@ REPO = Path(__file__).resolve().parents[2]
 if str(REPO) not in sys.path:
     sys.path.insert(0, str(REPO))
 
+from e2e_helpers import fail_on_sanitizer_reports, unavailable  # noqa: E402
 from sim import faults  # noqa: E402
 from sim.sandbox import Sandbox  # noqa: E402
 
@@ -24,6 +28,16 @@ def pytest_addoption(parser):
     parser.addoption("--dorvand", default=str(REPO / "build" / "dorvand"), help="daemon binary under test")
     parser.addoption("--simlib", default=str(REPO / "build" / "sim" / "libdorvsim.so"),
                      help="the simulator's preload library")
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "daemon: starts the daemon under test (--dorvand)")
+
+
+def pytest_collection_modifyitems(items):
+    for item in items:
+        if "dorvand" in getattr(item, "fixturenames", ()):
+            item.add_marker(pytest.mark.daemon)
 
 
 @functools.lru_cache(maxsize=None)
@@ -43,13 +57,13 @@ def _namespace_problem():
 def host_ready():
     problem = _namespace_problem()
     if problem:
-        pytest.skip(problem)
+        unavailable(problem)
 
 
 def _built(request, option, what):
     path = Path(request.config.getoption(option))
     if not path.is_file():
-        pytest.skip(f"{what} not built: {path}")
+        unavailable(f"{what} not built: {path}")
     return path
 
 
@@ -87,9 +101,6 @@ def sandbox(dorvand, simlib):
             errors.append(e)
     if errors:
         raise errors[0]
-    # A sanitized daemon's reports fail the test that produced them.
-    reports = [r for sb in made for r in sb.sanitizer_reports]
-    if reports:
-        pytest.fail("sanitizer report(s) of the daemon:\n" + "\n".join(reports), pytrace=False)
+    fail_on_sanitizer_reports(made)
     if fault_problem:
         pytest.fail(fault_problem, pytrace=False)

@@ -1,12 +1,16 @@
 """Helpers of the end-to-end tests: neighbour event datagrams and a barrier
 for their handling, the configuration store's 11rStatus table, the
 configuration lines that turn scanning on, the driver requests of one radio
-with their daemon times, the check that a timer fired when it was due, and
-the check that a report's picture shows its colours."""
+with their daemon times, the check that a timer fired when it was due, the check that a report's
+picture shows its colours; what a test does when the host cannot run a
+sandbox, and the sanitizer reports of its daemons."""
 
 from __future__ import annotations
 
+import os
 import re
+
+import pytest
 
 AP_DELETION, AP_ADDITION, KH_ADDITION = 0, 1, 2
 WAITING = "Waiting for events from  pxlmd\n"
@@ -20,6 +24,26 @@ JITTER_REAL = 0.05
 # A daemon built with the sanitizers runs several times slower.
 JITTER_REAL_SANITIZED = 0.1
 EARLY = 0.5
+# Set to 1 on a machine that cannot run the sandbox (not root, no namespaces,
+# nothing built) to skip the tests that need one instead of failing them.
+# The test command refuses it.
+SKIP_UNAVAILABLE = "DORVAND_E2E_SKIP_UNAVAILABLE"
+
+
+def unavailable(reason: str):
+    """A test that cannot run here fails with the reason, unless skipping
+    was asked for."""
+    if os.environ.get(SKIP_UNAVAILABLE) == "1":
+        pytest.skip(reason)
+    pytest.fail(f"{reason} ({SKIP_UNAVAILABLE}=1 skips such tests instead)", pytrace=False)
+
+
+def fail_on_sanitizer_reports(sandboxes):
+    """A daemon built with the sanitizers reports into its sandbox: any
+    report fails the test that ran it (read once the sandbox is closed)."""
+    reports = [r for sb in sandboxes for r in sb.sanitizer_reports]
+    if reports:
+        pytest.fail("sanitizer report(s) of the daemon:\n" + "\n".join(reports), pytrace=False)
 
 
 def event(mac: str, kind: int, family: int = 0, wlan: int = 0) -> bytes:

@@ -6,14 +6,16 @@ Every expectation of the floor holds."""
 from sim import charts, deployment, deployment_report
 from sim.deployment_run import DeploymentRunner
 
-from e2e_helpers import has_colours
+from e2e_helpers import fail_on_sanitizer_reports, has_colours
 
 
 def test_small_deployment_holds_its_expectations(dorvand, simlib, tmp_path):
     floor = deployment.load(deployment.FLOOR_DIR / "small.toml")
     out = tmp_path / "out"
     progress: list[str] = []
-    res = DeploymentRunner(floor, dorvand, simlib, out, echo=progress.append).run()
+    runner = DeploymentRunner(floor, dorvand, simlib, out, echo=progress.append)
+    res = runner.run()
+    fail_on_sanitizer_reports(node.sb for node in runner.nodes.values() if node.sb)
     text, passed = deployment_report.build(out)
     assert passed, text[text.index("---- expectations"):] + "\n".join(progress[-4:])
     first, second = res.lives["s2"]

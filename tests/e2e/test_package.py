@@ -18,7 +18,7 @@ from pathlib import Path
 
 import pytest
 
-from e2e_helpers import KH_ADDITION, event, ft_table, refresh_line, scan_config, scan_idle, send_and_wait
+from e2e_helpers import KH_ADDITION, event, ft_table, refresh_line, scan_config, scan_idle, send_and_wait, unavailable
 from sim.expect import read_table
 from sim.sandbox import Emulation, Sandbox
 
@@ -58,7 +58,7 @@ def run(*cmd) -> str:
 def package(arch: str) -> Path:
     debs = sorted((REPO / "dist").glob(f"dorvand_*_{arch}.deb"))
     if not debs:
-        pytest.skip(f"no {arch} package in dist/ (scripts/test.sh makes it)")
+        unavailable(f"no {arch} package in dist/ (scripts/test.sh makes it)")
     return debs[-1]
 
 
@@ -80,7 +80,7 @@ def emulation(arch: str) -> Emulation | None:
         return None
     emu = Emulation("qemu-arm", REPO / "build-armhf/sim/libdorvsim.so", REPO / "build-deps/armhf-sysroot")
     if not shutil.which(emu.qemu) or not emu.simlib.is_file() or not emu.sysroot.is_dir():
-        pytest.skip(f"no {emu.qemu}, {emu.simlib} or {emu.sysroot} (scripts/test.sh makes them)")
+        unavailable(f"no {emu.qemu}, {emu.simlib} or {emu.sysroot} (scripts/test.sh makes them)")
     return emu
 
 
@@ -127,7 +127,7 @@ def test_package_unit_verifies(installed, tmp_path):
     """systemd-analyze verify accepts the unit as installed, without a message: a forking service followed through
     /tmp/dorvand.pid, stopped with signal 10, restarted on failure."""
     if not shutil.which("systemd-analyze") or not Path("/usr/lib/systemd/system/sysinit.target").exists():
-        pytest.skip("no systemd-analyze and systemd's own units (Debian's systemd package)")
+        unavailable("no systemd-analyze and systemd's own units (Debian's systemd package)")
     arch, installed_root = installed
     root = tmp_path / "root"
     # The unit's default dependencies are systemd's own units: the host's.

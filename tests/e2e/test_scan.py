@@ -10,8 +10,8 @@ import re
 
 import pytest
 
-from e2e_helpers import (assert_fired_on_time, assert_retries, band_requests, ft_table, others_busy, radio_flags,
-                         scan_config, scan_idle, scan_windows)
+from e2e_helpers import (assert_fired_on_time, assert_retries, band_requests, fail_on_sanitizer_reports, ft_table,
+                         others_busy, radio_flags, scan_config, scan_idle, scan_windows)
 from sim.sandbox import Sandbox
 
 START_NAMES = ("start_2g_scan_timer", "start_5gl_scan_timer", "start_5gh_scan_timer")
@@ -58,6 +58,7 @@ def trv146(dorvand, simlib):
         sb.wait_for(lambda: all(len(band_requests(sb, r, "chan_scan")) >= len(CHANNELS[r]) for r in range(3))
                     and scan_idle(sb, range(3)), 40, "a batch scan of every learned channel of the three bands")
         yield sb, sb.stop()
+    fail_on_sanitizer_reports([sb])
 
 
 def test_scan_first_full_scan_delay(trv146):
