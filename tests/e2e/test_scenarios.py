@@ -106,6 +106,7 @@ def test_failing_expectation_fails_the_run(tmp_path, dorvand, simlib):
     lines = (out / "report.txt").read_text().splitlines()
     assert any(ln.startswith("  ok    [[expect]] #1") for ln in lines)
     failed = [ln for ln in lines if ln.startswith("  FAIL")]
+    assert len(failed) == 4, failed  # these four and nothing else (a sanitizer report, say)
     assert any("[[expect]] #2" in ln and "0A:1B:2C:3D:4E:71" in ln for ln in failed), failed
     assert any("[[expect]] #3" in ln and "1 script runs (expected 2)" in ln for ln in failed), failed
     assert any("[[event]] #2" in ln and "never came due" in ln for ln in failed), failed
