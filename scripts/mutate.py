@@ -275,7 +275,9 @@ class Runner:
     def e2e_files(self, module):
         """The end-to-end files, those most likely to fail for a mutant of module first."""
         files = sorted(p.name for p in (self.repo / "tests" / "e2e").glob("test_*.py"))
-        rank = {name: k for k, name in enumerate(self.e2e_kills.get(module, []) + E2E_FIRST.get(module, []))}
+        rank = {}
+        for name in self.e2e_kills.get(module, []) + E2E_FIRST.get(module, []):
+            rank.setdefault(name, len(rank))
         order = {name: k for k, name in enumerate(E2E_ORDER)}
         return sorted(files, key=lambda f: (rank.get(f, len(rank)), order.get(f, order["*"]), f))
 
@@ -284,8 +286,8 @@ class Runner:
         cmd = list(self.e2e_cmd)
         if not all_tests:
             top = str(self.repo / "tests" / "e2e")
-            k = next(k for k, a in enumerate(cmd) if a.rstrip("/") == top)
-            cmd[k:k + 1] = [f"{top}/{f}" for f in self.e2e_files(module)]
+            for k in [k for k, a in enumerate(cmd) if a.rstrip("/") == top]:
+                cmd[k:k + 1] = [f"{top}/{f}" for f in self.e2e_files(module)]
             cmd.append("-x")
         cmd += [f"--deselect={t}" for t in self.e2e_excluded]
         timeout = self.e2e_timeout if self.left() is None else min(self.e2e_timeout, self.left())
