@@ -572,6 +572,8 @@ def main():
     if args.report:
         report(join_runs([json.loads(f.read_text()) for f in args.report]))
         return
+    if args.shard and args.seed is None:
+        ap.error("--shard needs --seed: the shards of one sample share its seed")
     if args.seed is None:
         args.seed = new_seed()
     print(f"seed {args.seed} (--seed {args.seed} repeats this sample)", flush=True)
