@@ -8,14 +8,12 @@ import signal
 
 import pytest
 
-from e2e_helpers import MARKERS, KH_ADDITION, band_requests, event, ft_table, refresh_line, scan_config
+from e2e_helpers import (KH_ADDITION, LINE_VAP0 as LINE, NEIGHBOUR, assert_clean_exit, band_requests, event, ft_table,
+                         ready, record, scan_config)
 from sim.expect import AP2MAC, KEY_HOLDERS, consistency_problems
 
-MAC = "0A:1B:2C:3D:4E:50"
 CAUGHT_UP = "[dorvand] Key-holder files written again from the list\n"
-# wifi0vap0's line and the key-holder record for a family-0 neighbour MAC seen on radio 0
-LINE = "ap2_macaddr_wifi0vap0=0A:1B:2C:3D:4E:50 0A:1B:2C:3D:4E:60 0A:1B:2C:3D:4E:70"
-RECORD = bytes(8) + bytes.fromhex("0a1b2c3d4e5f") + b"\x01\x00"
+RECORD = record("0A:1B:2C:3D:4E:5F")
 
 # the rules of the shortage (optional ones may find no call to fail), the
 # key-holder file and whether the BSSID line is there while it lasts, and the
@@ -32,12 +30,11 @@ CASES = {
 @pytest.mark.parametrize("name", CASES)
 def test_relief_files_caught_up(sandbox, name):
     rules, held, listed, runs_during = CASES[name]
-    sb = sandbox(configd=ft_table([(0, 0)]))
-    sb.wait_for_log(refresh_line(0x1), timeout=8)
+    sb = ready(sandbox, [(0, 0)], 0x1)
     runs = len(sb.script_runs())
     for rule, optional in rules:
         sb.arm_fault(rule, optional=optional)
-    sb.send_event(event(MAC, KH_ADDITION))
+    sb.send_event(event(NEIGHBOUR, KH_ADDITION))
     sb.wait_for(lambda: sb.faults_fired(), 10, "a call of the event failing")
     sb.sleep_daemon(5)
     kh = sb.path(KEY_HOLDERS)
@@ -63,7 +60,5 @@ def test_relief_exit_signal_storm_during_a_scan(sandbox):
     for _ in range(20):
         sb.send_signal(signal.SIGUSR1)
     sb.wait_exit(20)
-    assert sb.exit_code() == 0
+    assert_clean_exit(sb, sb.exit_code())
     assert sb.log_text().count("[dorvand] Exiting from daemon\n") == 1
-    for gone in ("/tmp/dorvand.pid", "/tmp/roam_sock", KEY_HOLDERS) + MARKERS:
-        assert not sb.path(gone).exists(), gone

@@ -54,9 +54,9 @@ def trv146(dorvand, simlib):
     through the first full scans and one batch scan of every band, then ended
     with signal 10. Yields the sandbox and the exit code."""
     with Sandbox(dorvand, simlib, board="TRV146", config=scan_config(range(3)), driver=driver(), configd=ft_table(),
-                 scale=300, keep=bool(os.environ.get("DORVSIM_KEEP"))) as sb:
+                 scale=150, keep=bool(os.environ.get("DORVSIM_KEEP"))) as sb:
         sb.wait_for(lambda: all(len(band_requests(sb, r, "chan_scan")) >= len(CHANNELS[r]) for r in range(3))
-                    and scan_idle(sb, range(3)), 40, "a batch scan of every learned channel of the three bands")
+                    and scan_idle(sb, range(3)), 60, "a batch scan of every learned channel of the three bands")
         yield sb, sb.stop()
 
 
@@ -73,7 +73,7 @@ def test_scan_first_full_scan_delay(trv146):
         # log line, whose time stamp is in whole seconds.
         checked = radio_flags(sb, r)[0]["time"]
         logged = sb.log_times(line)[0]
-        assert_fired_on_time(sb, f"first full scan of radio {r}", checked + delay, scan_windows(sb, r)[0][0],
+        assert_fired_on_time(f"first full scan of radio {r}", checked + delay, scan_windows(sb, r)[0][0],
                              others_busy(sb, r, range(3)), due_latest=logged + 1 + delay)
         assert [a["if"] for a in band_requests(sb, r, "acs_start")] == [f"wifi{r}vap0"]
 
@@ -86,7 +86,7 @@ def test_scan_batch_scan_channel_by_channel(trv146):
         assert [int(s["chan"]) for s in scans] == list(learned), f"radio {r}: one scan per learned channel"
         assert all((s["if"], s["words"], s["flags"]) == (f"wifi{r}", "110,60,100,50,1500", "1,1") for s in scans)
         full, batch = scan_windows(sb, r)
-        assert_fired_on_time(sb, f"batch scan of radio {r}", full[1] + 1800, batch[0], others_busy(sb, r, range(3)))
+        assert_fired_on_time(f"batch scan of radio {r}", full[1] + 1800, batch[0], others_busy(sb, r, range(3)))
         gaps = [b["time"] - a["time"] for a, b in zip(scans, scans[1:])]
         assert all(g >= 5 for g in gaps), f"radio {r}: channels scanned less than 5 s apart: {gaps}"
 
@@ -104,7 +104,7 @@ def test_scan_holds_on_trm238p(sandbox):
     the 2.4 GHz full scan by 10 s steps and a CAC on wifi1vap0 holds the 5 GHz one 60 s at a time, until they end;
     the 5 GHz high band never runs, so signal 10 finds pending timers of the two other bands only."""
     links = {"wifi0": True, "wifi0vap0": True, "wifi1": False, "wifi1vap0": True, "wifi2": True, "wifi2vap0": True}
-    sb = sandbox(board="TRM238P", config=scan_config(range(3)), links=links, scale=200,
+    sb = sandbox(board="TRM238P", config=scan_config(range(3)), links=links, scale=150,
                  driver=driver(voice=True, cac=1))
     sb.wait_for_log(RADIO1_DOWN, timeout=20, count=4)
     assert not sb.path("/tmp/scan_db_5g").exists(), "no 5 GHz database while wifi1 is down"
@@ -112,15 +112,15 @@ def test_scan_holds_on_trm238p(sandbox):
     sb.wait_for_log(f"[dorvand] {START_NAMES[1]} : ", timeout=10)
     down = [f["time"] for f in radio_flags(sb, 1) if f["up"] == "0"]
     assert sb.log_text().count(RADIO1_DOWN) == len(down), "one retry line per radio check"
-    assert assert_retries(sb, "radio check of wifi1", down, down, 10, attempts(sb, 0, "voice")) >= 3
+    assert assert_retries("radio check of wifi1", down, down, 10, attempts(sb, 0, "voice")) >= 3
 
     sb.wait_for_log(VOICE_2G, timeout=20, count=4)
     sb.wait_for_log(CAC_5G, timeout=20, count=3)
     voice = [v["time"] for v in band_requests(sb, 0, "voice")]
-    assert assert_retries(sb, "voice retry on wifi0", voice,
+    assert assert_retries("voice retry on wifi0", voice,
                           [f["time"] for f in radio_flags(sb, 0)], 10, attempts(sb, 1, "cac")) >= 3
     cac = [c["time"] for c in band_requests(sb, 1, "cac") if c["value"] == "1"]
-    assert assert_retries(sb, "CAC hold on wifi1", cac, [f["time"] for f in radio_flags(sb, 1)], 60,
+    assert assert_retries("CAC hold on wifi1", cac, [f["time"] for f in radio_flags(sb, 1)], 60,
                           attempts(sb, 0, "voice")) >= 2
     assert not band_requests(sb, 0, "acs_start") and not band_requests(sb, 1, "acs_start")
 
