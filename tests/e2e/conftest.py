@@ -1,8 +1,5 @@
-"""End-to-end tests: the unmodified daemon in a sandbox (sim/sandbox.py) with
-the simulated driver and clock. Options: --dorvand and --simlib name the
-binaries under test. Tests are skipped where the host cannot run a sandbox
-(not root, no namespaces). DORVSIM_KEEP=1 keeps each test's scratch folder.
-"""
+"""End-to-end tests: the unmodified daemon in a sandbox (sim/sandbox.py), binaries named by --dorvand and --simlib;
+skipped where the host cannot run one (not root, no namespaces). DORVSIM_KEEP=1 keeps each scratch folder."""
 
 import functools
 import os
@@ -65,8 +62,7 @@ def dorvand(request, host_ready):
 
 @pytest.fixture
 def sandbox(dorvand, simlib):
-    """Factory: sandbox(**Sandbox options) starts a daemon; every one is
-    ended and removed after the test."""
+    """Factory: sandbox(**Sandbox options) starts a daemon; every one is ended and removed after the test."""
     made = []
 
     def make(start=True, **kw):

@@ -1,9 +1,5 @@
-"""Helpers of the end-to-end tests: neighbour event datagrams and a barrier
-for their handling, the configuration store's 11rStatus table and a daemon
-past its first read of it, key-holder records, the configuration lines that
-turn scanning on, the driver requests of one radio with their daemon times,
-the check that a timer fired when it was due, and the check that a report's
-picture shows its colours."""
+"""Helpers of the end-to-end tests: events and their handling, configd's 11rStatus table, key-holder records,
+daemons ready or scanning, driver requests with their daemon times, timer checks, and pictures' colours."""
 
 from __future__ import annotations
 
@@ -37,8 +33,7 @@ def event(mac: str, kind: int, family: int = 0, wlan: int = 0) -> bytes:
 
 
 def send_and_wait(sb, data: bytes, timeout: float = 5.0) -> str:
-    """Sends one datagram and waits until the event thread is back at its
-    receive, that is until the event has been handled. Returns the log."""
+    """Sends one datagram and waits until the event thread is back at its receive (the event handled); the log."""
     sb.wait_for_log(WAITING, timeout=timeout)
     seen = sb.log_text().count(WAITING)
     sb.send_event(data)
@@ -46,14 +41,12 @@ def send_and_wait(sb, data: bytes, timeout: float = 5.0) -> str:
 
 
 def record(mac: str, active: int = 1, family: int = 0) -> bytes:
-    """The 16-byte record of one key holder in /var/roam_key_holders as the
-    daemon writes it (its two link words zero)."""
+    """The 16-byte record of a key holder in /var/roam_key_holders (its two link words zero)."""
     return bytes(8) + bytes.fromhex(mac.replace(":", "")) + bytes([active, family])
 
 
 def ft_table(enabled=(), radios: int = 3) -> dict:
-    """configd's table: 11rStatus "1" for the (radio, vap) pairs in
-    `enabled`, "0" for every other VAP."""
+    """configd's table: 11rStatus "1" for the (radio, vap) pairs in `enabled`, "0" for every other VAP."""
     return {FT_KEY.format(r=r, v=v): "1" if (r, v) in enabled else "0" for r in range(radios) for v in range(10)}
 
 
@@ -63,8 +56,7 @@ def refresh_line(mask: int) -> str:
 
 
 def assert_clean_exit(sb, code: int | None) -> None:
-    """The daemon ended on signal 10 with status `code` 0, its exit line
-    last, its files and scan markers removed."""
+    """The daemon ended on signal 10 with status `code` 0, its exit line last, its files and markers removed."""
     assert code == 0, f"exit code {code}"
     assert sb.log_text().endswith("[dorvand] Exiting from daemon\n\n"), "the exit line is not the last"
     for gone in ("/tmp/dorvand.pid", "/tmp/roam_sock", "/var/roam_key_holders") + MARKERS:
@@ -72,8 +64,7 @@ def assert_clean_exit(sb, code: int | None) -> None:
 
 
 def ready(sandbox, enabled=ENABLED, mask: int = 0x1001, **options):
-    """A daemon (sandbox options as given) whose configd serves 11rStatus 1 for
-    `enabled`, once its start-up refresh has found `mask`."""
+    """A daemon whose configd enables the VAPs `enabled`, once its start-up refresh has found `mask`."""
     sb = sandbox(configd=ft_table(enabled), **options)
     sb.wait_for_log(refresh_line(mask), timeout=8)
     return sb
@@ -85,8 +76,7 @@ def scan_config(radios) -> str:
 
 
 def band_requests(sb, radio: int, req: str | None = None) -> list[dict]:
-    """Driver requests on radio `radio`'s interfaces (wifiN, wifiNvapM,
-    athN), with their daemon time as the float "time"."""
+    """Driver requests on radio `radio`'s interfaces (wifiN, wifiNvapM, athN), their daemon time as "time"."""
     out = []
     for rec in sb.requests(req):
         m = re.match(r"(?:wifi|ath)(\d)", rec.get("if", ""))
@@ -125,9 +115,8 @@ def scan_idle(sb, radios) -> bool:
 
 
 def scan_windows(sb, radio: int) -> list[tuple[float, float]]:
-    """Daemon times in which the radio's scans held the event-loop thread:
-    its first full scan (from the radio check before its ACS start to its
-    channel-list request) and everything after it (the batch scans)."""
+    """Daemon times in which the radio's scans held the event-loop thread: its first full scan (from the radio
+    check before its ACS start to its channel-list request) and everything after it (the batch scans)."""
     reqs = band_requests(sb, radio)
     acs = next((i for i, r in enumerate(reqs) if r["req"] == "acs_start"), None)
     if acs is None:
@@ -143,10 +132,8 @@ def others_busy(sb, radio: int, radios) -> list[tuple[float, float]]:
 
 
 def assert_fired_on_time(what: str, due: float, actual: float, busy, due_latest: float | None = None):
-    """A timer due at `due` (at the latest `due_latest`, when its exact
-    registration time is not known) ran at `actual`: never early, and at
-    most LATE daemon seconds after the event-loop thread came free of `busy`
-    (the (start, end) daemon times of other work)."""
+    """A timer due at `due` (at the latest `due_latest`, when its registration time is not known exactly) ran at
+    `actual`: never early, and at most LATE after the event-loop thread came free of `busy` ((start, end) times)."""
     assert actual >= due - EARLY, f"{what}: ran at {actual:.1f}, expected not before {due:.1f}"
     free = due if due_latest is None else due_latest
     for start, end in sorted(busy):
@@ -156,8 +143,7 @@ def assert_fired_on_time(what: str, due: float, actual: float, busy, due_latest:
 
 
 def assert_retries(what: str, tries: list[float], next_tries: list[float], period: float, busy) -> int:
-    """Each try was followed `period` daemon-seconds later by the next one
-    of `next_tries`. Returns how many retries were checked."""
+    """Each try was followed `period` daemon-seconds later by the next of `next_tries`; how many were checked."""
     checked = 0
     for t in tries:
         later = [u for u in next_tries if u > t]

@@ -1,8 +1,5 @@
-"""The small deployment of sim/floors run by the runner that sim/run uses:
-three daemons at once, the peer's events to two of them, scans for the
-third, and s2 killed and started again over the key-holder file it left.
-Every expectation of the floor holds, and the files hold the key holders
-and BSSIDs worked out by hand."""
+"""The small deployment of sim/floors (three daemons, s2 killed and started again over its key-holder file): every
+expectation of the floor holds, and the files hold the key holders and BSSIDs worked out by hand."""
 
 from sim import charts, deployment, deployment_report
 from sim.deployment_run import DeploymentRunner

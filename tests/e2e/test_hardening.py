@@ -1,8 +1,5 @@
-"""A root daemon on a shared box, end to end: links planted at its fixed
-paths, a foreign sender, a hung transition script, a reader holding a scan
-database, a SIGRTMIN storm with a datagram flood, and kill -9
-in the middle of event streams. (Forged SSIDs are covered by the hostile
-scenario.)"""
+"""A root daemon on a shared box: links planted at its fixed paths, a foreign sender, a hung transition script, a
+reader holding a scan database, a SIGRTMIN storm with a datagram flood, kill -9 in event streams."""
 
 import os
 import random

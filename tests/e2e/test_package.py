@@ -1,10 +1,6 @@
-"""The Debian packages (dist/, made by the test command) as dpkg installs
-them: the daemon, the procd init script and the systemd unit, nothing
-enabled; the unit as systemd-analyze reads it. Each package's daemon,
-this machine's and the armhf one under qemu-arm, started by the installed
-init script's watcher and by the unit's ExecStart as systemd runs a forking
-service, serves a neighbour event and a scan and ends cleanly on the init
-system's stop. And the watcher alone, against a daemon that dies."""
+"""The Debian packages of dist/ as dpkg installs them, the unit as systemd-analyze reads it, and each package's daemon
+(armhf under qemu-arm) started and stopped by the init script's watcher and by the unit as systemd would; and the
+watcher alone, against a daemon that dies."""
 
 import configparser
 import contextlib
@@ -142,8 +138,7 @@ def test_package_unit_verifies(installed, tmp_path):
 
 
 def serve(sb) -> None:
-    """The daemon takes a neighbour's key holder into its file and stores what its first scan of the 2.4 GHz band
-    heard."""
+    """The daemon stores a neighbour's key holder and what its first scan of the 2.4 GHz band heard."""
     sb.wait_for_log(refresh_line(1), timeout=60)
     send_and_wait(sb, event(NEIGHBOUR, KH_ADDITION), timeout=30)
     assert sb.path("/var/roam_key_holders").read_bytes() == record("0A:1B:2C:3D:4E:5F")

@@ -1,7 +1,5 @@
-"""Faults staged around a running daemon: its scan database deleted, spoiled or
-taken by a directory between two scans, its event socket removed or replaced,
-a second daemon started beside it, and the leftovers of a killed one. The
-daemon ends alive and caught up, without a restart."""
+"""Faults staged around a running daemon (its scan database deleted, spoiled or taken by a directory, its event socket
+removed or replaced, a second daemon beside it, a killed one's leftovers): it ends alive and caught up."""
 
 import os
 import signal

@@ -1,8 +1,6 @@
-"""The world runs out and comes back: with no descriptor or no new process
-to be had, an event's files cannot be written; once relief comes, the event
-thread's minute wake-up writes them again from the list and runs the script,
-without a restart. And a storm of signal 10 in the middle of a scan ends the
-daemon once, cleanly."""
+"""With no descriptor or no new process to be had, an event's files cannot be written; once relief comes, the event
+thread's minute wake-up writes them again from the list and runs the script. A storm of signal 10 in the middle of
+a scan ends the daemon once, cleanly."""
 
 import signal
 
@@ -51,9 +49,7 @@ def test_relief_files_caught_up(sandbox, name):
 
 
 def test_relief_exit_signal_storm_during_a_scan(sandbox):
-    """Twenty signal 10 sent while the first full scan of wifi0 waits for its
-    report: one clean-up, status 0, the daemon's files and the scan's marker
-    gone."""
+    """Twenty signal 10 while wifi0's first full scan waits for its report: one clean-up, status 0, files gone."""
     sb = sandbox(board="TRV146", config=scan_config([0]), configd=ft_table(), scale=20,
                  driver={"radios": {0: {"channels": [{"ieee": 6, "bss": [{"bssid": "02:00:00:00:00:06"}]}]}}})
     sb.wait_for(lambda: band_requests(sb, 0, "acs_start"), 40, "the first full scan of wifi0")

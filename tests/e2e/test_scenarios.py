@@ -1,7 +1,5 @@
-"""Every scenario of sim/scenarios run through the simulated access point,
-with its expectations checked by the same runner that sim/run uses; and the
-tool itself: scenarios with mistakes are refused by name, a failing
-expectation fails the run, and the report's charts show their bars."""
+"""Every scenario of sim/scenarios through the runner sim/run uses; and the tool itself: scenarios with mistakes
+refused by name, a failing expectation failing the run, the report's charts showing their bars."""
 
 import subprocess
 import sys

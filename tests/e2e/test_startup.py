@@ -1,6 +1,5 @@
-"""Start-up and shutdown of the daemon in the sandbox: board detection, the pid
-file, signal 10; and the sandbox itself: the host left untouched and every
-process it started ended."""
+"""Start-up and shutdown: board detection, the pid file, signal 10; and the sandbox itself: the host left untouched
+and every process it started ended."""
 
 import os
 import signal

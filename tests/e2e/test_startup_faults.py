@@ -1,8 +1,6 @@
-"""Start-up steps that fail: the detach, the signal handlers and their pipes,
-the threads, and a second daemon that loses the race for the pid file. Each
-failure is logged where it happens; the daemon then leaves with the status
-it calls for, or runs on without what failed and still ends cleanly on
-signal 10."""
+"""Start-up steps that fail (the detach, the signal handlers and their pipes, the threads, a second daemon that loses
+the race for the pid file) are logged where they happen; the daemon then leaves with the status it calls for, or
+runs on without what failed and still ends cleanly on signal 10."""
 
 import signal
 
