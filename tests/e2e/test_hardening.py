@@ -45,7 +45,8 @@ def test_hardening_planted_links(sandbox, tmp_path, kind):
         victims[victim] = (victim.read_bytes(), victim.stat().st_mode, victim.stat().st_mtime_ns)
     sb.start(wait=False)
     sb.wait_for(sb.pid, 10, "the daemon to detach")
-    sb.sleep_daemon(10)  # past the first 802.11r refresh
+    # The log is a planted link too: the first 802.11r read shows at configd.
+    sb.wait_for(lambda: len(sb.configd.requests()) == 30, 10, "the first 802.11r read of every VAP")
     sb.send_event(event(NEIGHBOURS[0], KH_ADDITION))
     sb.wait_for(lambda: sb.requests("chan_info"), 10, "the first full scan of wlan0")
     for victim, (data, mode, mtime) in victims.items():
