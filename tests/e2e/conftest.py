@@ -79,8 +79,7 @@ def dorvand(request, host_ready):
 
 @pytest.fixture
 def sandbox(dorvand, simlib):
-    """Factory: sandbox(**Sandbox options) starts a daemon; every one is
-    ended and removed after the test."""
+    """Factory: sandbox(**Sandbox options) starts a daemon; every one is ended and removed after the test."""
     made = []
 
     def make(start=True, **kw):

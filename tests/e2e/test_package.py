@@ -1,12 +1,9 @@
-"""The Debian packages (dist/, made by the test command) as dpkg installs
-them: the daemon, the procd init script and the systemd unit, nothing
-enabled; the unit as systemd-analyze reads it. Each package's daemon,
-this machine's and the armhf one under qemu-arm, started by the installed
-init script's watcher and by the unit's ExecStart as systemd runs a forking
-service, serves a neighbour event and a scan and ends cleanly on the init
-system's stop. And the watcher alone, against a daemon that dies."""
+"""The Debian packages of dist/ as dpkg installs them, the unit as systemd-analyze reads it, and each package's daemon
+(armhf under qemu-arm) started and stopped by the init script's watcher and by the unit as systemd would; and the
+watcher alone, against a daemon that dies."""
 
 import configparser
+import contextlib
 import os
 import shlex
 import shutil
@@ -18,7 +15,8 @@ from pathlib import Path
 
 import pytest
 
-from e2e_helpers import KH_ADDITION, event, ft_table, refresh_line, scan_config, scan_idle, send_and_wait, unavailable
+from e2e_helpers import (KH_ADDITION, NEIGHBOUR, assert_clean_exit, event, ft_table, record, refresh_line, scan_config,
+                         scan_idle, send_and_wait, unavailable)
 from sim.expect import read_table
 from sim.sandbox import Emulation, Sandbox
 
@@ -42,9 +40,6 @@ procd_set_param() {
 [ "$2" = start ] && start_service
 exit 1
 """
-NEIGHBOUR = "0A:1B:2C:3D:4E:50"
-# Its key holder (the radio-0 MAC + 0x0F) as the daemon's 16-byte record.
-RECORD = bytes(8) + bytes.fromhex("0A1B2C3D4E5F") + bytes([1, 0])
 SCANNED = "02:00:00:00:00:06"
 DRIVER = {"radios": {0: {"channels": [{"ieee": 6, "bss": [{"bssid": SCANNED}]}]}}}
 
@@ -143,11 +138,10 @@ def test_package_unit_verifies(installed, tmp_path):
 
 
 def serve(sb) -> None:
-    """The daemon takes a neighbour's key holder into its file and stores what its first scan of the 2.4 GHz band
-    heard."""
+    """The daemon stores a neighbour's key holder and what its first scan of the 2.4 GHz band heard."""
     sb.wait_for_log(refresh_line(1), timeout=60)
     send_and_wait(sb, event(NEIGHBOUR, KH_ADDITION), timeout=30)
-    assert sb.path("/var/roam_key_holders").read_bytes() == RECORD
+    assert sb.path("/var/roam_key_holders").read_bytes() == record("0A:1B:2C:3D:4E:5F")
 
     def scanned():
         try:
@@ -156,13 +150,6 @@ def serve(sb) -> None:
             return None  # the daemon is writing
         return rows and [(r["MAC"], r["CHANNEL"]) for r in rows]
     assert sb.wait_for(scanned, 60, "the first full scan of wifi0 in /tmp/scan_db_2g") == [(SCANNED, 6)]
-
-
-def assert_clean_exit(sb) -> None:
-    assert sb.exit_code() == 0
-    assert sb.log_text().endswith("[dorvand] Exiting from daemon\n\n"), "the exit line is not the last"
-    for gone in ("/tmp/dorvand.pid", "/tmp/roam_sock", "/var/roam_key_holders"):
-        assert not sb.path(gone).exists(), f"{gone} left behind"
 
 
 def sandbox_for(installed, simlib, command, files=None) -> Sandbox:
@@ -189,7 +176,7 @@ def test_package_init_script_starts_and_stops(installed, simlib):
         os.kill(watcher, signal.SIGTERM)
         sb.wait_exit(30)
         assert sb.status()["exits"][str(watcher)] == 0
-        assert_clean_exit(sb)
+        assert_clean_exit(sb, sb.exit_code())
 
 
 def test_package_unit_starts_and_stops(installed, simlib):
@@ -206,7 +193,7 @@ def test_package_unit_starts_and_stops(installed, simlib):
         serve(sb)
         os.kill(main, signal.Signals[service["KillSignal"]])
         sb.wait_exit(float(service["TimeoutStopSec"]))
-        assert_clean_exit(sb)
+        assert_clean_exit(sb, sb.exit_code())
 
 
 FAKE_DAEMON = r"""#!/bin/sh
@@ -224,47 +211,51 @@ sh -c 'trap "rm -f $1; exit 0" USR1
 """
 
 
+def watching(proc) -> bool:
+    """The watcher has come to its loop over the daemon's life (its `sleep 5` runs), or has ended."""
+    kids = Path(f"/proc/{proc.pid}/task/{proc.pid}/children")
+    return proc.poll() is not None or any(
+        Path(f"/proc/{k}/cmdline").read_bytes() == b"sleep\x005\x00" for k in (kids.read_text().split() if
+                                                                           kids.exists() else []))
+
+
 @pytest.mark.parametrize("end", ["death", "respawn"])
 def test_init_script_watcher_follows_detached_daemon(tmp_path, end):
-    """The procd instance of packaging/dorvand.init outlives the started process and stays while the detached
-    daemon lives; the daemon's death ends it with 1 (so that procd respawns it). An instance respawned while the
-    daemon still runs (its watcher killed) keeps the daemon's pid file, follows that daemon and passes procd's stop
-    (SIGTERM) on to it as signal 10, ending with 0."""
+    """The procd instance of packaging/dorvand.init outlives the started process and watches the detached daemon;
+    the daemon's death ends it with 1 (so that procd respawns it). An instance respawned while the daemon still runs
+    (its watcher killed) keeps the daemon's pid file, follows that daemon and passes procd's stop (SIGTERM) on to it
+    as signal 10, ending with 0."""
     fake, pidfile = tmp_path / "fake", tmp_path / "dorvand.pid"
     fake.write_text(FAKE_DAEMON.replace("PIDFILE", str(pidfile)))
     fake.chmod(0o755)
     watch = watch_script((REPO / "packaging/dorvand.init").read_text())
-    # As procd runs the instance: /bin/sh -c "$WATCH" dorvand-watch PROG PIDFILE
-    proc = subprocess.Popen(["/bin/sh", "-c", watch, "dorvand-watch", str(fake), str(pidfile)])
-    daemon, ended = None, False
-    try:
-        deadline = time.monotonic() + 10
-        while not (pidfile.exists() and pidfile.read_bytes().strip(b"\0").strip().isdigit()):
-            assert time.monotonic() < deadline and proc.poll() is None, "no pid file from the detached fake"
+
+    def watcher():
+        # As procd runs the instance: /bin/sh -c "$WATCH" dorvand-watch PROG PIDFILE
+        proc = subprocess.Popen(["/bin/sh", "-c", watch, "dorvand-watch", str(fake), str(pidfile)])
+        deadline = time.monotonic() + 20
+        while not watching(proc) and time.monotonic() < deadline:
             time.sleep(0.05)
-        daemon = int(pidfile.read_bytes().split(b"\n")[0])
-        time.sleep(1.5)
-        assert proc.poll() is None, "the watcher ended while the daemon runs"
+        assert proc.poll() is None and watching(proc), "the watcher does not watch a running daemon"
+        return proc
+
+    proc = watcher()
+    daemon = int(pidfile.read_bytes().split(b"\n")[0])
+    try:
         if end == "respawn":
             proc.kill()
             proc.wait(5)
-            proc = subprocess.Popen(["/bin/sh", "-c", watch, "dorvand-watch", str(fake), str(pidfile)],
-                                    stderr=subprocess.PIPE, text=True)
-            time.sleep(1.5)
-            assert proc.poll() is None, "the respawned watcher ended while the daemon runs"
+            proc = watcher()
             assert int(pidfile.read_bytes().split(b"\n")[0]) == daemon, "the running daemon lost its pid file"
-        if end == "respawn":
             proc.send_signal(signal.SIGTERM)
             assert proc.wait(15) == 0
-            ended = not pidfile.exists()
-            assert ended, "the daemon did not get signal 10"
+            assert not pidfile.exists(), "the daemon did not get signal 10"
         else:
             os.kill(daemon, signal.SIGKILL)
-            ended = True
             assert proc.wait(15) == 1
     finally:
         if proc.poll() is None:
             proc.kill()
             proc.wait(5)
-        if daemon and not ended:
+        with contextlib.suppress(ProcessLookupError):
             os.kill(daemon, signal.SIGKILL)

@@ -1,14 +1,12 @@
-"""Start-up steps that fail: the detach, the signal handlers and their pipes,
-the threads, and a second daemon that loses the race for the pid file. Each
-failure is logged where it happens; the daemon then leaves with the status
-it calls for, or runs on without what failed and still ends cleanly on
-signal 10."""
+"""Start-up steps that fail (the detach, the signal handlers and their pipes, the threads, a second daemon that loses
+the race for the pid file) are logged where they happen; the daemon then leaves with the status it calls for, or
+runs on without what failed and still ends cleanly on signal 10."""
 
 import signal
 
 import pytest
 
-from e2e_helpers import KH_ADDITION, event, ft_table, refresh_line, send_and_wait
+from e2e_helpers import KH_ADDITION, NEIGHBOUR, event, ft_table, ready, record, refresh_line, send_and_wait
 from sim.expect import KEY_HOLDERS
 
 REGISTER = "[dorvand]  Registering {} signal failed. Hence exiting the daemon\n"
@@ -59,14 +57,13 @@ def test_startup_second_daemon_loses_the_race(sandbox):
     """A second daemon that finds neither the first's lock nor its socket (both looks fail, as when it starts in
     the same instant) detaches, then finds the pid file locked when it comes to write it: it logs that, exits
     and writes nothing; the first goes on serving."""
-    sb = sandbox(configd=ft_table([(0, 0)]))
-    sb.wait_for_log(refresh_line(0x1), timeout=8)
+    sb = ready(sandbox, [(0, 0)], 0x1)
     before = sb.path("/tmp/dorvand.pid").read_bytes()
     sb.arm_fault("open path=/tmp/dorvand.pid nth=1 errno=EACCES")
     sb.arm_fault("connect path=/tmp/roam_sock nth=1 errno=ECONNREFUSED")
     assert sb.start_beside().returncode == 0
     sb.wait_for_log("[dorvand] Another dorvand took /tmp/dorvand.pid first: exiting\n", timeout=10)
     assert sb.path("/tmp/dorvand.pid").read_bytes() == before
-    send_and_wait(sb, event("0A:1B:2C:3D:4E:50", KH_ADDITION))
-    assert sb.path(KEY_HOLDERS).read_bytes() == bytes(8) + bytes.fromhex("0a1b2c3d4e5f") + b"\x01\x00"
+    send_and_wait(sb, event(NEIGHBOUR, KH_ADDITION))
+    assert sb.path(KEY_HOLDERS).read_bytes() == record("0A:1B:2C:3D:4E:5F")
     assert sb.stop() == 0

@@ -1,7 +1,8 @@
 // The neighbour event datagram: a run of datagrams decoded and applied to
 // the known-AP tables the way the event-socket thread applies additions and
-// deletions. (The key-holder half of an event writes files and runs the
-// transition script; that is the end-to-end tests' part.)
+// deletions; afterwards every MAC they named finds exactly what is left.
+// (The key-holder half of an event writes files and runs the transition
+// script; that is the end-to-end tests' part.)
 //
 // Input: byte 0 the board (bit 0: three radios), then datagrams, each a
 // length byte (its low four bits: 0..15) and that many bytes.
@@ -9,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <set>
 
 #include "board/board.h"
@@ -31,8 +33,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
     board().radio_count = (data[0] & 1) ? 3 : 2;
     fuzz::fresh_tables(board().radio_count);
-    // What each radio's table must hold afterwards.
+    // What each radio's table must hold afterwards, and every MAC an event
+    // named for it.
     std::set<mac_bytes> model[3];
+    std::set<mac_bytes> named[3];
     size_t pos = 1;
     for (int n = 0; n < max_events && pos < size; ++n) {
         size_t len = data[pos++] & 0x0F;
@@ -49,6 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         known_ap_table* table = neighbours().known_ap_tables[ev.wlan];
         mac_bytes mac;
         std::memcpy(mac.data(), ev.mac, mac.size());
+        named[ev.wlan].insert(mac);
         if (ev.type == AP_ADDITION) {
             add_to_ht(table, ev.mac, ev.type, ev.family, ev.wlan, 0);
             model[ev.wlan].insert(mac);
@@ -58,12 +63,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
         traverse_hash_table(table, "wlan");
     }
-    // Every AP added and not deleted since is found by a scan of its BSSID.
+    // Every named MAC, scanned as a BSSID, finds an AP added and not deleted
+    // since; and nothing when no such AP shares its first five bytes and the
+    // high nibble of its last.
     for (int r = 0; r < board().radio_count; ++r) {
-        for (const mac_bytes& mac : model[r]) {
+        for (const mac_bytes& mac : named[r]) {
             scan_ap_record rec{};
             std::memcpy(rec.bssid, mac.data(), mac.size());
-            fuzz::check(find_known_ap(&rec, r, 0) != nullptr, "added known AP not found");
+            const std::unique_ptr<known_ap_entry> found = find_known_ap(&rec, r, 0);
+            bool matching = false;
+            for (const mac_bytes& kept : model[r])
+                matching = matching || (std::memcmp(kept.data(), mac.data(), 5) == 0 && kept[5] >> 4 == mac[5] >> 4);
+            fuzz::check(found || !matching, "added known AP not found");
+            mac_bytes found_mac{};
+            if (found)
+                std::memcpy(found_mac.data(), found->mac, found_mac.size());
+            fuzz::check(!found || model[r].count(found_mac) == 1, "deleted known AP still found");
         }
     }
     fuzz::fresh_tables(0);

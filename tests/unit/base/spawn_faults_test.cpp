@@ -8,6 +8,7 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <string>
@@ -91,20 +92,32 @@ TEST_F(spawn_fault_test, hung_children_are_killed_at_the_bound)
     EXPECT_EQ(out, "abcd");
 }
 
+// True once thread `tid` of this process waits in the kernel in a poll or a
+// nap: a shell wrapper's wait for its child, which it has listed by then.
+bool waits_for_child(pid_t tid)
+{
+    const std::string where = testutil::read_file("/proc/self/task/" + std::to_string(tid) + "/wchan");
+    return where.find("poll") != std::string::npos || where.find("sleep") != std::string::npos;
+}
+
 // The exit's clean-up kills every child it knows of: eight at once; a
-// ninth goes unlisted and runs on.
+// ninth goes unlisted and runs on until it is let go.
 TEST_F(spawn_fault_test, exit_kills_the_listed_children)
 {
-    const std::string dir = testutil::at("/tmp");
+    const std::string go = testutil::at("/tmp/go");
     std::vector<int> status(9, -2);
+    std::vector<std::atomic<pid_t>> tids(9);
     std::vector<std::thread> runs;
     for (int i = 0; i < 9; ++i)
-        runs.emplace_back(
-            [&status, &dir, i] { status[i] = shell_run(128, "touch %s/child%d; exec sleep 2", dir.c_str(), i); });
+        runs.emplace_back([&status, &tids, &go, i] {
+            tids[i] = gettid();
+            status[i] = shell_run(256, "until [ -e %s ]; do sleep 0.01; done", go.c_str());
+        });
     for (int i = 0; i < 9; ++i)
-        for (int wait = 0; wait < 1000 && !testutil::exists(dir + "/child" + std::to_string(i)); ++wait)
+        for (int wait = 0; wait < 1000 && !(tids[i] && waits_for_child(tids[i])); ++wait)
             usleep(10000);
     shell_kill_all();
+    testutil::write_file(go, "");
     for (auto& t : runs)
         t.join();
     int killed = 0;

@@ -8,7 +8,6 @@
 #include <thread>
 
 #include "daemon/daemon.h"
-#include "base/files.h"
 #include "board/board.h"
 #include "neighbours/nb_internal.h"
 #include "neighbours/neighbours.h"
@@ -19,8 +18,9 @@ namespace {
 using exit_signal_test = sandbox_test;
 
 // Runs in the death-test child: a worker holds the key-holder list as an
-// update in progress does, waits until the clean-up has begun (the pid file
-// is gone), then hands over a scan result inside it, as a scan match does:
+// update in progress does, waits until the clean-up has come to its locks
+// (it has tried to remove the event socket, which this process never made),
+// then hands over a scan result inside it, as a scan match does:
 // the match takes ht_mutex and the append reaches the key-holder file.
 // Taking the tables' lock before the key-holder lock would leave the worker
 // stuck and the list unfreed.
@@ -38,9 +38,8 @@ using exit_signal_test = sandbox_test;
     std::thread match([&holding] {
         kh_update update;
         holding = true;
-        while (file_exists(testutil::at("/tmp/dorvand.pid").c_str()))
+        while (testutil::log_count("/tmp/roam_sock file (") == 0)
             usleep(1000);
-        usleep(50000);  // let the clean-up reach its locks
         const scan_ap_record seen{{0x02, 0x00, 0x06, 0x00, 0x00, 0x10}, 6, 0};
         key_holders_from_scan(&seen, 1, 0);
     });
