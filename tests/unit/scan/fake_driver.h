@@ -7,6 +7,7 @@
 #include "base/files.h"
 #include "neighbours/neighbours.h"
 #include "eventloop/eloop.h"
+#include "model/acs_report.h"
 #include "scan/scan.h"
 #include "scan/scan_internal.h"
 #include "test_util.h"
@@ -21,16 +22,7 @@
 namespace scantest
 {
 
-struct fake_channel {
-    uint8_t ieee_chan = 0;
-    int32_t max_rssi = 0;
-    int32_t min_rssi = 0;
-    int16_t noise_floor = 0;
-    int16_t spectral_load = 0;
-    uint32_t chan_load = 0;
-    int32_t chan_rank = 0;
-    std::vector<acs_neighbour> neighbours;
-};
+using dorvsim::acs_channel;
 
 // What one debug request carried.
 struct debug_call {
@@ -48,7 +40,7 @@ struct fake_driver {
     std::vector<uint8_t> chan_info;
     int param_set_errno = 0; // nonzero: the ACS start fails with it
     bool fail_io = false;    // CAC, voice, channel-info and channel-scan requests fail
-    std::vector<fake_channel> report;
+    std::vector<acs_channel> report;
     int fail_debug_call = -1;    // index of the debug request that fails
     int answer7_debug_call = -1; // index of the debug request answered with 7
 
@@ -87,20 +79,7 @@ inline int answer_debug(drv_iwreq& req)
     fake.debug_calls.push_back({name_of(req.name), block->cmd, r.wanted, r.nbr.pointer ? r.nbr_length : 0});
     if (index == fake.fail_debug_call || req.name[0] == '\0') // no interface of that name
         return fail_with(EINVAL);
-    r.count = static_cast<uint8_t>(fake.report.size());
-    if (r.wanted < fake.report.size()) {
-        const fake_channel& c = fake.report[r.wanted];
-        r.ieee_chan = c.ieee_chan;
-        r.chan_nbss = static_cast<uint8_t>(c.neighbours.size());
-        r.max_rssi = c.max_rssi;
-        r.min_rssi = c.min_rssi;
-        r.noise_floor = c.noise_floor;
-        r.spectral_load = c.spectral_load;
-        r.chan_load = c.chan_load;
-        r.chan_rank = c.chan_rank;
-        for (size_t i = 0; r.nbr.pointer && i < r.nbr_length / sizeof(acs_neighbour) && i < c.neighbours.size(); ++i)
-            r.nbr.pointer[i] = c.neighbours[i];
-    }
+    dorvsim::acs_answer_request(fake.report, r, false);
     return index == fake.answer7_debug_call ? 7 : 0;
 }
 
@@ -190,9 +169,9 @@ inline acs_neighbour neighbour(std::vector<uint8_t> bssid, const char* ssid, int
 }
 
 // A channel of the ACS report with `neighbours` BSSIDs 02:00:<chan>:00:<i>:10.
-inline fake_channel channel(uint8_t chan, size_t neighbours, uint32_t load = 20)
+inline acs_channel channel(uint8_t chan, size_t neighbours, uint32_t load = 20)
 {
-    fake_channel c;
+    acs_channel c;
     c.ieee_chan = chan;
     c.max_rssi = -30 - chan;
     c.min_rssi = -90 + chan;

@@ -118,7 +118,7 @@ INSTANTIATE_TEST_SUITE_P(scan, request_fault_test, ::testing::ValuesIn(request_c
 // The ACS report fails at one of its requests (counted from 0: the first
 // read, then each channel's statistics, then each channel's neighbours).
 struct report_case : named_case {
-    std::vector<fake_channel> report;
+    std::vector<acs_channel> report;
     int failing_request;
     const char* line;
     rows channels; // stored before the failure

@@ -69,7 +69,7 @@ class scheduler_test : public scan_test
         set_rogue(1, 1, 1);
         for (int r = 0; r < 3; ++r)
             radio_with_vap0(r);
-        fake.report = {fake_channel{}};
+        fake.report = {acs_channel{}};
         fake.report[0].ieee_chan = 36;
         fake.chan_info = {36, 40};
     }
