@@ -24,14 +24,6 @@ namespace scantest
 
 using dorvsim::acs_channel;
 
-// What one debug request carried.
-struct debug_call {
-    std::string ifname;
-    uint8_t cmd;
-    uint8_t wanted;
-    uint32_t nbr_length; // 0 without a neighbour buffer
-};
-
 struct fake_driver {
     // Interface flags by name; a name not present fails with ENODEV.
     std::map<std::string, int16_t> ifaces;
@@ -44,17 +36,12 @@ struct fake_driver {
     int fail_debug_call = -1;    // index of the debug request that fails
     int answer7_debug_call = -1; // index of the debug request answered with 7
 
-    std::vector<debug_call> debug_calls;
+    std::vector<uint32_t> debug_calls; // each one's neighbour buffer length, 0 without a buffer
     std::vector<drv_param_req> param_sets;
     std::vector<drv_param_req> param_gets;
 };
 
 inline fake_driver fake;
-
-inline std::string name_of(const char (&field)[16])
-{
-    return std::string(field, strnlen(field, sizeof field));
-}
 
 inline int fail_with(int err)
 {
@@ -62,62 +49,47 @@ inline int fail_with(int err)
     return -1;
 }
 
-inline int answer_flags(drv_ifreq& req)
-{
-    auto it = fake.ifaces.find(name_of(req.name));
-    if (it == fake.ifaces.end())
-        return fail_with(ENODEV);
-    req.u.flags = it->second;
-    return 0;
-}
-
-inline int answer_debug(drv_iwreq& req)
-{
-    auto* block = static_cast<drv_debug_block*>(req.u.data.pointer);
-    acs_report& r = *block->report;
-    int index = static_cast<int>(fake.debug_calls.size());
-    fake.debug_calls.push_back({name_of(req.name), block->cmd, r.wanted, r.nbr.pointer ? r.nbr_length : 0});
-    if (index == fake.fail_debug_call || req.name[0] == '\0') // no interface of that name
-        return fail_with(EINVAL);
-    dorvsim::acs_answer_request(fake.report, r, false);
-    return index == fake.answer7_debug_call ? 7 : 0;
-}
-
-inline int answer_ext(drv_ifreq& req)
-{
-    auto* cmd = static_cast<drv_ext_cmd*>(req.u.data);
-    if (fake.fail_io)
-        return fail_with(EIO);
-    if (cmd->cmd == EXT_CMD_VOICE_STATS)
-        memcpy(cmd->data, &fake.voice, sizeof fake.voice);
-    return 0;
-}
-
-inline int answer_chan_info(drv_iwreq& req)
-{
-    if (fake.fail_io)
-        return fail_with(EIO);
-    auto* reply = static_cast<drv_chan_info*>(req.u.data.pointer);
-    reply->count = static_cast<uint8_t>(fake.chan_info.size());
-    for (size_t i = 0; i < fake.chan_info.size(); ++i)
-        reply->record[i].ieee_chan = fake.chan_info[i];
-    return 0;
-}
-
 inline int fake_ioctl(int fd, unsigned long request, void* arg)
 {
     if (fd < 0)
         return fail_with(EBADF);
     auto* param = static_cast<drv_param_req*>(arg);
+    auto& ifr = *static_cast<drv_ifreq*>(arg);
+    auto& iwr = *static_cast<drv_iwreq*>(arg);
     switch (request) {
-    case DRV_SIOCGIFFLAGS:
-        return answer_flags(*static_cast<drv_ifreq*>(arg));
-    case DRV_REQ_DEBUG:
-        return answer_debug(*static_cast<drv_iwreq*>(arg));
-    case DRV_REQ_EXT_CMD:
-        return answer_ext(*static_cast<drv_ifreq*>(arg));
-    case DRV_REQ_CHAN_INFO:
-        return answer_chan_info(*static_cast<drv_iwreq*>(arg));
+    case DRV_SIOCGIFFLAGS: {
+        auto it = fake.ifaces.find(std::string(ifr.name, strnlen(ifr.name, sizeof ifr.name)));
+        if (it == fake.ifaces.end())
+            return fail_with(ENODEV);
+        ifr.u.flags = it->second;
+        return 0;
+    }
+    case DRV_REQ_DEBUG: {
+        acs_report& r = *static_cast<drv_debug_block*>(iwr.u.data.pointer)->report;
+        int index = static_cast<int>(fake.debug_calls.size());
+        fake.debug_calls.push_back(r.nbr.pointer ? r.nbr_length : 0);
+        if (index == fake.fail_debug_call || iwr.name[0] == '\0') // no interface of that name
+            return fail_with(EINVAL);
+        dorvsim::acs_answer_request(fake.report, r, false);
+        return index == fake.answer7_debug_call ? 7 : 0;
+    }
+    case DRV_REQ_EXT_CMD: {
+        auto* cmd = static_cast<drv_ext_cmd*>(ifr.u.data);
+        if (fake.fail_io)
+            return fail_with(EIO);
+        if (cmd->cmd == EXT_CMD_VOICE_STATS)
+            memcpy(cmd->data, &fake.voice, sizeof fake.voice);
+        return 0;
+    }
+    case DRV_REQ_CHAN_INFO: {
+        if (fake.fail_io)
+            return fail_with(EIO);
+        auto* reply = static_cast<drv_chan_info*>(iwr.u.data.pointer);
+        reply->count = static_cast<uint8_t>(fake.chan_info.size());
+        for (size_t i = 0; i < fake.chan_info.size(); ++i)
+            reply->record[i].ieee_chan = fake.chan_info[i];
+        return 0;
+    }
     case DRV_REQ_PARAM_SET:
         fake.param_sets.push_back(*param);
         return fake.param_set_errno ? fail_with(fake.param_set_errno) : 0;
@@ -147,27 +119,6 @@ inline unsigned fake_sleep(unsigned seconds)
 inline constexpr int16_t UP = 1;
 inline constexpr int16_t DOWN = 0;
 
-// Radio `radio` up with VAP 0 up and VAPs 1..9 down.
-inline void radio_with_vap0(int radio)
-{
-    std::string r = "wifi" + std::to_string(radio);
-    fake.ifaces[r] = UP;
-    for (int m = 0; m < 10; ++m)
-        fake.ifaces[r + "vap" + std::to_string(m)] = m == 0 ? UP : DOWN;
-}
-
-inline acs_neighbour neighbour(std::vector<uint8_t> bssid, const char* ssid, int32_t rssi, int32_t phymode = 7,
-                               uint8_t ap_type = 0)
-{
-    acs_neighbour n{};
-    memcpy(n.bssid, bssid.data(), sizeof n.bssid);
-    snprintf(n.ssid, sizeof n.ssid, "%s", ssid);
-    n.rssi = rssi;
-    n.phymode = phymode;
-    n.vx_ap_type = ap_type;
-    return n;
-}
-
 // A channel of the ACS report with `neighbours` BSSIDs 02:00:<chan>:00:<i>:10.
 inline acs_channel channel(uint8_t chan, size_t neighbours, uint32_t load = 20)
 {
@@ -179,10 +130,8 @@ inline acs_channel channel(uint8_t chan, size_t neighbours, uint32_t load = 20)
     c.spectral_load = 3;
     c.chan_load = load;
     c.chan_rank = 10 + chan;
-    for (size_t i = 0; i < neighbours; ++i) {
-        uint8_t n = static_cast<uint8_t>(i);
-        c.neighbours.push_back(neighbour({0x02, 0x00, chan, 0x00, n, 0x10}, "ssid", -60 - n));
-    }
+    for (uint8_t i = 0; i < neighbours; ++i)
+        c.neighbours.push_back({7, -60 - i, {0x02, 0x00, chan, 0x00, i, 0x10}, 0, "ssid", 0, {}});
     return c;
 }
 
@@ -249,8 +198,9 @@ inline constexpr auto case_name = [](const auto& p) { return std::string(p.param
 } // namespace scantest
 
 // The module's fixture: a clean sandbox, the fake driver and sleep in
-// place, empty channel lists and timers, fresh known-AP tables, no
-// database fault reported yet, and 802.11r off.
+// place, each radio up with VAP 0 up and VAPs 1..9 down, a report of
+// channels 1 and 6 with a neighbour each, empty channel lists and timers,
+// fresh known-AP tables, no database fault reported yet, and 802.11r off.
 class scan_test : public sandbox_test
 {
   protected:
@@ -258,6 +208,13 @@ class scan_test : public sandbox_test
     {
         sandbox_test::SetUp();
         scantest::fake = scantest::fake_driver{};
+        for (int r = 0; r < 3; ++r) {
+            std::string radio = "wifi" + std::to_string(r);
+            scantest::fake.ifaces[radio] = scantest::UP;
+            for (int m = 0; m < 10; ++m)
+                scantest::fake.ifaces[radio + "vap" + std::to_string(m)] = m == 0 ? scantest::UP : scantest::DOWN;
+        }
+        scantest::fake.report = {scantest::channel(1, 1), scantest::channel(6, 1)};
         scantest::sleeps.clear();
         driver_ioctl = scantest::fake_ioctl;
         scan_sleep = scantest::fake_sleep;
@@ -270,4 +227,6 @@ class scan_test : public sandbox_test
         for (auto& told : scanning().db_fault_told)
             told = false;
     }
+
+    static int report() { return process_scan_result(0, "wifi0vap0", 0); }
 };

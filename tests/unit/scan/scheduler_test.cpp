@@ -47,14 +47,14 @@ void expect_next(int radio, eloop_timeout_handler handler, intptr_t ctx2, long s
                 secs, 1);
 }
 
+// Rogue-AP detection per radio; each band reads its own radio's setting.
 void set_rogue(int wlan0, int wlan1, int wlan2)
 {
-    char text[512];
-    snprintf(text, sizeof text,
-             "system:wlanSettings:wlanSettingTable:wlan0:rogueApDetection %d\n"
-             "system:wlanSettings:wlanSettingTable:wlan1:rogueApDetection %d\n"
-             "system:wlanSettings:wlanSettingTable:wlan2:rogueApDetection %d\n",
-             wlan0, wlan1, wlan2);
+    const int on[3] = {wlan0, wlan1, wlan2};
+    std::string text;
+    for (int w = 0; w < 3; ++w)
+        text += "system:wlanSettings:wlanSettingTable:wlan" + std::to_string(w) + ":rogueApDetection " +
+                std::to_string(on[w]) + "\n";
     testutil::write_file(testutil::at("/tmp/run/config"), text);
 }
 
@@ -66,9 +66,8 @@ class scheduler_test : public scan_test
         scan_test::SetUp();
         testutil::write_file(testutil::at("/usr/sbin/wifitool"),
                              "#!/bin/sh\necho \"$@\" >> " + testutil::at("/tmp/wifitool_runs") + "\n", 0755);
+        testutil::write_file(testutil::at("/usr/local/bin/ifconfig"), "#!/bin/sh\n", 0755);
         set_rogue(1, 1, 1);
-        for (int r = 0; r < 3; ++r)
-            radio_with_vap0(r);
         fake.report = {acs_channel{}};
         fake.report[0].ieee_chan = 36;
         fake.chan_info = {36, 40};
@@ -77,7 +76,7 @@ class scheduler_test : public scan_test
 
 TEST_F(scheduler_test, rogue_check_repeats_while_disabled)
 {
-    set_rogue(0, 0, 0);
+    set_rogue(1, 0, 1);
     ft_enabled_vaps() = 0x7; // 802.11r plays no part in the first start
     rogue_ap_check_5gl(0, 0);
     expect_next(1, rogue_ap_check_5gl, 0, 5);
@@ -101,7 +100,7 @@ TEST_F(scheduler_test, radio_up_creates_database_and_draws_delay)
 // What a scan handler meets, set up before it runs.
 using condition = void (*)();
 const condition none = [] {};
-const condition no_rogue = [] { set_rogue(0, 0, 0); };
+const condition no_rogue = [] { set_rogue(1, 0, 1); }; // for wifi1
 const condition no_vap = [] { // wifi1's VAPs down, the fallback up
     for (int m = 0; m < 10; ++m)
         fake.ifaces["wifi1vap" + std::to_string(m)] = DOWN;
@@ -156,7 +155,6 @@ class full_scan_test : public scheduler_test, public ::testing::WithParamInterfa
 TEST_P(full_scan_test, leaves_one_timer)
 {
     const full_case& c = GetParam();
-    testutil::write_file(testutil::at("/usr/local/bin/ifconfig"), "#!/bin/sh\n", 0755);
     c.setup();
     band_of[c.radio].full(0, c.radio);
     expect_next(c.radio, c.next ? c.next : band_of[c.radio].full, c.radio, c.secs);
@@ -202,7 +200,11 @@ struct batch_case : named_case {
 
 const batch_case batch_cases[] = {
     {"skip_2g_voice", 0, voice, 10, "[dorvand] trigger_2g_batch_scan: Skipping the scan for wifi0 [1:0]\n"},
+    {"skip_2g_no_rogue", 0, [] { set_rogue(0, 1, 1); }, 10,
+     "[dorvand] trigger_2g_batch_scan: Skipping the scan for wifi0 [0:0]\n"},
     {"skip_5g_no_rogue", 1, no_rogue, 10, "[dorvand] trigger_5gl_batch_scan: Skipping the scan for wifi1 [0:0] \n"},
+    {"skip_5gh_no_rogue", 2, [] { set_rogue(1, 1, 0); }, 10,
+     "[dorvand] trigger_5gh_batch_scan: Skipping the scan for wifi2 [0:0] \n"},
     {"skip_5g_fallback", 1, no_vap, 10, "[dorvand] trigger_5gl_batch_scan: Skipping the scan for wifi1 [1:0] \n"},
     {"cac_5g", 1, cac, 60,
      "[dorvand] trigger_5gl_batch_scan: CAC timer running on the interface wifi1vap0, holding the scan trigger\n"},
@@ -217,7 +219,6 @@ class batch_scan_test : public scheduler_test, public ::testing::WithParamInterf
 TEST_P(batch_scan_test, reads_nothing_and_leaves_one_timer)
 {
     const batch_case& c = GetParam();
-    testutil::write_file(testutil::at("/usr/local/bin/ifconfig"), "#!/bin/sh\n", 0755);
     scanning().scan_chan_list[c.radio].clear();
     ASSERT_TRUE(scanning().scan_chan_list[c.radio].push_back(1));
     c.setup();
