@@ -37,8 +37,8 @@ struct fake_driver {
     int answer7_debug_call = -1; // index of the debug request answered with 7
 
     std::vector<uint32_t> debug_calls; // each one's neighbour buffer length, 0 without a buffer
-    std::vector<drv_param_req> param_sets;
-    std::vector<drv_param_req> param_gets;
+    std::vector<std::string> param_sets; // "<interface> <parameter>=<value>"
+    std::vector<std::string> param_gets; // "<interface> <parameter>"
 };
 
 inline fake_driver fake;
@@ -49,6 +49,8 @@ inline int fail_with(int err)
     return -1;
 }
 
+// The request, parameter and command numbers are the driver's, written out
+// here: a wrong number on the daemon's side is a request the fake refuses.
 inline int fake_ioctl(int fd, unsigned long request, void* arg)
 {
     if (fd < 0)
@@ -56,16 +58,20 @@ inline int fake_ioctl(int fd, unsigned long request, void* arg)
     auto* param = static_cast<drv_param_req*>(arg);
     auto& ifr = *static_cast<drv_ifreq*>(arg);
     auto& iwr = *static_cast<drv_iwreq*>(arg);
+    const std::string name(ifr.name, strnlen(ifr.name, sizeof ifr.name));
     switch (request) {
-    case DRV_SIOCGIFFLAGS: {
-        auto it = fake.ifaces.find(std::string(ifr.name, strnlen(ifr.name, sizeof ifr.name)));
+    case 0x8913: {
+        auto it = fake.ifaces.find(name);
         if (it == fake.ifaces.end())
             return fail_with(ENODEV);
         ifr.u.flags = it->second;
         return 0;
     }
-    case DRV_REQ_DEBUG: {
-        acs_report& r = *static_cast<drv_debug_block*>(iwr.u.data.pointer)->report;
+    case 0x8BF8: {
+        auto* block = static_cast<drv_debug_block*>(iwr.u.data.pointer);
+        if (block->cmd != 20)
+            return fail_with(EOPNOTSUPP);
+        acs_report& r = *block->report;
         int index = static_cast<int>(fake.debug_calls.size());
         fake.debug_calls.push_back(r.nbr.pointer ? r.nbr_length : 0);
         if (index == fake.fail_debug_call || iwr.name[0] == '\0') // no interface of that name
@@ -73,15 +79,17 @@ inline int fake_ioctl(int fd, unsigned long request, void* arg)
         dorvsim::acs_answer_request(fake.report, r, false);
         return index == fake.answer7_debug_call ? 7 : 0;
     }
-    case DRV_REQ_EXT_CMD: {
+    case 0x89F8: {
         auto* cmd = static_cast<drv_ext_cmd*>(ifr.u.data);
+        if (cmd->cmd != 6 && cmd->cmd != 23) // channel scan, voice statistics
+            return fail_with(EOPNOTSUPP);
         if (fake.fail_io)
             return fail_with(EIO);
-        if (cmd->cmd == EXT_CMD_VOICE_STATS)
+        if (cmd->cmd == 23)
             memcpy(cmd->data, &fake.voice, sizeof fake.voice);
         return 0;
     }
-    case DRV_REQ_CHAN_INFO: {
+    case 0x8BE7: {
         if (fake.fail_io)
             return fail_with(EIO);
         auto* reply = static_cast<drv_chan_info*>(iwr.u.data.pointer);
@@ -90,11 +98,11 @@ inline int fake_ioctl(int fd, unsigned long request, void* arg)
             reply->record[i].ieee_chan = fake.chan_info[i];
         return 0;
     }
-    case DRV_REQ_PARAM_SET:
-        fake.param_sets.push_back(*param);
+    case 0x8BE0:
+        fake.param_sets.push_back(name + " " + std::to_string(param->param) + "=" + std::to_string(param->value));
         return fake.param_set_errno ? fail_with(fake.param_set_errno) : 0;
-    case DRV_REQ_PARAM_GET:
-        fake.param_gets.push_back(*param);
+    case 0x8BE1:
+        fake.param_gets.push_back(name + " " + std::to_string(param->param));
         param->param = fake.cac_value;
         return fake.fail_io ? fail_with(EIO) : 0;
     default:
@@ -122,14 +130,7 @@ inline constexpr int16_t DOWN = 0;
 // A channel of the ACS report with `neighbours` BSSIDs 02:00:<chan>:00:<i>:10.
 inline acs_channel channel(uint8_t chan, size_t neighbours, uint32_t load = 20)
 {
-    acs_channel c;
-    c.ieee_chan = chan;
-    c.max_rssi = -30 - chan;
-    c.min_rssi = -90 + chan;
-    c.noise_floor = -100;
-    c.spectral_load = 3;
-    c.chan_load = load;
-    c.chan_rank = 10 + chan;
+    acs_channel c{chan, -30 - chan, -90 + chan, -100, 3, load, 10 + chan, {}};
     for (uint8_t i = 0; i < neighbours; ++i)
         c.neighbours.push_back({7, -60 - i, {0x02, 0x00, chan, 0x00, i, 0x10}, 0, "ssid", 0, {}});
     return c;

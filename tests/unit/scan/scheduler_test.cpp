@@ -165,7 +165,7 @@ TEST_P(full_scan_test, leaves_one_timer)
         EXPECT_TRUE(sleeps[0].marker[c.radio]); // written while the results are read
     }
     EXPECT_FALSE(testutil::exists(paths::scan_db_markers[c.radio]));
-    EXPECT_EQ(fake.param_gets.size(), c.asks_cac ? 1u : 0u);
+    EXPECT_EQ(fake.param_gets, c.asks_cac ? std::vector<std::string>{"wifi1vap0 310"} : std::vector<std::string>{});
 }
 
 // A context that names no radio is reported, and the band's own radio scans.
@@ -185,8 +185,7 @@ TEST_F(scheduler_test, full_scan_success_learns_channels)
     const growable_array<int32_t>& channels = scanning().scan_chan_list[1];
     EXPECT_EQ(std::vector<int32_t>(channels.begin(), channels.end()), (std::vector<int32_t>{36, 40}));
     EXPECT_EQ(testutil::read_file(testutil::at("/tmp/wifitool_runs")), "wifi1vap0 setchanlist 0\n");
-    ASSERT_EQ(fake.param_sets.size(), 1u);
-    EXPECT_STREQ(fake.param_sets[0].name, "wifi1vap0");
+    EXPECT_EQ(fake.param_sets, std::vector<std::string>{"wifi1vap0 318=4"}); // the ACS scan started
     EXPECT_EQ(query(testutil::at("/tmp/scan_db_5g"), "SELECT CHANNEL FROM CHANNEL_DETAILS"), (rows{{"36"}}));
 }
 
