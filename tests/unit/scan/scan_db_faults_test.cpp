@@ -93,6 +93,7 @@ const rows all_three{{"1"}, {"6"}, {"11"}};
 
 const passing_case passing_cases[] = {
     {"none", created, nullptr, no_lines, 0, 0, all_three, false},
+    {"missing", [] {}, nullptr, {{repaired + "was missing: created again\n", 1}, no_sql_failed}, 1, 1, all_three, false},
     {"schema_damaged",
      [] {
          created();
