@@ -159,6 +159,7 @@ TEST_P(full_scan_test, leaves_one_timer)
     band_of[c.radio].full(0, c.radio);
     expect_next(c.radio, c.next ? c.next : band_of[c.radio].full, c.radio, c.secs);
     EXPECT_EQ(log_count(c.log_line), 1);
+    EXPECT_EQ(log_count("bad radio index"), 0); // the context names the band's radio
     ASSERT_EQ(sleeps.size(), c.sleeps);
     if (c.sleeps) {
         EXPECT_EQ(sleeps[0].seconds, 10u);
