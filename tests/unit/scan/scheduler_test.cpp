@@ -76,12 +76,14 @@ class scheduler_test : public scan_test
 
 TEST_F(scheduler_test, rogue_check_repeats_while_disabled)
 {
-    set_rogue(1, 0, 1);
     ft_enabled_vaps() = 0x7; // 802.11r plays no part in the first start
-    rogue_ap_check_5gl(0, 0);
-    expect_next(1, rogue_ap_check_5gl, 0, 5);
-    rogue_ap_check_5gl(0, 0);
-    expect_next(1, rogue_ap_check_5gl, 0, 5);
+    for (int r = 0; r < 3; ++r) {
+        set_rogue(r != 0, r != 1, r != 2); // only this band's radio has it off
+        for (int check = 0; check < 2; ++check) {
+            band_of[r].rogue(0, 0);
+            expect_next(r, band_of[r].rogue, 0, 5);
+        }
+    }
     EXPECT_EQ(log_count("Rogue AP enabled"), 0);
 }
 
