@@ -225,7 +225,7 @@ int answer_chan_info(const char* name, int radio, drv_iwreq* req)
     if (!r.chan_info_given) {
         list.clear();
         for (const auto& ch : r.channels)
-            list.push_back(ch.ieee);
+            list.push_back(ch.ieee_chan);
     }
     size_t length = req->u.data.length;
     int rc = fail_with(r.chan_info);
@@ -251,26 +251,6 @@ int answer_chan_info(const char* name, int radio, drv_iwreq* req)
     return rc;
 }
 
-// Fills the neighbour buffer; returns how many entries fitted.
-size_t fill_neighbours(const sim_channel& ch, acs_report& rep)
-{
-    if (!rep.nbr.pointer || rep.nbr_length == 0)
-        return 0;
-    size_t fit = std::min<size_t>(rep.nbr_length / sizeof(acs_neighbour), ch.bss.size());
-    auto* out = reinterpret_cast<uint8_t*>(rep.nbr.pointer);
-    for (size_t i = 0; i < fit; ++i) {
-        const sim_bss& b = ch.bss[i];
-        acs_neighbour n{};
-        n.phymode = b.phymode;
-        n.rssi = b.rssi;
-        memcpy(n.bssid, b.bssid, sizeof n.bssid);
-        memcpy(n.ssid, b.ssid.data(), std::min(b.ssid.size(), sizeof n.ssid - 1));
-        n.vx_ap_type = b.vx_ap_type;
-        memcpy(out + i * sizeof n, &n, sizeof n);
-    }
-    return fit;
-}
-
 // The report buffer of a debug request; null, with errno set and the
 // refusal logged, when the request is not a well-formed ACS report request.
 acs_report* report_of(const char* name, const drv_iwreq* req)
@@ -290,18 +270,6 @@ acs_report* report_of(const char* name, const drv_iwreq* req)
     return nullptr;
 }
 
-void fill_channel(const sim_channel& ch, acs_report& rep)
-{
-    rep.ieee_chan = ch.ieee;
-    rep.chan_nbss = static_cast<uint8_t>(ch.bss.size());
-    rep.max_rssi = ch.max_rssi;
-    rep.min_rssi = ch.min_rssi;
-    rep.noise_floor = ch.noise_floor;
-    rep.spectral_load = ch.spectral_load;
-    rep.chan_load = ch.chan_load;
-    rep.chan_rank = ch.chan_rank;
-}
-
 int answer_report(const char* name, int radio, drv_iwreq* req)
 {
     acs_report* rep = report_of(name, req);
@@ -319,22 +287,16 @@ int answer_report(const char* name, int radio, drv_iwreq* req)
         reqlog("req=acs_report if=%s n=%d wanted=%u nbr_len=%u rc=-1 errno=%d", name, nth, wanted, nbr_len, err);
         return fail(err);
     }
-    rep->count = static_cast<uint8_t>(r.channels.size());
-    if (wanted >= r.channels.size()) {
-        // Asked past the end (as for entry 0 of an empty report): the count
-        // is the answer, the entry stays empty.
-        fill_channel(sim_channel{}, *rep);
+    acs_answer a = acs_answer_request(r.channels, *rep, r.overflow_rc7);
+    if (a.past_end) {
         reqlog("req=acs_report if=%s n=%d wanted=%u nbr_len=%u rc=0 count=%zu past_end=1", name, nth, wanted,
                nbr_len, r.channels.size());
         return 0;
     }
-    const sim_channel& ch = r.channels[wanted];
-    fill_channel(ch, *rep);
-    size_t filled = fill_neighbours(ch, *rep);
-    rc = (r.overflow_rc7 && nbr_len > 0 && filled < ch.bss.size()) ? 7 : 0;
+    const acs_channel& ch = r.channels[wanted];
     reqlog("req=acs_report if=%s n=%d wanted=%u nbr_len=%u rc=%d count=%zu chan=%u nbss=%zu filled=%zu", name, nth,
-           wanted, nbr_len, rc, r.channels.size(), ch.ieee, ch.bss.size(), filled);
-    return rc;
+           wanted, nbr_len, a.rc, r.channels.size(), ch.ieee_chan, ch.neighbours.size(), a.filled);
+    return a.rc;
 }
 
 int answer_ext_cmd(const char* name, int radio, drv_ifreq* req)

@@ -206,8 +206,8 @@ void parse_chan(line_cursor& c, driver_state& st)
     sim_radio& r = radio_of(st, c.word());
     if (r.channels.size() >= max_items)
         throw parse_error("more than 255 channels in a report");
-    sim_channel ch;
-    ch.ieee = static_cast<uint8_t>(number(c.word(), 0, 255, "channel"));
+    acs_channel ch;
+    ch.ieee_chan = static_cast<uint8_t>(number(c.word(), 0, 255, "channel"));
     ch.max_rssi = static_cast<int32_t>(number(c.word(), INT32_MIN, INT32_MAX, "max_rssi"));
     ch.min_rssi = static_cast<int32_t>(number(c.word(), INT32_MIN, INT32_MAX, "min_rssi"));
     ch.noise_floor = static_cast<int16_t>(number(c.word(), INT16_MIN, INT16_MAX, "noise_floor"));
@@ -223,22 +223,23 @@ void parse_bss(line_cursor& c, driver_state& st)
 {
     sim_radio& r = radio_of(st, c.word());
     auto ieee = static_cast<uint8_t>(number(c.word(), 0, 255, "channel"));
-    sim_channel* ch = nullptr;
+    acs_channel* ch = nullptr;
     for (auto& candidate : r.channels) {
-        if (candidate.ieee == ieee)
+        if (candidate.ieee_chan == ieee)
             ch = &candidate;
     }
     if (!ch)
         throw parse_error("bss for a channel not declared before it");
-    if (ch->bss.size() >= max_items)
+    if (ch->neighbours.size() >= max_items)
         throw parse_error("more than 255 BSSs on a channel");
-    sim_bss b;
+    acs_neighbour b{};
     parse_mac(c.word(), b.bssid);
     b.rssi = static_cast<int32_t>(number(c.word(), INT32_MIN, INT32_MAX, "rssi"));
     b.phymode = static_cast<int32_t>(number(c.word(), INT32_MIN, INT32_MAX, "phymode"));
     b.vx_ap_type = static_cast<uint8_t>(number(c.word(), 0, 255, "vx_ap_type"));
-    b.ssid = parse_ssid(c.rest);
-    ch->bss.push_back(std::move(b));
+    std::string ssid = parse_ssid(c.rest);
+    memcpy(b.ssid, ssid.data(), ssid.size());  // at most 32 bytes: the entry stays terminated
+    ch->neighbours.push_back(b);
 }
 
 void parse_cac(line_cursor& c, driver_state& st)

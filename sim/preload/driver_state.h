@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "../model/acs_report.h"
+
 namespace dorvsim {
 
 inline constexpr int sim_radios = 3;
@@ -16,25 +18,6 @@ inline constexpr int sim_radios = 3;
 struct outcome {
     bool ok = true;
     int err = 0;
-};
-
-struct sim_bss {
-    uint8_t bssid[6] = {};
-    int32_t rssi = 0;
-    int32_t phymode = 0;
-    uint8_t vx_ap_type = 0;
-    std::string ssid;  // at most 32 bytes
-};
-
-struct sim_channel {
-    uint8_t ieee = 0;
-    int32_t max_rssi = 0;
-    int32_t min_rssi = 0;
-    int16_t noise_floor = 0;
-    int16_t spectral_load = 0;
-    uint32_t chan_load = 0;
-    int32_t chan_rank = 0;
-    std::vector<sim_bss> bss;  // at most 255
 };
 
 struct sim_radio {
@@ -51,7 +34,7 @@ struct sim_radio {
     uint64_t cur_voice_pkts = 0;
     bool chan_info_given = false;  // else the report's channels are the list
     std::vector<uint8_t> chan_info_list;
-    std::vector<sim_channel> channels;  // the ACS report, at most 255
+    std::vector<acs_channel> channels;  // the ACS report, at most 255
 };
 
 struct sim_cac {

@@ -7,9 +7,11 @@
 // (bit 2; byte 1 is then the channel), byte 2 how many known APs follow (bits
 // 0-1), each as 6 MAC bytes and a family byte; the rest answers the driver's
 // requests in order: per request a control byte (0xFF: the request fails;
-// bit 0: answer 7, "buffer too small"), the entry count, the channel, the
-// neighbour count it claims, 20 bytes of statistics, and the number of
-// neighbours written (0..6, never more than the buffer holds), 52 bytes each.
+// bit 0: answer 7, "buffer too small"), the entry count, then the entry
+// asked for (no entry past the count): the channel, its neighbour count, 20
+// bytes of statistics, and the number of neighbours given (0..6, never more
+// than the buffer holds), 52 bytes each; the neighbours not given are
+// empty, as is the buffer the daemon hands over.
 #include <sqlite3.h>
 
 #include <cerrno>
@@ -17,10 +19,12 @@
 #include <cstdint>
 #include <cstring>
 #include <unistd.h>
+#include <vector>
 
 #include "base/paths.h"
 #include "board/board.h"
 #include "fuzz_support.h"
+#include "model/acs_report.h"
 #include "neighbours/neighbours.h"
 #include "neighbours/nb_internal.h"
 #include "scan/scan.h"
@@ -49,6 +53,30 @@ struct answer_source {
     }
 } answers;
 
+// The channel entry of one answer; the report holds it at the index asked
+// for, if that is below the entry count.
+dorvsim::acs_channel channel_of(const acs_report& r)
+{
+    dorvsim::acs_channel c;
+    c.ieee_chan = answers.byte();
+    c.neighbours.resize(answers.byte());
+    answers.bytes(&c.max_rssi, sizeof c.max_rssi);
+    answers.bytes(&c.min_rssi, sizeof c.min_rssi);
+    answers.bytes(&c.noise_floor, sizeof c.noise_floor);
+    answers.bytes(&c.spectral_load, sizeof c.spectral_load);
+    answers.bytes(&c.chan_load, sizeof c.chan_load);
+    answers.bytes(&c.chan_rank, sizeof c.chan_rank);
+    size_t room = r.nbr.pointer ? r.nbr_length / sizeof(acs_neighbour) : 0;
+    size_t written = answers.byte() % (max_written + 1);
+    for (size_t i = 0; i < written && i < room; ++i) {
+        acs_neighbour n;
+        answers.bytes(&n, sizeof n);
+        if (i < c.neighbours.size())
+            c.neighbours[i] = n;
+    }
+    return c;
+}
+
 int fuzz_driver(int, unsigned long request, void* arg)
 {
     if (request != DRV_REQ_DEBUG || ++answers.requests > max_requests || answers.pos >= answers.size) {
@@ -62,19 +90,11 @@ int fuzz_driver(int, unsigned long request, void* arg)
         errno = EIO;
         return -1;
     }
-    r.count = answers.byte() % max_entries;
-    r.ieee_chan = answers.byte();
-    r.chan_nbss = answers.byte();
-    answers.bytes(&r.max_rssi, sizeof r.max_rssi);
-    answers.bytes(&r.min_rssi, sizeof r.min_rssi);
-    answers.bytes(&r.noise_floor, sizeof r.noise_floor);
-    answers.bytes(&r.spectral_load, sizeof r.spectral_load);
-    answers.bytes(&r.chan_load, sizeof r.chan_load);
-    answers.bytes(&r.chan_rank, sizeof r.chan_rank);
-    size_t room = r.nbr.pointer ? r.nbr_length / sizeof(acs_neighbour) : 0;
-    size_t written = answers.byte() % (max_written + 1);
-    for (size_t i = 0; i < written && i < room; ++i)
-        answers.bytes(&r.nbr.pointer[i], sizeof(acs_neighbour));
+    std::vector<dorvsim::acs_channel> report(answers.byte() % max_entries);
+    dorvsim::acs_channel entry = channel_of(r);
+    if (r.wanted < report.size())
+        report[r.wanted] = std::move(entry);
+    dorvsim::acs_answer_request(report, r, false);
     return (control & 1) ? 7 : 0;
 }
 

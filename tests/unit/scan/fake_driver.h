@@ -7,6 +7,7 @@
 #include "base/files.h"
 #include "neighbours/neighbours.h"
 #include "eventloop/eloop.h"
+#include "model/acs_report.h"
 #include "scan/scan.h"
 #include "scan/scan_internal.h"
 #include "test_util.h"
@@ -21,24 +22,7 @@
 namespace scantest
 {
 
-struct fake_channel {
-    uint8_t ieee_chan = 0;
-    int32_t max_rssi = 0;
-    int32_t min_rssi = 0;
-    int16_t noise_floor = 0;
-    int16_t spectral_load = 0;
-    uint32_t chan_load = 0;
-    int32_t chan_rank = 0;
-    std::vector<acs_neighbour> neighbours;
-};
-
-// What one debug request carried.
-struct debug_call {
-    std::string ifname;
-    uint8_t cmd;
-    uint8_t wanted;
-    uint32_t nbr_length; // 0 without a neighbour buffer
-};
+using dorvsim::acs_channel;
 
 struct fake_driver {
     // Interface flags by name; a name not present fails with ENODEV.
@@ -48,21 +32,16 @@ struct fake_driver {
     std::vector<uint8_t> chan_info;
     int param_set_errno = 0; // nonzero: the ACS start fails with it
     bool fail_io = false;    // CAC, voice, channel-info and channel-scan requests fail
-    std::vector<fake_channel> report;
+    std::vector<acs_channel> report;
     int fail_debug_call = -1;    // index of the debug request that fails
     int answer7_debug_call = -1; // index of the debug request answered with 7
 
-    std::vector<debug_call> debug_calls;
-    std::vector<drv_param_req> param_sets;
-    std::vector<drv_param_req> param_gets;
+    std::vector<uint32_t> debug_calls; // each one's neighbour buffer length, 0 without a buffer
+    std::vector<std::string> param_sets; // "<interface> <parameter>=<value>"
+    std::vector<std::string> param_gets; // "<interface> <parameter>"
 };
 
 inline fake_driver fake;
-
-inline std::string name_of(const char (&field)[16])
-{
-    return std::string(field, strnlen(field, sizeof field));
-}
 
 inline int fail_with(int err)
 {
@@ -70,80 +49,60 @@ inline int fail_with(int err)
     return -1;
 }
 
-inline int answer_flags(drv_ifreq& req)
-{
-    auto it = fake.ifaces.find(name_of(req.name));
-    if (it == fake.ifaces.end())
-        return fail_with(ENODEV);
-    req.u.flags = it->second;
-    return 0;
-}
-
-inline int answer_debug(drv_iwreq& req)
-{
-    auto* block = static_cast<drv_debug_block*>(req.u.data.pointer);
-    acs_report& r = *block->report;
-    int index = static_cast<int>(fake.debug_calls.size());
-    fake.debug_calls.push_back({name_of(req.name), block->cmd, r.wanted, r.nbr.pointer ? r.nbr_length : 0});
-    if (index == fake.fail_debug_call || req.name[0] == '\0') // no interface of that name
-        return fail_with(EINVAL);
-    r.count = static_cast<uint8_t>(fake.report.size());
-    if (r.wanted < fake.report.size()) {
-        const fake_channel& c = fake.report[r.wanted];
-        r.ieee_chan = c.ieee_chan;
-        r.chan_nbss = static_cast<uint8_t>(c.neighbours.size());
-        r.max_rssi = c.max_rssi;
-        r.min_rssi = c.min_rssi;
-        r.noise_floor = c.noise_floor;
-        r.spectral_load = c.spectral_load;
-        r.chan_load = c.chan_load;
-        r.chan_rank = c.chan_rank;
-        for (size_t i = 0; r.nbr.pointer && i < r.nbr_length / sizeof(acs_neighbour) && i < c.neighbours.size(); ++i)
-            r.nbr.pointer[i] = c.neighbours[i];
-    }
-    return index == fake.answer7_debug_call ? 7 : 0;
-}
-
-inline int answer_ext(drv_ifreq& req)
-{
-    auto* cmd = static_cast<drv_ext_cmd*>(req.u.data);
-    if (fake.fail_io)
-        return fail_with(EIO);
-    if (cmd->cmd == EXT_CMD_VOICE_STATS)
-        memcpy(cmd->data, &fake.voice, sizeof fake.voice);
-    return 0;
-}
-
-inline int answer_chan_info(drv_iwreq& req)
-{
-    if (fake.fail_io)
-        return fail_with(EIO);
-    auto* reply = static_cast<drv_chan_info*>(req.u.data.pointer);
-    reply->count = static_cast<uint8_t>(fake.chan_info.size());
-    for (size_t i = 0; i < fake.chan_info.size(); ++i)
-        reply->record[i].ieee_chan = fake.chan_info[i];
-    return 0;
-}
-
+// The request, parameter and command numbers are the driver's, written out
+// here: a wrong number on the daemon's side is a request the fake refuses.
 inline int fake_ioctl(int fd, unsigned long request, void* arg)
 {
     if (fd < 0)
         return fail_with(EBADF);
     auto* param = static_cast<drv_param_req*>(arg);
+    auto& ifr = *static_cast<drv_ifreq*>(arg);
+    auto& iwr = *static_cast<drv_iwreq*>(arg);
+    const std::string name(ifr.name, strnlen(ifr.name, sizeof ifr.name));
     switch (request) {
-    case DRV_SIOCGIFFLAGS:
-        return answer_flags(*static_cast<drv_ifreq*>(arg));
-    case DRV_REQ_DEBUG:
-        return answer_debug(*static_cast<drv_iwreq*>(arg));
-    case DRV_REQ_EXT_CMD:
-        return answer_ext(*static_cast<drv_ifreq*>(arg));
-    case DRV_REQ_CHAN_INFO:
-        return answer_chan_info(*static_cast<drv_iwreq*>(arg));
-    case DRV_REQ_PARAM_SET:
-        fake.param_sets.push_back(*param);
+    case 0x8913: {
+        auto it = fake.ifaces.find(name);
+        if (it == fake.ifaces.end())
+            return fail_with(ENODEV);
+        ifr.u.flags = it->second;
+        return 0;
+    }
+    case 0x8BF8: {
+        auto* block = static_cast<drv_debug_block*>(iwr.u.data.pointer);
+        if (block->cmd != 20)
+            return fail_with(EOPNOTSUPP);
+        acs_report& r = *block->report;
+        int index = static_cast<int>(fake.debug_calls.size());
+        fake.debug_calls.push_back(r.nbr.pointer ? r.nbr_length : 0);
+        if (index == fake.fail_debug_call || iwr.name[0] == '\0') // no interface of that name
+            return fail_with(EINVAL);
+        dorvsim::acs_answer_request(fake.report, r, false);
+        return index == fake.answer7_debug_call ? 7 : 0;
+    }
+    case 0x89F8: {
+        auto* cmd = static_cast<drv_ext_cmd*>(ifr.u.data);
+        if (cmd->cmd != 6 && cmd->cmd != 23) // channel scan, voice statistics
+            return fail_with(EOPNOTSUPP);
+        if (fake.fail_io)
+            return fail_with(EIO);
+        if (cmd->cmd == 23)
+            memcpy(cmd->data, &fake.voice, sizeof fake.voice);
+        return 0;
+    }
+    case 0x8BE7: {
+        if (fake.fail_io)
+            return fail_with(EIO);
+        auto* reply = static_cast<drv_chan_info*>(iwr.u.data.pointer);
+        reply->count = static_cast<uint8_t>(fake.chan_info.size());
+        for (size_t i = 0; i < fake.chan_info.size(); ++i)
+            reply->record[i].ieee_chan = fake.chan_info[i];
+        return 0;
+    }
+    case 0x8BE0:
+        fake.param_sets.push_back(name + " " + std::to_string(param->param) + "=" + std::to_string(param->value));
         return fake.param_set_errno ? fail_with(fake.param_set_errno) : 0;
-    case DRV_REQ_PARAM_GET:
-        fake.param_gets.push_back(*param);
+    case 0x8BE1:
+        fake.param_gets.push_back(name + " " + std::to_string(param->param));
         param->param = fake.cac_value;
         return fake.fail_io ? fail_with(EIO) : 0;
     default:
@@ -168,42 +127,12 @@ inline unsigned fake_sleep(unsigned seconds)
 inline constexpr int16_t UP = 1;
 inline constexpr int16_t DOWN = 0;
 
-// Radio `radio` up with VAP 0 up and VAPs 1..9 down.
-inline void radio_with_vap0(int radio)
-{
-    std::string r = "wifi" + std::to_string(radio);
-    fake.ifaces[r] = UP;
-    for (int m = 0; m < 10; ++m)
-        fake.ifaces[r + "vap" + std::to_string(m)] = m == 0 ? UP : DOWN;
-}
-
-inline acs_neighbour neighbour(std::vector<uint8_t> bssid, const char* ssid, int32_t rssi, int32_t phymode = 7,
-                               uint8_t ap_type = 0)
-{
-    acs_neighbour n{};
-    memcpy(n.bssid, bssid.data(), sizeof n.bssid);
-    snprintf(n.ssid, sizeof n.ssid, "%s", ssid);
-    n.rssi = rssi;
-    n.phymode = phymode;
-    n.vx_ap_type = ap_type;
-    return n;
-}
-
 // A channel of the ACS report with `neighbours` BSSIDs 02:00:<chan>:00:<i>:10.
-inline fake_channel channel(uint8_t chan, size_t neighbours, uint32_t load = 20)
+inline acs_channel channel(uint8_t chan, size_t neighbours, uint32_t load = 20)
 {
-    fake_channel c;
-    c.ieee_chan = chan;
-    c.max_rssi = -30 - chan;
-    c.min_rssi = -90 + chan;
-    c.noise_floor = -100;
-    c.spectral_load = 3;
-    c.chan_load = load;
-    c.chan_rank = 10 + chan;
-    for (size_t i = 0; i < neighbours; ++i) {
-        uint8_t n = static_cast<uint8_t>(i);
-        c.neighbours.push_back(neighbour({0x02, 0x00, chan, 0x00, n, 0x10}, "ssid", -60 - n));
-    }
+    acs_channel c{chan, -30 - chan, -90 + chan, -100, 3, load, 10 + chan, {}};
+    for (uint8_t i = 0; i < neighbours; ++i)
+        c.neighbours.push_back({7, -60 - i, {0x02, 0x00, chan, 0x00, i, 0x10}, 0, "ssid", 0, {}});
     return c;
 }
 
@@ -270,8 +199,9 @@ inline constexpr auto case_name = [](const auto& p) { return std::string(p.param
 } // namespace scantest
 
 // The module's fixture: a clean sandbox, the fake driver and sleep in
-// place, empty channel lists and timers, fresh known-AP tables, no
-// database fault reported yet, and 802.11r off.
+// place, each radio up with VAP 0 up and VAPs 1..9 down, a report of
+// channels 1 and 6 with a neighbour each, empty channel lists and timers,
+// fresh known-AP tables, no database fault reported yet, and 802.11r off.
 class scan_test : public sandbox_test
 {
   protected:
@@ -279,6 +209,13 @@ class scan_test : public sandbox_test
     {
         sandbox_test::SetUp();
         scantest::fake = scantest::fake_driver{};
+        for (int r = 0; r < 3; ++r) {
+            std::string radio = "wifi" + std::to_string(r);
+            scantest::fake.ifaces[radio] = scantest::UP;
+            for (int m = 0; m < 10; ++m)
+                scantest::fake.ifaces[radio + "vap" + std::to_string(m)] = m == 0 ? scantest::UP : scantest::DOWN;
+        }
+        scantest::fake.report = {scantest::channel(1, 1), scantest::channel(6, 1)};
         scantest::sleeps.clear();
         driver_ioctl = scantest::fake_ioctl;
         scan_sleep = scantest::fake_sleep;
@@ -291,4 +228,6 @@ class scan_test : public sandbox_test
         for (auto& told : scanning().db_fault_told)
             told = false;
     }
+
+    static int report() { return process_scan_result(0, "wifi0vap0", 0); }
 };

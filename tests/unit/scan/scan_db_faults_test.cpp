@@ -1,8 +1,10 @@
-// SQLite failing under the scan databases: a file that cannot be opened or
+// The scan databases failing or spoiled: a file that cannot be opened or
 // given its schema, another program's schema the statements do not fit, a
-// reader that keeps the database locked, a disk that fills up. Each failure
-// is logged and skipped without failing the scan, and the next report
-// stores what the failed one could not.
+// reader that keeps the database locked, a disk that fills up, the file
+// taken away, emptied or replaced by a directory or a link. Each failure is
+// logged and skipped without failing the scan; what cannot be read is put
+// aside and created again, and the next report stores what the failed one
+// could not.
 #include "dorvfault.h"
 #include "fake_driver.h"
 
@@ -18,21 +20,7 @@ using testutil::log_count;
 namespace
 {
 
-const rows all_channels{{"1"}, {"6"}};
-const rows all_bss{{"02:00:01:00:00:10"}, {"02:00:06:00:00:10"}};
-
-class db_fault_test : public scan_test
-{
-  protected:
-    void SetUp() override
-    {
-        scan_test::SetUp();
-        radio_with_vap0(0);
-        fake.report = {channel(1, 1), channel(6, 1)};
-    }
-
-    static int report() { return process_scan_result(0, "wifi0vap0", 0); }
-};
+using db_fault_test = scan_test;
 
 // Another program's tables under the daemon's names: the statements that do
 // not fit fail one by one, and the report goes on.
@@ -84,32 +72,55 @@ TEST_P(foreign_schema_test, statements_fail_row_by_row)
 
 INSTANTIATE_TEST_SUITE_P(scan, foreign_schema_test, ::testing::ValuesIn(schema_cases), case_name);
 
-// Faults that pass: armed for one report, which stores nothing (or what it
-// can), and lifted for the next, which stores everything.
+// A report meets a database fault or a spoiled file, and the next report
+// ({11}) stores its rows: the spoiled file is replaced once, at the first
+// report that meets it; a fault is repaired after it has passed.
 struct passing_case : named_case {
     void (*stage)();
-    const char* rule;
-    std::vector<std::pair<std::string, int>> lines; // logged by the faulty report, that often
-    int repairs;                                    // databases the next report puts in place
+    const char* rule; // armed for the first report; null: none
+    std::vector<std::pair<std::string, int>> lines; // logged, that often
+    int repairs_first, repairs;                     // databases created again by the first report, by both
+    rows channels;                                  // after both
+    bool moved_aside;                               // <db>.corrupt holds what was there
 };
 
 const auto garbage = [] { testutil::write_file(db2g(), "not a database at all\n"); };
+const auto created = [] { ASSERT_EQ(create_scan_db_2g(), 0); };
+const auto no_lines = std::vector<std::pair<std::string, int>>{};
+const std::pair<std::string, int> no_sql_failed{"Cannot run sql statement", 0}; // repaired before the rows
+const std::string repaired = "[dorvand] Scan database /tmp/scan_db_2g ";
+const rows all_three{{"1"}, {"6"}, {"11"}};
 
 const passing_case passing_cases[] = {
-    {"cannot_open", [] { ASSERT_EQ(create_scan_db_2g(), 0); }, "open path=*/tmp/scan_db_2g every errno=EACCES",
-     {{"[1278]Error in opening Db \n", 1}, {"[1434]Error in opening Db \n", 2}}, 0},
+    {"none", created, nullptr, no_lines, 0, 0, all_three, false},
+    {"missing", [] {}, nullptr, {{repaired + "was missing: created again\n", 1}, no_sql_failed}, 1, 1, all_three, false},
+    {"schema_damaged",
+     [] {
+         created();
+         query(db2g(), "PRAGMA writable_schema=ON; UPDATE sqlite_master SET sql='x' WHERE name='CHANNEL_DETAILS';");
+     },
+     nullptr, {{repaired + "was not a database (moved to /tmp/scan_db_2g.corrupt): created again\n", 1}, no_sql_failed}, 1, 1,
+     all_three, true},
+    {"emptied", [] { testutil::write_file(db2g(), ""); }, nullptr, {{repaired + "lacked its tables: created again\n", 1}, no_sql_failed},
+     1, 1, all_three, false},
+    {"table_dropped",
+     [] {
+         created();
+         query(db2g(), "DROP TABLE CHANNEL_DETAILS");
+     },
+     nullptr, {{repaired + "lacked its tables: created again\n", 1}, no_sql_failed}, 1, 1, all_three, false},
+    {"cannot_open", created, "open path=*/tmp/scan_db_2g every errno=EACCES",
+     {{"[1278]Error in opening Db \n", 1}, {"[1434]Error in opening Db \n", 2}}, 0, 0, {{"11"}}, false},
     {"disk_full_for_the_schema", [] {}, "write path=*/tmp/scan_db_2g* every errno=ENOSPC",
      {{"Cannot create tables: database or disk is full\n", 1},
       {"[1301]Cannot run sql statement: no such table: CHANNEL_DETAILS\n", 2}},
-     1},
+     0, 1, {{"11"}}, false},
     {"cannot_move_aside", garbage, "rename path=*/tmp/scan_db_2g.corrupt errno=EXDEV",
-     {{"[dorvand] Scan database /tmp/scan_db_2g cannot be replaced [18|Invalid cross-device link]: tried again at "
-       "the next scan\n",
-       1}},
-     1},
+     {{repaired + "cannot be replaced [18|Invalid cross-device link]: tried again at the next scan\n", 1}}, 0, 1,
+     {{"11"}}, true},
     // Its first two opens look at the spoiled file; the third would create the new one.
     {"cannot_create_after_moving_aside", garbage, "open path=*/tmp/scan_db_2g nth=3 errno=EACCES",
-     {{"[1278]Error in opening Db \n", 1}}, 1},
+     {{"[1278]Error in opening Db \n", 1}}, 0, 1, {{"11"}}, true},
 };
 
 class passing_fault_test : public db_fault_test, public ::testing::WithParamInterface<passing_case>
@@ -120,17 +131,19 @@ TEST_P(passing_fault_test, next_report_stores_everything)
 {
     const passing_case& c = GetParam();
     c.stage();
-    dorvfault::arm(c.rule);
+    if (c.rule)
+        dorvfault::arm(c.rule);
     EXPECT_EQ(report(), 0);
     dorvfault::reset();
+    EXPECT_EQ(log_count(": created again\n"), c.repairs_first);
+    fake.report = {channel(11, 1)};
+    EXPECT_EQ(report(), 0);
     for (const auto& [line, count] : c.lines)
         EXPECT_EQ(log_count(located(line)), count) << line << testutil::log_text();
-    EXPECT_EQ(log_count(": created again\n"), 0);
-
-    EXPECT_EQ(report(), 0);
-    EXPECT_EQ(channel_rows(), all_channels);
-    EXPECT_EQ(bss_rows(), all_bss);
     EXPECT_EQ(log_count(": created again\n"), c.repairs) << testutil::log_text();
+    EXPECT_EQ(channel_rows(), c.channels);
+    EXPECT_EQ(bss_rows().size(), c.channels.size()); // one neighbour each
+    EXPECT_EQ(testutil::exists(testutil::at("/tmp/scan_db_2g.corrupt")), c.moved_aside);
 }
 
 INSTANTIATE_TEST_SUITE_P(scan, passing_fault_test, ::testing::ValuesIn(passing_cases), case_name);
@@ -191,5 +204,70 @@ TEST_P(create_fault_test, is_reported_with_the_result)
 }
 
 INSTANTIATE_TEST_SUITE_P(scan, create_fault_test, ::testing::ValuesIn(create_cases), case_name);
+
+// Kept as it is and reported once (the end-to-end recovery tests follow it
+// over several scans); replaced once emptied, and a new incident is reported
+// again.
+TEST_F(db_fault_test, directory_with_content_is_reported_again_after_a_repair)
+{
+    const std::string kept = db2g() + "/kept";
+    for (int incident = 1; incident <= 2; ++incident) {
+        unlink(db2g().c_str());
+        ASSERT_EQ(mkdir(db2g().c_str(), 0755), 0);
+        testutil::write_file(kept, "somebody's\n");
+        for (int scan = 0; scan < 2; ++scan) // said once however many scans the incident lasts
+            ASSERT_EQ(report(), 0);
+        EXPECT_EQ(log_count(located(repaired + "cannot be replaced [39|Directory not empty]: tried again at the next "
+                                               "scan\n")),
+                  incident);
+        EXPECT_EQ(testutil::read_file(kept), "somebody's\n");
+        ASSERT_EQ(unlink(kept.c_str()), 0);
+        ASSERT_EQ(report(), 0);
+        EXPECT_EQ(log_count(located(repaired + "was a directory: created again\n")), incident);
+        EXPECT_EQ(channel_rows(), (rows{{"1"}, {"6"}}));
+    }
+}
+
+TEST_F(db_fault_test, planted_link_is_refused_not_replaced)
+{
+    testutil::write_file(testutil::at("/tmp/victim"), "not the daemon's\n");
+    ASSERT_EQ(symlink(testutil::at("/tmp/victim").c_str(), db2g().c_str()), 0);
+    ASSERT_EQ(report(), 0);
+    EXPECT_EQ(testutil::read_file(testutil::at("/tmp/victim")), "not the daemon's\n");
+    EXPECT_EQ(log_count(located(repaired)), 0);
+    EXPECT_GE(log_count(located("[dorvand] Refused /tmp/scan_db_2g: a symbolic link\n")), 1);
+    struct stat st {};
+    ASSERT_EQ(lstat(db2g().c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+}
+
+// The rows of a report skip the file check that its write cycle made; a
+// link planted after that check still fails their connection, which is then
+// refused and reported as by every open.
+bool planted = false;
+
+int plant_before_rows(int fd, unsigned long request, void* arg)
+{
+    auto* block = static_cast<drv_debug_block*>(static_cast<drv_iwreq*>(arg)->u.data.pointer);
+    if (request == DRV_REQ_DEBUG && block->report->nbr.pointer && !planted) {
+        unlink(db2g().c_str());
+        planted = symlink(testutil::at("/tmp/victim").c_str(), db2g().c_str()) == 0;
+    }
+    return fake_ioctl(fd, request, arg);
+}
+
+TEST_F(db_fault_test, link_planted_after_the_check_is_refused_for_each_row)
+{
+    created();
+    testutil::write_file(testutil::at("/tmp/victim"), "not the daemon's\n");
+    fake.report = {channel(11, 2)};
+    planted = false;
+    driver_ioctl = plant_before_rows;
+    ASSERT_EQ(report(), 0);
+    ASSERT_TRUE(planted) << "the link was never planted";
+    EXPECT_EQ(testutil::read_file(testutil::at("/tmp/victim")), "not the daemon's\n");
+    EXPECT_EQ(log_count("[dorvand] Refused " + db2g() + ": a symbolic link\n"), 2);
+    EXPECT_EQ(log_count("[1434]Error in opening Db \n"), 2);
+}
 
 } // namespace

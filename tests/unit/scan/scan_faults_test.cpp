@@ -13,18 +13,6 @@ using testutil::log_count;
 namespace
 {
 
-class scan_fault_test : public scan_test
-{
-  protected:
-    void SetUp() override
-    {
-        scan_test::SetUp();
-        radio_with_vap0(0);
-        radio_with_vap0(1);
-        ASSERT_EQ(create_scan_db_2g(), 0);
-    }
-};
-
 constexpr const char* no_socket = "socket fd=inet every errno=EMFILE";
 constexpr const char* no_spawn = "spawn every errno=EAGAIN";
 
@@ -98,7 +86,7 @@ const request_case request_cases[] = {
      [] { return process_scan_result(0, "wifi0", 0); }, 0, "ifname: ath0\n"},
 };
 
-class request_fault_test : public scan_fault_test, public ::testing::WithParamInterface<request_case>
+class request_fault_test : public scan_test, public ::testing::WithParamInterface<request_case>
 {
 };
 
@@ -118,7 +106,7 @@ INSTANTIATE_TEST_SUITE_P(scan, request_fault_test, ::testing::ValuesIn(request_c
 // The ACS report fails at one of its requests (counted from 0: the first
 // read, then each channel's statistics, then each channel's neighbours).
 struct report_case : named_case {
-    std::vector<fake_channel> report;
+    std::vector<acs_channel> report;
     int failing_request;
     const char* line;
     rows channels; // stored before the failure
@@ -133,23 +121,24 @@ const report_case report_cases[] = {
      {{"02:00:01:00:00:10"}}},
 };
 
-class report_fault_test : public scan_fault_test, public ::testing::WithParamInterface<report_case>
+class report_fault_test : public scan_test, public ::testing::WithParamInterface<report_case>
 {
 };
 
 TEST_P(report_fault_test, ends_the_scan_and_the_next_catches_up)
 {
     const report_case& c = GetParam();
+    ASSERT_EQ(create_scan_db_2g(), 0);
     fake.report = c.report;
     fake.fail_debug_call = c.failing_request;
-    EXPECT_EQ(process_scan_result(0, "wifi0vap0", 0), -1);
+    EXPECT_EQ(report(), -1);
     EXPECT_EQ(log_count(c.line), 1);
     EXPECT_EQ(channel_rows(), c.channels);
     EXPECT_EQ(bss_rows(), c.bss);
     EXPECT_EQ(log_count("mutex unlocked [process_scan_result] \n"), 1);
 
     fake.fail_debug_call = -1;
-    EXPECT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
+    EXPECT_EQ(report(), 0);
     EXPECT_EQ(channel_rows(), (rows{{"1"}, {"6"}}));
     EXPECT_EQ(bss_rows().size(), 1 + c.report[1].neighbours.size());
 }

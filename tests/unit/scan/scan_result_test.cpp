@@ -23,19 +23,18 @@ class scan_result_test : public scan_test
     {
         scan_test::SetUp();
         ASSERT_EQ(create_scan_db_2g(), 0);
-        radio_with_vap0(0);
         fake.report = {channel(1, 2), channel(6, 0), channel(11, 1, 250)};
     }
 };
 
 TEST_F(scan_result_test, full_scan_writes_every_channel)
 {
-    EXPECT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
-    EXPECT_EQ(query(db2g(), "SELECT CHANNEL, NBSS, RSSI, MINRSSI, CH_LOAD FROM CHANNEL_DETAILS ORDER BY CHANNEL"),
-              (rows{{"1", "2", "-89", "-89", "20"}, {"6", "0", "-84", "-84", "20"}, {"11", "1", "-79", "-79", "100"}}));
-    // Every statistic lands in its own column.
-    EXPECT_EQ(query(db2g(), "SELECT * FROM CHANNEL_DETAILS WHERE CHANNEL=6"),
-              (rows{{"6", "0", "-84", "-84", "-100", "20", "-36", "3", "16"}}));
+    EXPECT_EQ(report(), 0);
+    // Every statistic lands in its own column; a load above 100 is stored as 100.
+    EXPECT_EQ(query(db2g(), "SELECT * FROM CHANNEL_DETAILS ORDER BY CHANNEL"),
+              (rows{{"1", "2", "-89", "-89", "-100", "20", "-31", "3", "11"},
+                    {"6", "0", "-84", "-84", "-100", "20", "-36", "3", "16"},
+                    {"11", "1", "-79", "-79", "-100", "100", "-41", "3", "21"}}));
     EXPECT_EQ(query(db2g(), "SELECT MAC, CHANNEL, RSSI FROM SCANNED_AP_DETAILS ORDER BY MAC"),
               (rows{{"02:00:01:00:00:10", "1", "-60"},
                     {"02:00:01:00:01:10", "1", "-61"},
@@ -52,7 +51,7 @@ TEST_F(scan_result_test, full_scan_writes_every_channel)
 
 TEST_F(scan_result_test, batch_scan_touches_only_its_channel)
 {
-    ASSERT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
+    ASSERT_EQ(report(), 0);
     query(db2g(), "UPDATE CHANNEL_DETAILS SET NBSS=99; UPDATE SCANNED_AP_DETAILS SET RSSI=1;");
     fake.report = {channel(1, 2), channel(6, 1), channel(11, 1)};
     fake.debug_calls.clear();
@@ -91,11 +90,11 @@ TEST_P(neighbour_buffer_test, grows_when_the_driver_needs_it)
     // Requests: the first read, the statistics, then the neighbours.
     if (c.answer7)
         fake.answer7_debug_call = 2;
-    ASSERT_EQ(process_scan_result(0, "wifi0vap0", 0), 0);
+    ASSERT_EQ(report(), 0);
     std::vector<uint32_t> lengths; // of the requests with a neighbour buffer
-    for (const auto& r : fake.debug_calls)
-        if (r.nbr_length)
-            lengths.push_back(r.nbr_length);
+    for (uint32_t length : fake.debug_calls)
+        if (length)
+            lengths.push_back(length);
     EXPECT_EQ(lengths, c.lengths);
     EXPECT_EQ(log_count("channel:36, neighbour count:"), c.lengths.size() > 1 ? 1 : 0);
     char count[32];

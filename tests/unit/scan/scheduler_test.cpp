@@ -47,14 +47,14 @@ void expect_next(int radio, eloop_timeout_handler handler, intptr_t ctx2, long s
                 secs, 1);
 }
 
+// Rogue-AP detection per radio; each band reads its own radio's setting.
 void set_rogue(int wlan0, int wlan1, int wlan2)
 {
-    char text[512];
-    snprintf(text, sizeof text,
-             "system:wlanSettings:wlanSettingTable:wlan0:rogueApDetection %d\n"
-             "system:wlanSettings:wlanSettingTable:wlan1:rogueApDetection %d\n"
-             "system:wlanSettings:wlanSettingTable:wlan2:rogueApDetection %d\n",
-             wlan0, wlan1, wlan2);
+    const int on[3] = {wlan0, wlan1, wlan2};
+    std::string text;
+    for (int w = 0; w < 3; ++w)
+        text += "system:wlanSettings:wlanSettingTable:wlan" + std::to_string(w) + ":rogueApDetection " +
+                std::to_string(on[w]) + "\n";
     testutil::write_file(testutil::at("/tmp/run/config"), text);
 }
 
@@ -66,10 +66,9 @@ class scheduler_test : public scan_test
         scan_test::SetUp();
         testutil::write_file(testutil::at("/usr/sbin/wifitool"),
                              "#!/bin/sh\necho \"$@\" >> " + testutil::at("/tmp/wifitool_runs") + "\n", 0755);
+        testutil::write_file(testutil::at("/usr/local/bin/ifconfig"), "#!/bin/sh\n", 0755);
         set_rogue(1, 1, 1);
-        for (int r = 0; r < 3; ++r)
-            radio_with_vap0(r);
-        fake.report = {fake_channel{}};
+        fake.report = {acs_channel{}};
         fake.report[0].ieee_chan = 36;
         fake.chan_info = {36, 40};
     }
@@ -77,12 +76,14 @@ class scheduler_test : public scan_test
 
 TEST_F(scheduler_test, rogue_check_repeats_while_disabled)
 {
-    set_rogue(0, 0, 0);
     ft_enabled_vaps() = 0x7; // 802.11r plays no part in the first start
-    rogue_ap_check_5gl(0, 0);
-    expect_next(1, rogue_ap_check_5gl, 0, 5);
-    rogue_ap_check_5gl(0, 0);
-    expect_next(1, rogue_ap_check_5gl, 0, 5);
+    for (int r = 0; r < 3; ++r) {
+        set_rogue(r != 0, r != 1, r != 2); // only this band's radio has it off
+        for (int check = 0; check < 2; ++check) {
+            band_of[r].rogue(0, 0);
+            expect_next(r, band_of[r].rogue, 0, 5);
+        }
+    }
     EXPECT_EQ(log_count("Rogue AP enabled"), 0);
 }
 
@@ -101,7 +102,7 @@ TEST_F(scheduler_test, radio_up_creates_database_and_draws_delay)
 // What a scan handler meets, set up before it runs.
 using condition = void (*)();
 const condition none = [] {};
-const condition no_rogue = [] { set_rogue(0, 0, 0); };
+const condition no_rogue = [] { set_rogue(1, 0, 1); }; // for wifi1
 const condition no_vap = [] { // wifi1's VAPs down, the fallback up
     for (int m = 0; m < 10; ++m)
         fake.ifaces["wifi1vap" + std::to_string(m)] = DOWN;
@@ -156,18 +157,18 @@ class full_scan_test : public scheduler_test, public ::testing::WithParamInterfa
 TEST_P(full_scan_test, leaves_one_timer)
 {
     const full_case& c = GetParam();
-    testutil::write_file(testutil::at("/usr/local/bin/ifconfig"), "#!/bin/sh\n", 0755);
     c.setup();
     band_of[c.radio].full(0, c.radio);
     expect_next(c.radio, c.next ? c.next : band_of[c.radio].full, c.radio, c.secs);
     EXPECT_EQ(log_count(c.log_line), 1);
+    EXPECT_EQ(log_count("bad radio index"), 0); // the context names the band's radio
     ASSERT_EQ(sleeps.size(), c.sleeps);
     if (c.sleeps) {
         EXPECT_EQ(sleeps[0].seconds, 10u);
         EXPECT_TRUE(sleeps[0].marker[c.radio]); // written while the results are read
     }
     EXPECT_FALSE(testutil::exists(paths::scan_db_markers[c.radio]));
-    EXPECT_EQ(fake.param_gets.size(), c.asks_cac ? 1u : 0u);
+    EXPECT_EQ(fake.param_gets, c.asks_cac ? std::vector<std::string>{"wifi1vap0 310"} : std::vector<std::string>{});
 }
 
 // A context that names no radio is reported, and the band's own radio scans.
@@ -187,8 +188,7 @@ TEST_F(scheduler_test, full_scan_success_learns_channels)
     const growable_array<int32_t>& channels = scanning().scan_chan_list[1];
     EXPECT_EQ(std::vector<int32_t>(channels.begin(), channels.end()), (std::vector<int32_t>{36, 40}));
     EXPECT_EQ(testutil::read_file(testutil::at("/tmp/wifitool_runs")), "wifi1vap0 setchanlist 0\n");
-    ASSERT_EQ(fake.param_sets.size(), 1u);
-    EXPECT_STREQ(fake.param_sets[0].name, "wifi1vap0");
+    EXPECT_EQ(fake.param_sets, std::vector<std::string>{"wifi1vap0 318=4"}); // the ACS scan started
     EXPECT_EQ(query(testutil::at("/tmp/scan_db_5g"), "SELECT CHANNEL FROM CHANNEL_DETAILS"), (rows{{"36"}}));
 }
 
@@ -202,7 +202,11 @@ struct batch_case : named_case {
 
 const batch_case batch_cases[] = {
     {"skip_2g_voice", 0, voice, 10, "[dorvand] trigger_2g_batch_scan: Skipping the scan for wifi0 [1:0]\n"},
+    {"skip_2g_no_rogue", 0, [] { set_rogue(0, 1, 1); }, 10,
+     "[dorvand] trigger_2g_batch_scan: Skipping the scan for wifi0 [0:0]\n"},
     {"skip_5g_no_rogue", 1, no_rogue, 10, "[dorvand] trigger_5gl_batch_scan: Skipping the scan for wifi1 [0:0] \n"},
+    {"skip_5gh_no_rogue", 2, [] { set_rogue(1, 1, 0); }, 10,
+     "[dorvand] trigger_5gh_batch_scan: Skipping the scan for wifi2 [0:0] \n"},
     {"skip_5g_fallback", 1, no_vap, 10, "[dorvand] trigger_5gl_batch_scan: Skipping the scan for wifi1 [1:0] \n"},
     {"cac_5g", 1, cac, 60,
      "[dorvand] trigger_5gl_batch_scan: CAC timer running on the interface wifi1vap0, holding the scan trigger\n"},
@@ -217,7 +221,6 @@ class batch_scan_test : public scheduler_test, public ::testing::WithParamInterf
 TEST_P(batch_scan_test, reads_nothing_and_leaves_one_timer)
 {
     const batch_case& c = GetParam();
-    testutil::write_file(testutil::at("/usr/local/bin/ifconfig"), "#!/bin/sh\n", 0755);
     scanning().scan_chan_list[c.radio].clear();
     ASSERT_TRUE(scanning().scan_chan_list[c.radio].push_back(1));
     c.setup();
