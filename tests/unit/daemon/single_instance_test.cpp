@@ -1,9 +1,14 @@
 // One daemon at a time, where the end-to-end recovery tests cannot reach: a
-// pid file that cannot be emptied, and event sockets that only look live.
+// pid file that cannot be emptied, and event sockets that only look live;
+// and the whole life of a daemon started from a test: detached, alone, and
+// gone with its files on signal 10.
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include <cstring>
 #include <string>
@@ -80,6 +85,37 @@ TEST_P(served_socket_test, OnlyRootsOwnLiveSocketCounts)
     pid_t holder = -1;
     EXPECT_EQ(other_daemon_running(&holder), c.running);
     EXPECT_EQ(holder, 0);
+}
+
+TEST_F(single_instance_test, DetachedDaemonRunsAloneAndLeavesNothingOnSignal10)
+{
+    testutil::write_file(paths::key_holders, std::string(16, '\0'));
+    pid_t starter = fork();
+    if (starter == 0)
+        _exit(daemon_main());  // daemon() ends the starter with 0 and goes on in its child
+    int status = -1;
+    ASSERT_EQ(waitpid(starter, &status, 0), starter);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    pid_t pid = 0;
+    ASSERT_TRUE(testutil::eventually([&] { return testutil::log_count("[dorvand] invoke_threads()\n") == 1; }));
+    ASSERT_TRUE(testutil::eventually([&] { return other_daemon_running(&pid) && pid > 0 && testutil::exists(paths::event_socket); }));
+    std::string text = std::to_string(pid) + "\n";
+    EXPECT_EQ(testutil::read_file(paths::pid_file), text + std::string(8 - text.size(), '\0'));
+    struct stat st {};
+    EXPECT_TRUE(stat(paths::pid_file, &st) == 0 && (st.st_mode & 07777) == 0200) << std::oct << st.st_mode;
+    EXPECT_EQ(testutil::log_count("[dorvand] daemon_pid = " + text.substr(0, text.size() - 1) + " | " + text), 1);
+    // A second one, started while the first runs, changes nothing.
+    EXPECT_EXIT(_exit(daemon_main()), testing::ExitedWithCode(1),
+                "Another dorvand \\(pid " + std::to_string(pid) + "\\) holds .*dorvand.pid: not started");
+
+    ASSERT_EQ(kill(pid, 10), 0);
+    bool ended = testutil::eventually([] { return testutil::log_count("[dorvand] Exiting from daemon\n") == 1; });
+    if (!ended)
+        kill(pid, SIGKILL);
+    ASSERT_TRUE(ended);
+    for (const char* gone : {paths::pid_file, paths::event_socket, paths::key_holders})
+        EXPECT_FALSE(testutil::exists(gone)) << gone;
+    EXPECT_TRUE(testutil::eventually([&] { return !other_daemon_running(&pid); }));
 }
 
 INSTANTIATE_TEST_SUITE_P(daemon, served_socket_test, ::testing::ValuesIn(socket_cases),

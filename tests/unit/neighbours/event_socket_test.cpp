@@ -1,8 +1,14 @@
 // Neighbour events: each type applied through handle_neighbour_event, short
 // and unknown datagrams, events for radios without a table, and the socket.
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <csignal>
+#include <cstring>
 
 #include <string>
 
@@ -68,6 +74,65 @@ TEST_F(event_socket_test, SocketReplacesAStaleFileAndReportsBindFailure)
     ASSERT_EQ(mkdir(sock.c_str(), 0755), 0);  // cannot be unlinked, so the bind fails
     EXPECT_EQ(open_event_socket(), -1);
     EXPECT_EQ(log_count(" Bind failed with return value [98|Address already in use]\n"), 1);
+}
+
+// Sends `len` bytes of `bytes` to the event socket as `uid` (root alone may
+// act as another user); false when it could not be sent.
+bool send_as(uid_t uid, const uint8_t* bytes, size_t len)
+{
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, testutil::at("/tmp/roam_sock").c_str(), sizeof addr.sun_path - 1);
+    auto send = [&] {
+        int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+        bool sent = sendto(fd, bytes, len, 0, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == ssize_t(len);
+        close(fd);
+        return sent;
+    };
+    if (uid == geteuid())
+        return send();
+    pid_t pid = fork();
+    if (pid == 0)
+        _exit(setuid(uid) == 0 && send() ? 0 : 1);
+    int status = -1;
+    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// The thread serves the socket in a child process (it never ends): only
+// root's datagrams are applied, whatever the socket's mode; an empty one
+// changes nothing.
+TEST_F(event_socket_test, ThreadAppliesOnlyRootsDatagrams)
+{
+    pid_t server = fork();
+    if (server == 0) {
+        event_socket_thread(nullptr);
+        _exit(1);
+    }
+    const std::string sock = testutil::at("/tmp/roam_sock");
+    struct stat st {};
+    ASSERT_TRUE(testutil::eventually([&] { return stat(sock.c_str(), &st) == 0 && (st.st_mode & 0777) == 0600; }));
+    const uint8_t event[9] = {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50, KH_ADDITION, 0, 0};
+    const bool root = geteuid() == 0;
+    EXPECT_TRUE(send_as(geteuid(), event, sizeof event));
+    EXPECT_TRUE(send_as(geteuid(), event, 0));
+    if (root) {
+        ASSERT_EQ(chmod(sock.c_str(), 0666), 0);
+        EXPECT_TRUE(send_as(65534, event, sizeof event));
+    }
+    // One wait before each datagram and after the last.
+    bool served = testutil::eventually([&] { return log_count("Waiting for events from  pxlmd\n") == (root ? 4 : 3); });
+    kill(server, SIGKILL);
+    waitpid(server, nullptr, 0);
+    ASSERT_TRUE(served);
+    const std::string dropped = " dropped: only root may send events\n";
+    if (root) {
+        EXPECT_EQ(file_macs(), (std::vector<mac_t>{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}}));
+        EXPECT_EQ(log_count("no data \n"), 1);
+        EXPECT_EQ(log_count("[dorvand] Event from uid 65534" + dropped), 1);
+    } else {
+        EXPECT_EQ(log_count("[dorvand] Event from uid " + std::to_string(geteuid()) + dropped), 2);
+        EXPECT_FALSE(testutil::exists(testutil::at("/var/roam_key_holders")));
+    }
 }
 
 }  // namespace

@@ -43,6 +43,14 @@ TEST_F(known_ap_test, LoadTakesTheRadiosLinesAndOnlyAdds)
     load_known_aps(neighbours().known_ap_tables[0], "wlan0");
     EXPECT_EQ(table_rows(0), want);
     EXPECT_EQ(log_count("Duplicate entry at"), 5);
+
+    // The reload before a scan: each radio its own lines, the table printed
+    // under its name.
+    reload_known_ap_table(1);
+    EXPECT_EQ(log_count("\t\thash table for wlan1 \n"), 1);
+    EXPECT_EQ(table_rows(1), std::vector<std::string>{row("0a:1b:2c:3d:4e:6f", "Yes", "TRM")});
+    reload_known_ap_table(0);
+    EXPECT_EQ(log_count("Duplicate entry at"), 10);
 }
 
 // Entries the file may hold in other spellings: MACs in upper case or split
