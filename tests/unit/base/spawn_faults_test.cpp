@@ -145,6 +145,10 @@ void check_ordinary_children()
 TEST_F(spawn_fault_test, ordinary_children)
 {
     check_ordinary_children();
+    // A second of silence is not the end of the output.
+    std::string out;
+    EXPECT_EQ(shell_read("sleep 1.2; printf late", out), 0);
+    EXPECT_EQ(out, "late");
 }
 
 // Without pidfds the wait naps instead: the status, the output and the

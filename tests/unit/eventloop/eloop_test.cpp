@@ -94,6 +94,24 @@ TEST_F(eloop_test, OrderSurvivesTickCounterWrap)
     EXPECT_EQ(eloop.timers.back().ctx1, 2);
 }
 
+// Seconds and microseconds in ticks; a loop used before eloop_init says so
+// and counts 100 ticks a second.
+TEST_F(eloop_test, TimerDelayInTicksEvenBeforeInit)
+{
+    for (int rate : {static_cast<int>(eloop.ticks_per_sec), 0}) {
+        SCOPED_TRACE(rate);
+        eloop_init(0);
+        eloop.ticks_per_sec = rate;
+        uint32_t before = eloop_now_ticks();
+        eloop_add_timer(2, 509999, record_b, 1, 0);
+        uint32_t after = eloop_now_ticks();
+        ASSERT_EQ(eloop.timers.size(), 1u);
+        EXPECT_GE(eloop.timers.front().expiry - before, 250u);
+        EXPECT_LE(eloop.timers.front().expiry - after, 250u);
+        EXPECT_EQ(testutil::log_count("[ DORVAND ]  Ticks Not Updated\n"), rate ? 0 : 1);
+    }
+}
+
 TEST_F(eloop_test, CancelRemovesOnlyTimersWhoseHandlerAndContextsMatch)
 {
     struct cancel_case {
