@@ -69,6 +69,16 @@ TEST_F(eloop_test, ExpiryThenRegistrationOrderThenLoopEnds)
     eloop_run();
     EXPECT_EQ(fired, (std::vector<std::string>{"b7", "b3", "a1:0", "a2:0", "b2"}));
     EXPECT_TRUE(eloop.timers.empty());
+
+    // Many more than the table first has room for, added latest first.
+    std::vector<std::string> want;
+    for (int tick = 20; tick > 0; --tick)
+        eloop_add_timer(0, 10000 * tick, record_b, tick, 0);
+    for (int tick = 1; tick <= 20; ++tick)
+        want.push_back("b" + std::to_string(tick));
+    fired.clear();
+    eloop_run();
+    EXPECT_EQ(fired, want);
 }
 
 TEST_F(eloop_test, TimerOverdueWhenTheLoopStartsRunsAtOnce)
