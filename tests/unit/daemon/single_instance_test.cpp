@@ -87,15 +87,21 @@ TEST_P(served_socket_test, OnlyRootsOwnLiveSocketCounts)
     EXPECT_EQ(holder, 0);
 }
 
+// Starts daemon_main in a child, as the init script would: true when the
+// child ended with 0, as daemon() ends it, going on in a child of its own.
+bool start_daemon()
+{
+    pid_t starter = fork();
+    if (starter == 0)
+        _exit(daemon_main());
+    int status = -1;
+    return waitpid(starter, &status, 0) == starter && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
 TEST_F(single_instance_test, DetachedDaemonRunsAloneAndLeavesNothingOnSignal10)
 {
     testutil::write_file(paths::key_holders, std::string(16, '\0'));
-    pid_t starter = fork();
-    if (starter == 0)
-        _exit(daemon_main());  // daemon() ends the starter with 0 and goes on in its child
-    int status = -1;
-    ASSERT_EQ(waitpid(starter, &status, 0), starter);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    ASSERT_TRUE(start_daemon());
     pid_t pid = 0;
     ASSERT_TRUE(testutil::eventually([&] { return testutil::log_count("[dorvand] invoke_threads()\n") == 1; }));
     ASSERT_TRUE(testutil::eventually([&] { return other_daemon_running(&pid) && pid > 0 && testutil::exists(paths::event_socket); }));
@@ -116,6 +122,17 @@ TEST_F(single_instance_test, DetachedDaemonRunsAloneAndLeavesNothingOnSignal10)
     for (const char* gone : {paths::pid_file, paths::event_socket, paths::key_holders})
         EXPECT_FALSE(testutil::exists(gone)) << gone;
     EXPECT_TRUE(testutil::eventually([&] { return !other_daemon_running(&pid); }));
+}
+
+// Without its event-loop thread the daemon has nothing to run: it says so
+// and ends by itself.
+TEST_F(single_instance_test, DaemonWithoutItsEventLoopThreadEnds)
+{
+    dorvfault::arm("thread nth=3 errno=EAGAIN", true);  // after the signal and 802.11r threads; fires in the daemon
+    ASSERT_TRUE(start_daemon());
+    ASSERT_TRUE(testutil::eventually([] { return testutil::log_count("daemon exited\n") == 1; }));
+    EXPECT_EQ(testutil::log_count("Failed to create the thread [11 | Resource temporarily unavailable ]\n"), 1);
+    EXPECT_EQ(testutil::log_count("[dorvand] pthread_join failed[3|No such process] \n"), 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(daemon, served_socket_test, ::testing::ValuesIn(socket_cases),
