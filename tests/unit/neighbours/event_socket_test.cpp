@@ -41,7 +41,8 @@ TEST_F(event_socket_test, ApDeletionRemovesDerivedKeyHoldersAndAlwaysRunsTheScri
     ASSERT_EQ(script_runs(), 3);
     // Radio 1's key holder brings 4E:40, 4E:50 and 4E:60: only the first is new.
     const std::string key = "ap2_macaddr_wifi0vap0=", n = " 0A:1B:2C:3D:4E:", o = " 0A:1B:2C:3D:4F:";
-    EXPECT_EQ(file_text("/tmp/ap2_macaddr.txt"), key + (n + "50" + n + "60" + n + "70" + n + "40" + o + "51" + o + "71" + o + "91\n").substr(1));
+    EXPECT_EQ(file_text("/tmp/ap2_macaddr.txt"),
+              key + (n + "50" + n + "60" + n + "70" + n + "40" + o + "51" + o + "71" + o + "91\n").substr(1));
 
     send_event(neighbour, AP_DELETION, 0, 0);
     const mac_t other_kh = {0x0A, 0x1B, 0x2C, 0x3D, 0x4F, 0x6F};
