@@ -15,7 +15,6 @@ namespace {
 using testutil::at;
 using testutil::exists;
 using testutil::log_count;
-using testutil::read_file;
 using testutil::script_runs;
 using opt_text = std::optional<std::string>;
 

@@ -8,7 +8,6 @@
 namespace {
 
 using testutil::log_count;
-using testutil::read_file;
 using testutil::script_runs;
 
 class kh_list_test : public neighbours_test {};
