@@ -110,8 +110,16 @@ bool send_as(uid_t uid, const uint8_t* bytes, size_t len)
 // changes nothing.
 TEST_F(event_socket_test, ThreadAppliesOnlyRootsDatagrams)
 {
-    pid_t server = fork();
-    if (server == 0) {
+    struct server {
+        pid_t pid = fork();
+        ~server()
+        {
+            if (pid > 0)
+                kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
+        }
+    } s;
+    ASSERT_GE(s.pid, 0);
+    if (s.pid == 0) {
         event_socket_thread(nullptr);
         _exit(1);
     }
@@ -127,10 +135,7 @@ TEST_F(event_socket_test, ThreadAppliesOnlyRootsDatagrams)
         EXPECT_TRUE(send_as(65534, event, sizeof event));
     }
     // One wait before each datagram and after the last.
-    bool served = testutil::eventually([&] { return log_count("Waiting for events from  pxlmd\n") == (root ? 4 : 3); });
-    kill(server, SIGKILL);
-    waitpid(server, nullptr, 0);
-    ASSERT_TRUE(served);
+    ASSERT_TRUE(testutil::eventually([&] { return log_count("Waiting for events from  pxlmd\n") == (root ? 4 : 3); }));
     const std::string dropped = " dropped: only root may send events\n";
     if (root) {
         EXPECT_EQ(file_macs(), (std::vector<mac_t>{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}}));
