@@ -99,8 +99,8 @@ bool start_daemon()
     return waitpid(starter, &status, 0) == starter && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-// The pid a started daemon logs (0 before it has); killed with its process
-// when the test ends before the daemon did.
+// The pid a started daemon logs (0 before it has): the daemon is killed
+// when the test ends before it is seen to end.
 struct started_daemon {
     pid_t pid = 0;
     ~started_daemon()
@@ -150,7 +150,10 @@ TEST_F(single_instance_test, DaemonWithoutItsEventLoopThreadEnds)
 {
     dorvfault::arm("thread nth=3 errno=EAGAIN", true);  // after the signal and 802.11r threads; fires in the daemon
     ASSERT_TRUE(start_daemon());
+    started_daemon d;
+    ASSERT_TRUE(testutil::eventually([&] { return d.logged(); }));
     ASSERT_TRUE(testutil::eventually([] { return testutil::log_count("daemon exited\n") == 1; }));
+    d.pid = 0;
     EXPECT_EQ(testutil::log_count("Failed to create the thread [11 | Resource temporarily unavailable ]\n"), 1);
     EXPECT_EQ(testutil::log_count("[dorvand] pthread_join failed[3|No such process] \n"), 1);
 }
