@@ -145,17 +145,28 @@ TEST_F(single_instance_test, DetachedDaemonRunsAloneAndLeavesNothingOnSignal10)
 }
 
 // Without its event-loop thread the daemon has nothing to run: it says so
-// and ends by itself.
-TEST_F(single_instance_test, DaemonWithoutItsEventLoopThreadEnds)
+// and ends by itself. Without the event-socket thread it runs on.
+TEST_F(single_instance_test, DaemonMissingAThread)
 {
-    dorvfault::arm("thread nth=3 errno=EAGAIN", true);  // after the signal and 802.11r threads; fires in the daemon
-    ASSERT_TRUE(start_daemon());
-    started_daemon d;
-    ASSERT_TRUE(testutil::eventually([&] { return d.logged(); }));
-    ASSERT_TRUE(testutil::eventually([] { return testutil::log_count("daemon exited\n") == 1; }));
-    d.pid = 0;
-    EXPECT_EQ(testutil::log_count("Failed to create the thread [11 | Resource temporarily unavailable ]\n"), 1);
-    EXPECT_EQ(testutil::log_count("[dorvand] pthread_join failed[3|No such process] \n"), 1);
+    for (int nth : {3, 4}) {  // after the signal and 802.11r threads: the event-loop, the event-socket thread
+        SCOPED_TRACE(nth);
+        testutil::reset_sandbox();
+        dorvfault::handle h = dorvfault::arm("thread nth=" + std::to_string(nth) + " errno=EAGAIN", true);
+        ASSERT_TRUE(start_daemon());  // the rule fires in the daemon's copy of it
+        dorvfault::disarm(h);
+        started_daemon d;
+        ASSERT_TRUE(testutil::eventually([&] { return d.logged(); }));
+        ASSERT_TRUE(testutil::eventually([] {
+            return testutil::log_count("Failed to create the thread [11 | Resource temporarily unavailable ]\n") == 1;
+        }));
+        if (nth == 4) {
+            ASSERT_EQ(kill(d.pid, 10), 0);
+        }
+        const std::string end = nth == 3 ? "daemon exited\n" : "[dorvand] Exiting from daemon\n";
+        ASSERT_TRUE(testutil::eventually([&] { return testutil::log_count(end) == 1; }));
+        d.pid = 0;
+        EXPECT_EQ(testutil::log_count("[dorvand] pthread_join failed[3|No such process] \n"), nth == 3 ? 1 : 0);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(daemon, served_socket_test, ::testing::ValuesIn(socket_cases),
