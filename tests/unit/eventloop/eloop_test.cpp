@@ -161,6 +161,16 @@ TEST_F(eloop_test, SocketOutsideTheSelectSetIsRefused)
     EXPECT_EQ(eloop.reader_count, 0);
 }
 
+TEST_F(eloop_test, UnregisteredReaderIsNotCalledAndTheOtherIs)
+{
+    ready_pipes();
+    eloop_register_read_sock(fds_[0], reader, 1, 0);
+    eloop_register_read_sock(fds_[2], reader, 2, 0);
+    eloop_unregister_read_sock(fds_[0]);
+    eloop_run();
+    EXPECT_EQ(fired, std::vector<std::string>{"r2"});
+}
+
 // A handler that unregisters another reader that is ready in the same pass:
 // the removed one is never called (the pass must not go on from the table as
 // it was before the handler ran).
