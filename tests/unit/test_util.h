@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <string>
 #include <vector>
 
@@ -39,6 +41,16 @@ int log_count(const std::string& needle);
 // one line to /tmp/script_runs per run (both under the test root).
 void install_fake_script();
 int script_runs();
+
+// Polls `done` every 10 ms for up to 20 s: a bound for a loaded machine
+// while another process or thread gets there, never a timing under test.
+template <typename Pred>
+bool eventually(Pred done)
+{
+    for (int i = 0; i < 2000 && !done(); ++i)
+        usleep(10000);
+    return done();
+}
 
 }  // namespace testutil
 

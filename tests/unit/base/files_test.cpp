@@ -1,5 +1,6 @@
-// The daemon's own files: what open_checked refuses, and appends and
-// replacements that leave no half-written file behind.
+// The daemon's own files: what open_checked refuses, and an append that is
+// discarded. The key-holder files' tests cover the rest of the appends and
+// replacements, through their faults.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,7 +11,6 @@
 #include "base/files.h"
 #include "test_util.h"
 
-using testutil::exists;
 using testutil::read_file;
 using testutil::write_file;
 
@@ -19,9 +19,7 @@ namespace {
 class files_test : public sandbox_test {
 protected:
     const std::string records_ = testutil::at("/tmp/records");
-    const std::string records_tmp_ = testutil::at("/tmp/records.tmp");
     const char* const path = records_.c_str();
-    const char* const tmp_path = records_tmp_.c_str();
 };
 
 // A link of `make`'s kind at `path` to a file of the test's own.
@@ -73,17 +71,6 @@ TEST_F(files_test, OpenCheckedRefusesWhatTheDaemonMustNotWrite)
     }
 }
 
-TEST_F(files_test, AppendStartsAfterTheLastWholeRecord)
-{
-    write_file(path, "0123456789abcdefTORN");
-    append_file f;
-    ASSERT_TRUE(f.open(path));
-    f.trim_to_records(16);
-    fputs("ghijklmnopqrstuv", f.get());
-    ASSERT_TRUE(f.close());
-    EXPECT_EQ(read_file(path), "0123456789abcdefghijklmnopqrstuv");
-}
-
 TEST_F(files_test, DiscardedAppendLeavesTheFileAsOpened)
 {
     write_file(path, "abc");
@@ -93,34 +80,6 @@ TEST_F(files_test, DiscardedAppendLeavesTheFileAsOpened)
     fflush(f.get());  // already in the file: discard must cut it off again
     f.discard();
     EXPECT_EQ(read_file(path), "abc");
-}
-
-TEST_F(files_test, UncommittedReplacementRemovesItsTemporaryFile)
-{
-    write_file(path, "old");
-    {
-        replace_file f(tmp_path, path);
-        ASSERT_TRUE(f.open());
-        fputs("new", f.get());
-    }
-    EXPECT_EQ(read_file(path), "old");
-    EXPECT_FALSE(exists(tmp_path));
-}
-
-// A directory planted at the target: the rename fails, the temporary file
-// goes and what is there stays.
-TEST_F(files_test, FailedRenameRemovesTheTemporaryFile)
-{
-    ASSERT_EQ(mkdir(path, 0755), 0);
-    replace_file f(tmp_path, path);
-    ASSERT_TRUE(f.open());
-    fputs("new", f.get());
-    errno = 0;
-    EXPECT_FALSE(f.commit());
-    EXPECT_EQ(errno, EISDIR);
-    EXPECT_FALSE(exists(tmp_path));
-    struct stat st {};
-    EXPECT_TRUE(stat(path, &st) == 0 && S_ISDIR(st.st_mode));
 }
 
 }  // namespace

@@ -70,7 +70,8 @@ TEST_F(log_fault_test, level_limit_and_unformattable_messages)
     log_msg(0, log_lvl::note, "kept");
     // A wide character the C locale cannot convert: nothing to write.
     log_msg(0, log_lvl::error, "%ls", L"caf\u00e9");
-    EXPECT_EQ(lines(path()), "[NOTE ] : kept\n");
+    log_msg(0, log_lvl::error, "%s", "");  // an empty message is still a line
+    EXPECT_EQ(lines(path()), "[NOTE ] : kept\n[ERROR] : \n");
 }
 
 // A failed write adds nothing to the running size: the next line does not
@@ -83,6 +84,13 @@ TEST_F(log_fault_test, failed_write_leaves_size_and_file)
     log_msg(0, log_lvl::error, "second");
     EXPECT_EQ(dorvfault::fired(h), 1u);
     EXPECT_EQ(lines(path()), "[ERROR] : second\n");
+    EXPECT_FALSE(exists(path() + ".0"));
+
+    // A fresh start without the file counts from nothing again.
+    ASSERT_EQ(unlink(path().c_str()), 0);
+    log_reset_running_size();
+    log_msg(0, log_lvl::error, "fresh");
+    EXPECT_EQ(lines(path()), "[ERROR] : fresh\n");
     EXPECT_FALSE(exists(path() + ".0"));
 }
 

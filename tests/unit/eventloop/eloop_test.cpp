@@ -69,6 +69,16 @@ TEST_F(eloop_test, ExpiryThenRegistrationOrderThenLoopEnds)
     eloop_run();
     EXPECT_EQ(fired, (std::vector<std::string>{"b7", "b3", "a1:0", "a2:0", "b2"}));
     EXPECT_TRUE(eloop.timers.empty());
+
+    // Many more than the table first has room for, added latest first.
+    std::vector<std::string> want;
+    for (int tick = 20; tick > 0; --tick)
+        eloop_add_timer(0, 10000 * tick, record_b, tick, 0);
+    for (int tick = 1; tick <= 20; ++tick)
+        want.push_back("b" + std::to_string(tick));
+    fired.clear();
+    eloop_run();
+    EXPECT_EQ(fired, want);
 }
 
 TEST_F(eloop_test, TimerOverdueWhenTheLoopStartsRunsAtOnce)
@@ -92,6 +102,24 @@ TEST_F(eloop_test, OrderSurvivesTickCounterWrap)
     EXPECT_GT(eloop.timers.front().expiry, eloop.timers.back().expiry) << "the later timer wrapped past zero";
     EXPECT_EQ(eloop.timers.front().ctx1, 1);
     EXPECT_EQ(eloop.timers.back().ctx1, 2);
+}
+
+// Seconds and microseconds in ticks; a loop used before eloop_init says so
+// and counts 100 ticks a second.
+TEST_F(eloop_test, TimerDelayInTicksEvenBeforeInit)
+{
+    for (int rate : {static_cast<int>(eloop.ticks_per_sec), 0}) {
+        SCOPED_TRACE(rate);
+        eloop_init(0);
+        eloop.ticks_per_sec = rate;
+        uint32_t before = eloop_now_ticks();
+        eloop_add_timer(2, 509999, record_b, 1, 0);
+        uint32_t after = eloop_now_ticks();
+        ASSERT_EQ(eloop.timers.size(), 1u);
+        EXPECT_GE(eloop.timers.front().expiry - before, 250u);
+        EXPECT_LE(eloop.timers.front().expiry - after, 250u);
+        EXPECT_EQ(testutil::log_count("[ DORVAND ]  Ticks Not Updated\n"), rate ? 0 : 1);
+    }
 }
 
 TEST_F(eloop_test, CancelRemovesOnlyTimersWhoseHandlerAndContextsMatch)
@@ -131,6 +159,16 @@ TEST_F(eloop_test, SocketOutsideTheSelectSetIsRefused)
     EXPECT_TRUE(eloop.readers.empty());
     eloop_unregister_read_sock(5);  // not registered: nothing to remove
     EXPECT_EQ(eloop.reader_count, 0);
+}
+
+TEST_F(eloop_test, UnregisteredReaderIsNotCalledAndTheOtherIs)
+{
+    ready_pipes();
+    eloop_register_read_sock(fds_[0], reader, 1, 0);
+    eloop_register_read_sock(fds_[2], reader, 2, 0);
+    eloop_unregister_read_sock(fds_[0]);
+    eloop_run();
+    EXPECT_EQ(fired, std::vector<std::string>{"r2"});
 }
 
 // A handler that unregisters another reader that is ready in the same pass:

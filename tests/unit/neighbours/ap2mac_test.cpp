@@ -1,5 +1,6 @@
 // The ap2_macaddr file when it holds lines the daemon would not write (too
 // long, too short, full, foreign), and its rebuild from the key-holder list.
+#include <optional>
 #include <string>
 
 #include "nb_fixture.h"
@@ -37,9 +38,9 @@ TEST_F(ap2mac_test, RewriteDropsWhatItCannotKeep)
     constexpr int remove_vap = 2;  // ap2mac_remove_vap rather than a BSSID added (1) or deleted (0)
     struct rewrite_case {
         const char* name;
-        std::string before;
+        std::optional<std::string> before;  // nullopt: no file
         int op;
-        std::string after;
+        std::optional<std::string> after;
         std::string log;
     };
     const std::string full = key0 + bssids(55);  // 1011 characters: one more BSSID would pass 1022
@@ -59,6 +60,10 @@ TEST_F(ap2mac_test, RewriteDropsWhatItCannotKeep)
          "[dorvand] ap2_macaddr line full, " + bssid(0x4E, 0x60) + " not added\n"},
         {"deletion outgrowing the bound", spaced + "\n", 0, rebuilt + "\n",
          "[dorvand] ap2_macaddr line full, T dropped\n"},
+        // Deleting from a file without the VAP's line (or without the file)
+        // adds nothing.
+        {"deletion without the line", "other_setting=1234567890\n", 0, "other_setting=1234567890\n", ""},
+        {"deletion without the file", std::nullopt, 0, std::nullopt, ""},
         {"VAP line removed", "short\n" + key0 + bssid(0x4E, 0x50) + "\nap2_macaddr_wifi0vap1=" + bssid(0x4E, 0x51) + "\n",
          remove_vap, "ap2_macaddr_wifi0vap1=" + bssid(0x4E, 0x51) + "\n",
          "107 [dorvand] str:ap2_macaddr_wifi0vap1=" + bssid(0x4E, 0x51) + ", buf:ap2_macaddr_wifi0vap0\n"},
@@ -66,11 +71,12 @@ TEST_F(ap2mac_test, RewriteDropsWhatItCannotKeep)
     for (const rewrite_case& c : cases) {
         SCOPED_TRACE(c.name);
         testutil::reset_sandbox();
-        write_file(at("/tmp/ap2_macaddr.txt"), c.before);
+        if (c.before)
+            write_file(at("/tmp/ap2_macaddr.txt"), *c.before);
         EXPECT_EQ(c.op == remove_vap ? ap2mac_remove_vap("ap2_macaddr_wifi0vap0")
                                      : ap2mac_update("wifi0vap0", bssid(0x4E, 0x60).c_str(), c.op),
                   0);
-        EXPECT_EQ(read_file(at("/tmp/ap2_macaddr.txt")), c.after);
+        EXPECT_EQ(file_text("/tmp/ap2_macaddr.txt"), c.after);
         if (!c.log.empty()) {
             EXPECT_EQ(log_count(c.log), 1);
         }
@@ -85,20 +91,21 @@ TEST_F(ap2mac_test, RebuildWritesEnabledLinesFromTheList)
 {
     append_key_holder({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, 1, 0);
     append_key_holder({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x6F}, 1, 0);  // shares two BSSIDs with the first
-    write_file(at("/tmp/ap2_macaddr.txt"), "other_setting=1234567890\nshort\n" + std::string(1500, 'y') + "\n" +
-                                                key0 + bssid(0x11, 0x11) + "\n" + key0 + bssid(0x22, 0x22) + "\n" +
-                                                "ap2_macaddr_wifi0vap1=" + bssid(0x33, 0x33) + "\n");
+    board().radio_count = 2;  // a third radio's line is not the daemon's: kept
+    const std::string kept = "ap2_macaddr_wifi2vap0=x\nother_setting=1234567890\n";
+    write_file(at("/tmp/ap2_macaddr.txt"), kept + "short\n" + std::string(1500, 'y') + "\n" + key0 + bssid(0x11, 0x11) +
+                                                "\n" + key0 + bssid(0x22, 0x22) + "\n" + "ap2_macaddr_wifi0vap1=" +
+                                                bssid(0x33, 0x33) + "\n");
     ASSERT_EQ(ap2mac_rebuild(1U | 1U << 10), 0);
     const std::string line = bssid(0x4E, 0x50) + " " + bssid(0x4E, 0x60) + " " + bssid(0x4E, 0x70) + " " +
                              bssid(0x4E, 0x80) + "\n";
-    EXPECT_EQ(read_file(at("/tmp/ap2_macaddr.txt")),
-              "other_setting=1234567890\n" + key0 + line + "ap2_macaddr_wifi1vap0=" + line);
+    EXPECT_EQ(read_file(at("/tmp/ap2_macaddr.txt")), kept + key0 + line + "ap2_macaddr_wifi1vap0=" + line);
     EXPECT_FALSE(testutil::exists(at("/tmp/tmp_ap2_macaddr.txt")));
 
     // An empty list leaves the enabled VAPs' lines empty and adds none.
     free_kh_list();
     ASSERT_EQ(ap2mac_rebuild(1U | 1U << 1), 0);
-    EXPECT_EQ(read_file(at("/tmp/ap2_macaddr.txt")), "other_setting=1234567890\n" + key0 + "\n");
+    EXPECT_EQ(read_file(at("/tmp/ap2_macaddr.txt")), kept + key0 + "\n");
 }
 
 // 19 key holders give 57 BSSIDs; 55 of them fill the line to 1011

@@ -8,7 +8,6 @@
 namespace {
 
 using testutil::log_count;
-using testutil::read_file;
 using testutil::script_runs;
 
 class kh_list_test : public neighbours_test {};
@@ -93,20 +92,25 @@ TEST_F(kh_list_test, ScanMatchesOfOneKnownApAddOneKeyHolder)
 {
     const mac_t ap = {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x50};
     add_to_ht(neighbours().known_ap_tables[0], ap.data(), 1, 0, 0, 0);
+    // Two BSSIDs of one DBDR/TBTR AP on high 5 GHz channels: the scan's
+    // channel and type pick the derivation.
     scan_ap_record recs[3] = {
-        {{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x52}, 6, 0},
+        {{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x52}, 149, 1},
         {{0x11, 0x22, 0x33, 0x44, 0x55, 0x66}, 6, 0},
-        {{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x53}, 6, 0},
+        {{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x53}, 100, 6},
     };
-    match_known_aps(recs, 3, 0);
-    EXPECT_EQ(list_macs(), std::vector<mac_t>({{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}}));
+    key_holders_from_scan(recs, 3, 0);
+    EXPECT_EQ(list_macs(), std::vector<mac_t>({{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x4F}}));
     EXPECT_EQ(file_macs(), list_macs());
     EXPECT_EQ(script_runs(), 1);
+    EXPECT_EQ(log_count(" 1 | 0a:1b:2c:3d:4e:52"), 1);
+    EXPECT_EQ(log_count(" 3 | 0a:1b:2c:3d:4e:53"), 1);
     EXPECT_EQ(log_count("[dorvand] 0a-1b-2c-3d-4e-50 TRV  \n"), 2);  // the known AP's MAC, not the BSSID
-    EXPECT_EQ(log_count("0a:1b:2c:3d:4e:5f is already cached in MKH\n"), 1);
+    EXPECT_EQ(log_count(dbdr_trv), 2);
+    EXPECT_EQ(log_count("0a:1b:2c:3d:4e:4f is already cached in MKH\n"), 2);
 
     // Nothing new: no script.
-    match_known_aps(recs, 3, 0);
+    key_holders_from_scan(recs, 3, 0);
     EXPECT_EQ(script_runs(), 1);
 }
 

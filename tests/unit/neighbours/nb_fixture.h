@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -76,6 +77,13 @@ inline std::vector<unsigned char> record_of(const mac_t& mac, uint8_t active, ui
     r[14] = active;
     r[15] = family;
     return r;
+}
+
+// The text of the file at fixed path `fixed`; nullopt when there is none.
+inline std::optional<std::string> file_text(const char* fixed)
+{
+    const std::string path = testutil::at(fixed);
+    return testutil::exists(path) ? std::optional<std::string>(testutil::read_file(path)) : std::nullopt;
 }
 
 // The MACs of the whole records of /var/roam_key_holders.
