@@ -16,6 +16,7 @@ from collections import Counter
 from pathlib import Path
 
 from sim import scenario as scen
+from sim import simclock
 from sim.expect import parse_records, read_table, text_lines
 from sim.logwatch import level_of
 from sim.runner import RunResult
@@ -54,7 +55,7 @@ def _header(res: RunResult, sc) -> str:
     board = f"board {sc.board} ({sc.radio_count} radios), " if sc else ""
     lines.append(f"{board}scale {res.scale:g}: {res.daemon_seconds:.0f} daemon seconds in {res.wall:.0f} s of wall "
                  f"time, exit code {res.exit_code}")
-    lines.append(clock_line(res.clock))
+    lines.append(simclock.describe(res.clock))
     ms = res.milestones
     for band, stage in res.stages.items():
         steps = [f"{name} {ms[key]:.0f} s" for name, key in
@@ -109,14 +110,6 @@ def _script_runs(out: Path, res: RunResult) -> str:
     if len(runs) > MAX_RUNS_SHOWN:
         lines.append(f"  ... {len(runs) - MAX_RUNS_SHOWN} more runs")
     return "\n".join(lines) + "\n"
-
-
-def clock_line(c: dict) -> str:
-    """How the clock ran, one line."""
-    if c.get("kind") != "event" or "simulated" not in c:
-        return f"clock: {c.get('kind', 'affine')}, the daemon's time runs at the scale whatever it does"
-    return (f"clock: event, {c['simulated']:.0f} simulated s in {c['real']:.0f} s of wall time, held "
-            f"{c['held']:.0f} s for the sandbox's work, paced {c['paced']:.0f} s, {c['advances']} advances")
 
 
 def _run_time(d: Path, res: RunResult) -> str:

@@ -40,6 +40,14 @@ _libc = ctypes.CDLL(None, use_errno=True)
 _SYS_TGKILL = 234 if os.uname().machine == "x86_64" else 131 if os.uname().machine == "aarch64" else 268
 
 
+def describe(c: dict) -> str:
+    """How a run's clock ran (its `report()` with the `kind`), one line."""
+    if c.get("kind") != "event" or "simulated" not in c:
+        return f"clock: {c.get('kind', 'affine')}, the daemon's time runs at the scale whatever it does"
+    return (f"clock: event, {c['simulated']:.0f} simulated s in {c['real']:.0f} s of wall time, held "
+            f"{c['held']:.0f} s for the sandbox's work, paced {c['paced']:.0f} s, {c['advances']} advances")
+
+
 def _read(path: str) -> bytes | None:
     try:
         fd = os.open(path, os.O_RDONLY)
