@@ -12,7 +12,7 @@ at most `scale` simulated seconds per real second of such quiet; the threads
 whose deadline has come are kicked and time stands still again until they
 have left their waits. A thread that keeps running (a loop that never
 sleeps, a wait the clock does not see) would hold the clock forever: after
-`hold_limit` real seconds without an advance the clock paces instead (one
+`hold_limit` real seconds held without a quiet look the clock paces instead (one
 simulated second per real second up to the next deadline) and warns once
 per process and call.
 """
@@ -272,7 +272,7 @@ class EventClock:
     def _run(self) -> None:
         before = None
         last = time.monotonic()
-        last_advance = last
+        held_since = None  # real time at which the clock began to be held
         budget = 0.0
         n = 0
         while not self._stop.is_set():
@@ -287,7 +287,11 @@ class EventClock:
             quiet = before is not None and look.keys() == before.keys() and all(
                 s[0] in ASLEEP and before[k][:2] == s[:2] for k, s in look.items())
             before = look
-            paced = not quiet and t - last_advance > self.hold_limit
+            if quiet:
+                held_since = None
+            elif held_since is None:
+                held_since = t
+            paced = not quiet and t - held_since > self.hold_limit
             if not quiet and not paced:
                 self.stats["held"] += dt
                 budget = 0.0
@@ -296,8 +300,6 @@ class EventClock:
                 now, offset = struct.unpack_from("<qq", self._m, 16)
                 nxt = self._next(now, offset)
                 if nxt == "due":
-                    if paced:
-                        last_advance = t
                     continue
                 if paced:
                     self._tell_holders(look)
@@ -314,7 +316,6 @@ class EventClock:
                 self._write(now=target)
                 budget = max(0.0, budget - (target - now)) if not paced else 0.0
                 self.stats["advances"] += 1
-                last_advance = t
                 for tid, pid, deadline, wall, _ in self._slots():
                     if (deadline - offset if wall else deadline) <= target:
                         self._kick(pid, tid)

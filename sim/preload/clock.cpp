@@ -5,6 +5,7 @@
 // faster than real time, its waits (sleep, select, poll) are cut by the
 // same factor, and the monotonic clock stays real.
 #include <poll.h>
+#include <pthread.h>
 #include <sys/select.h>
 #include <sys/time.h>
 #include <sys/times.h>
@@ -107,6 +108,33 @@ int event_select(int nfds, fd_set* rd, fd_set* wr, fd_set* ex, int64_t deadline,
             return f(nfds, rd, wr, ex, t, m);
         },
         due);
+}
+
+// A lock wait until a simulated deadline on `clk`: real attempts of
+// `slice` each (the kick cannot end a futex wait), until the lock is taken
+// or simulated time has reached the deadline.
+constexpr int64_t lock_slice_ns = 20000000;
+
+template <typename Try>
+int event_lock_wait(clockid_t clk, const struct timespec* abstime, const char* call, Try try_until)
+{
+    bool wall = is_wall_clock(clk);
+    int result = 0;
+    bool due = false;
+    int rc = event_wait(
+        ts_ns(*abstime), wall, call, nullptr,
+        [&](const struct timespec* t, const sigset_t*) {
+            struct timespec now {};
+            using fn = int (*)(clockid_t, struct timespec*);
+            fn f = next_fn<fn>(real_clock_gettime, "clock_gettime");
+            if (f)
+                f(CLOCK_MONOTONIC, &now);
+            struct timespec until = ns_ts(ts_ns(now) + ts_ns(*t));
+            result = try_until(&until);
+            return result == ETIMEDOUT ? 0 : 1;
+        },
+        due, lock_slice_ns);
+    return rc == 0 ? ETIMEDOUT : result;
 }
 
 int no_function()
@@ -369,6 +397,54 @@ int ppoll(struct pollfd* fds, nfds_t n, const struct timespec* timeout, const __
         return f(fds, n, timeout, mask);
     struct timespec real_ts = ns_ts(to_real_ns(ts_ns(*timeout)));
     return f(fds, n, &real_ts, mask);
+}
+
+// Timed lock and condition waits (std::timed_mutex::try_lock_for,
+// std::condition_variable::wait_for): their deadlines are on the simulated
+// clock, the kernel's on the real one.
+int pthread_mutex_clocklock(pthread_mutex_t* m, clockid_t clk, const struct timespec* abstime)
+{
+    using fn = int (*)(pthread_mutex_t*, clockid_t, const struct timespec*);
+    static std::atomic<void*> slot{nullptr};
+    fn f = next_fn<fn>(slot, "pthread_mutex_clocklock");
+    if (!f)
+        return ENOSYS;
+    if (!event_clock_on() || !(is_wall_clock(clk) || is_monotonic(clk)))
+        return f(m, clk, abstime);
+    return event_lock_wait(clk, abstime, "pthread_mutex_clocklock",
+                           [&](const struct timespec* until) { return f(m, CLOCK_MONOTONIC, until); });
+}
+
+int pthread_mutex_timedlock(pthread_mutex_t* m, const struct timespec* abstime)
+{
+    using fn = int (*)(pthread_mutex_t*, clockid_t, const struct timespec*);
+    static std::atomic<void*> slot{nullptr};
+    using fn_t = int (*)(pthread_mutex_t*, const struct timespec*);
+    static std::atomic<void*> slot_t{nullptr};
+    if (!event_clock_on()) {
+        fn_t t = next_fn<fn_t>(slot_t, "pthread_mutex_timedlock");
+        return t ? t(m, abstime) : ENOSYS;
+    }
+    fn f = next_fn<fn>(slot, "pthread_mutex_clocklock");
+    if (!f)
+        return ENOSYS;
+    return event_lock_wait(CLOCK_REALTIME, abstime, "pthread_mutex_timedlock",
+                           [&](const struct timespec* until) { return f(m, CLOCK_MONOTONIC, until); });
+}
+
+int pthread_cond_clockwait(pthread_cond_t* c, pthread_mutex_t* m, clockid_t clk, const struct timespec* abstime)
+{
+    using fn = int (*)(pthread_cond_t*, pthread_mutex_t*, clockid_t, const struct timespec*);
+    static std::atomic<void*> slot{nullptr};
+    fn f = next_fn<fn>(slot, "pthread_cond_clockwait");
+    if (!f)
+        return ENOSYS;
+    if (!event_clock_on() || !(is_wall_clock(clk) || is_monotonic(clk)))
+        return f(c, m, clk, abstime);
+    // A wake-up ends the wait like a taken lock: the caller checks its
+    // condition (spurious wake-ups are allowed).
+    return event_lock_wait(clk, abstime, "pthread_cond_clockwait",
+                           [&](const struct timespec* until) { return f(c, m, CLOCK_MONOTONIC, until); });
 }
 
 }  // extern "C"

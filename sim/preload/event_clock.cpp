@@ -200,7 +200,8 @@ int64_t event_elapsed_ns()
 }
 
 int event_wait(int64_t deadline_ns, bool wall, const char* call, const sigset_t* caller_mask,
-               const std::function<int(const struct timespec*, const sigset_t*)>& attempt, bool& due)
+               const std::function<int(const struct timespec*, const sigset_t*)>& attempt, bool& due,
+               int64_t slice_ns)
 {
     due = false;
     seg::wait_slot* slot = claim_wait(deadline_ns, wall, call);
@@ -225,7 +226,7 @@ int event_wait(int64_t deadline_ns, bool wall, const char* call, const sigset_t*
     sigdelset(&mask, kick_signal);
     // A safety slice: a wait never sleeps so long that a lost supervisor
     // leaves it stuck.
-    const struct timespec slice {0, 500000000};
+    const struct timespec slice {static_cast<time_t>(slice_ns / 1000000000), static_cast<long>(slice_ns % 1000000000)};
     const struct timespec zero {0, 0};
     int rc = 0;
     for (;;) {

@@ -30,8 +30,11 @@ int64_t event_elapsed_ns();
 // with a zero timeout once the deadline has come (`due` then true), so a
 // wait on descriptors still reports what is ready. Returns attempt's result;
 // -1 with EINTR is a signal of the caller's own.
+// `slice_ns` bounds each real attempt: a wait the kick cannot interrupt
+// (a lock's) looks again after that long.
 int event_wait(int64_t deadline_ns, bool wall, const char* call, const sigset_t* caller_mask,
-               const std::function<int(const struct timespec*, const sigset_t*)>& attempt, bool& due);
+               const std::function<int(const struct timespec*, const sigset_t*)>& attempt, bool& due,
+               int64_t slice_ns = 500000000);
 
 // event_wait over ppoll (nfds 0: a sleep).
 int event_ppoll(struct pollfd* fds, nfds_t n, int64_t deadline_ns, bool wall, const char* call,

@@ -1,15 +1,19 @@
-"""The sandbox's wall clock stepped under the running daemon (an hour back, a
-day forward, 1970 to a day of 2025): what keeps monotonic time (the scan
-timers, the child bound, configd's response wait) and what follows the wall
-clock (log stamps, the scan databases' date texts, configd's stuck check)."""
+"""The event clock: time stands still while a participant runs and paces
+when one never stops; and the sandbox's wall clock stepped under the running
+daemon (an hour back, a day forward, 1970 to a day of 2025): what keeps
+monotonic time (the scan timers, the child bound, configd's response wait)
+and what follows the wall clock (log stamps, the scan databases' date texts,
+configd's stuck check)."""
 
 import re
+import threading
 import time
 
 import pytest
 
 from e2e_helpers import KH_ADDITION, event, ft_table, refresh_line, scan_config
 from sim.expect import read_table
+from sim.simclock import EventClock
 
 TODAY = 1_764_000_000  # Mon Nov 24 16:00:00 UTC 2025
 STEPS = [pytest.param(None, -3600, id="hour-back"), pytest.param(None, 86400, id="day-forward"),
@@ -20,6 +24,28 @@ SCAN_DONE = "[dorvand] trigger_2g_full_scan :parsed scan result succesfully\n"
 KILLED = '[dorvand] Killed "/usr/local/bin/fast_bss_transition.sh": still running after 30 s'
 HANG = "/dorvsim/ctl/fast_bss_transition.sh.hang"
 STUCK = "Configd Stuck Detected: No New Connection happened for last {} seconds"
+
+
+@pytest.mark.parametrize("hold_limit, advanced", [(3600.0, 0.0), (0.2, 1.0)])
+def test_running_participant_holds_the_clock_until_it_paces(tmp_path, hold_limit, advanced):
+    """A Python thread enlisted with the clock spins: no simulated time passes while it runs; with a short hold
+    limit the clock paces up to a sleeper's deadline instead and names the spinning thread."""
+    told = []
+    clock = EventClock(tmp_path / "clock", scale=0, hold_limit=hold_limit, warn=told.append)
+    stop = threading.Event()
+    spinner = threading.Thread(target=lambda: [None for _ in iter(stop.is_set, True)], daemon=True)
+    clock.enlist(spinner)
+    spinner.start()
+    clock.start()
+    try:
+        woke = clock.sleep(1.0, timeout=2.0)
+        assert (woke, clock.elapsed()) == (advanced == 1.0, advanced)
+        assert bool(told) == (advanced == 1.0)
+        if told:
+            assert f"thread {spinner.native_id}, system call running" in told[0]
+    finally:
+        stop.set()
+        clock.close()
 
 
 @pytest.mark.parametrize("wall0, step", STEPS)
