@@ -189,7 +189,7 @@ class Sandbox:
         self.coverage_dir = None if emulation else _coverage_dir(self.dorvand)
         self.sanitizer_reports: list[str] = []  # filled by close()
         self.faults = faults.Faults(self.root, self._daemon_running,
-                                    timeout=30.0 if emulation else 10.0)
+                                    timeout=30.0 if emulation else 10.0, nudge=self._nudge)
 
     # ---- life cycle -----------------------------------------------------------
 
@@ -375,6 +375,13 @@ class Sandbox:
         """Every firing (t, rule, call, path, errno or short), or one rule's."""
         fired = self.faults.fired()
         return [f for f in fired if f["rule"] == handle.rule] if handle else fired
+
+    def _nudge(self) -> None:
+        """On the event clock a daemon that waits makes no call that would
+        look at the fault control file: its timed waits are woken to look."""
+        pid = self.pid()
+        if self.clock and pid:
+            self.clock.nudge(pid)
 
     def _daemon_running(self) -> bool:
         return self.running() and self.pid() is not None and self.exit_code() is None

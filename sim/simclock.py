@@ -161,6 +161,13 @@ class EventClock:
         with self._lock:
             self._threads = [t for t in self._threads if not t.ident or t.is_alive()] + [thread]
 
+    def nudge(self, pid: int) -> None:
+        """Wakes the timed waits of process `pid` for one look around (the
+        preload library's wake hook) without ending them."""
+        for tid, wpid, _, _, _ in self._slots():
+            if wpid == pid:
+                self._kick(wpid, tid)
+
     def add_gate(self, gate) -> None:
         """gate() -> the simulated elapsed seconds the clock may not pass
         (None: no bound); asked before each advance, from the clock's thread."""

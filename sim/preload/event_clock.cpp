@@ -40,6 +40,7 @@ seg::proc_slot* procs = nullptr;
 seg::wait_slot* waits = nullptr;
 int kick_signal = 0;
 int64_t now_at_attach = 0;
+std::atomic<void (*)()> wake_hook{nullptr};
 
 __thread volatile sig_atomic_t kicked = 0;
 
@@ -101,6 +102,11 @@ void release_wait(seg::wait_slot* s)
 }
 
 }  // namespace
+
+void event_clock_set_wake_hook(void (*hook)())
+{
+    wake_hook.store(hook);
+}
 
 bool event_clock_on()
 {
@@ -240,6 +246,8 @@ int event_wait(int64_t deadline_ns, bool wall, const char* call, const sigset_t*
         rc = attempt(&slice, &mask);
         if (rc != 0 && !(rc < 0 && errno == EINTR && kicked))
             break;
+        if (auto hook = wake_hook.load(); kicked && hook)
+            hook();
     }
     int saved = errno;
     release_wait(slot);

@@ -17,6 +17,10 @@ namespace dorvsim {
 bool event_clock_attach();
 bool event_clock_on();
 
+// Called by a timed wait that a kick woke before its deadline (a nudge):
+// the fault injector looks at its control file there.
+void event_clock_set_wake_hook(void (*hook)());
+
 // Lists a process under the clock (a child just started by this one).
 void event_clock_register(pid_t pid);
 
