@@ -47,7 +47,7 @@ DAEMON_IN_ROOT = "/usr/sbin/dorvand"
 SIMLIB_IN_ROOT = "/usr/lib/dorvsim/libdorvsim.so"
 CLOCK_IN_ROOT = "/dorvsim/clock"
 # The clock a sandbox runs on unless told (DORVSIM_CLOCK_KIND overrides it).
-DEFAULT_CLOCK = "affine"
+DEFAULT_CLOCK = "event"
 # qemu-user's -L folder for an emulated daemon: the guest looks up every path
 # there first, so the same LD_PRELOAD names the target's preload library for
 # the daemon and the host's for the shells and tools it starts.

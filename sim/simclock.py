@@ -258,9 +258,12 @@ class EventClock:
         best = None
         for tid, pid, deadline, wall, _ in self._slots():
             d = deadline - offset if wall else deadline
-            if d <= now:
+            if d <= now and os.path.exists(f"/proc/{pid}/task/{tid}"):
                 self._kick(pid, tid)
                 return "due"
+            if d <= now:  # a process killed in its wait
+                self._free_dead_slots()
+                continue
             best = d if best is None else min(best, d)
         for d in self._py_waits.values():
             if d <= now:
