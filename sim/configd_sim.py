@@ -132,10 +132,12 @@ def recv_exact(conn, count):
 class ConfigdSim:
     """configd's get side on a unix stream socket, one thread per connection."""
 
-    def __init__(self, path, table=None, unknown_key_line=False):
+    def __init__(self, path, table=None, unknown_key_line=False, clock=None):
         """path: socket to bind; table: key -> value. An unknown key is answered
         with no result text, or with the bare "key\\n" line when
-        unknown_key_line is true."""
+        unknown_key_line is true. clock: an EventClock, which counts every
+        thread of this server as part of the sandbox (time stands still while
+        one answers)."""
         self.path = path
         self._table = dict(table or {})
         self._unknown_key_line = unknown_key_line
@@ -149,6 +151,7 @@ class ConfigdSim:
         self._threads = []
         self._conns = set()
         self._stopping = False
+        self._clock = clock
 
     # --- life cycle -----------------------------------------------------
 
@@ -267,6 +270,8 @@ class ConfigdSim:
     def _spawn(self, target, *args):
         thread = threading.Thread(target=target, args=args, daemon=True)
         self._threads.append(thread)
+        if self._clock:
+            self._clock.enlist(thread)
         thread.start()
 
     def _accept_loop(self):

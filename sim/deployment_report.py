@@ -23,7 +23,7 @@ import sys
 from collections import defaultdict
 from pathlib import Path
 
-from sim import deployment
+from sim import deployment, simclock
 from sim.deployment import DExpect, Floor, offsets
 from sim.deployment_run import DeploymentResult
 from sim.expect import parse_records, read_table, text_lines
@@ -61,7 +61,7 @@ class Evaluation:
         out = []
         for d in sorted(base.iterdir()) if base.is_dir() else []:
             try:
-                t = (float((d / "time").read_text()) - self.res.t0) * self.res.scale
+                t = (float((d / "time").read_text()) - self.res.t0) * self.res.stamp_scale
             except (OSError, ValueError):
                 continue
             out.append((t, self._records(d / "roam_key_holders")))
@@ -234,6 +234,7 @@ def _header(fl: Floor, res: DeploymentResult) -> str:
               f"{res.cpu:.0f} s ({res.cpu_runner:.0f} s of it the supervisor); memory of the whole run at its peak {res.peak_pss_mb:.0f} MB proportional "
               f"({res.peak_rss_mb:.0f} MB resident), {res.peak_processes} processes; {res.datagrams} neighbour "
               "events sent",
+              simclock.describe(res.clock),
               f"radio model: loss {fl.reference[0]:g}/{fl.reference[1]:g}/{fl.reference[2]:g} dB at 1 m + "
               f"{10 * fl.exponent:g} x log10(metres) + walls ({len(fl.walls)}); scans report BSSs from "
               f"{fl.sensitivity:g} dBm; a roaming candidate is a neighbour received on a shared band at "
@@ -328,7 +329,7 @@ def _after_setting(ev: Evaluation, plan, since: float) -> str:
     base = ev.out / "aps" / plan.ap / "root/dorvsim/runs/fast_bss_transition.sh"
     for d in sorted(base.iterdir()) if base.is_dir() else []:
         try:
-            t = (float((d / "time").read_text()) - ev.res.t0) * ev.res.scale
+            t = (float((d / "time").read_text()) - ev.res.t0) * ev.res.stamp_scale
         except (OSError, ValueError):
             continue
         keys = {ln.partition("=")[0][12:] for ln in text_lines(d / "ap2_macaddr.txt")}

@@ -24,6 +24,7 @@ import os
 import resource
 import signal
 import socket
+import threading
 import time
 from collections import deque
 from dataclasses import asdict, dataclass, field
@@ -32,7 +33,8 @@ from pathlib import Path
 from sim.deployment import ApSpec, DEvent, Floor
 from sim.expect import AP2MAC, DB_FILES, FT_KEY_CHANGED, KEY_HOLDERS, parse_records
 from sim.logwatch import BANDS, LogWatcher
-from sim.sandbox import Sandbox, SandboxError
+from sim.sandbox import DEFAULT_CLOCK, Sandbox, SandboxError
+from sim.simclock import EventClock
 from sim.scenario import FT_KEY, mac_text
 
 POLL = 0.05  # real seconds between looks at the logs
@@ -75,6 +77,8 @@ class DeploymentResult:
     events: list[dict] = field(default_factory=list)  # name, at, applied
     datagrams: int = 0
     problems: list[str] = field(default_factory=list)
+    clock: dict = field(default_factory=dict)  # kind; on the event clock: simulated, real, held, paced seconds
+    stamp_scale: float = 1.0  # deployment seconds per second of the time stamps the sandboxes' programs write
 
     def save(self, path: Path) -> None:
         path.write_text(json.dumps(asdict(self), indent=1))
@@ -123,8 +127,19 @@ class DeploymentRunner:
         self._sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._last_progress = 0.0
         self._last_sample = 0.0
+        # One clock for the whole floor: the event clock (unless the
+        # environment asks for the affine one), whose segment every sandbox
+        # maps.
+        self._clock_kind = os.environ.get("DORVSIM_CLOCK_KIND", DEFAULT_CLOCK)
+        self.clock: EventClock | None = None  # made by the start
+        self._clock_base = 0.0
+        self._lock = threading.Lock()  # the timeline's state, shared with the clock's gate
+        self.result.clock = {"kind": self._clock_kind}
+        self.result.stamp_scale = 1.0 if self._clock_kind == "event" else self.scale
 
     def now(self) -> float:
+        if self.clock:
+            return self.clock.elapsed() - self._clock_base
         return (time.time() - self.t0) * self.scale
 
     def run(self) -> DeploymentResult:
@@ -137,6 +152,9 @@ class DeploymentRunner:
         finally:
             self._stop_all()
             self._sock.close()
+            if self.clock:
+                self.result.clock.update(self.clock.report())
+                self.clock.close()
             self.result.wall = time.time() - wall
             usage = [resource.getrusage(w) for w in (resource.RUSAGE_SELF, resource.RUSAGE_CHILDREN)]
             self.result.cpu = sum(u.ru_utime + u.ru_stime for u in usage)
@@ -150,9 +168,15 @@ class DeploymentRunner:
 
     def _start_all(self) -> None:
         first = [self.nodes[a.name] for a in self.members]
+        if self._clock_kind == "event":
+            self.out.mkdir(parents=True, exist_ok=True)
+            self.clock = EventClock(self.out / "clock", self.scale).start()
+            self.clock.add_gate(self._gate)
         for node in self.nodes.values():  # the slow part first, so that the daemons come up close together
             node.sb = self._sandbox(node.apdef).prepare()
-        self.t0 = self.result.t0 = time.time()
+        if self.clock:
+            self._clock_base = self.clock.elapsed()
+        self.t0 = self.result.t0 = self.clock.wall() if self.clock else time.time()
         for node in first:
             self._launch(node, update=False)
         self._update_drivers()
@@ -162,7 +186,8 @@ class DeploymentRunner:
     def _sandbox(self, apdef: ApSpec) -> Sandbox:
         return Sandbox(self.dorvand, self.simlib, scratch=self.out / "aps" / apdef.name, board=apdef.board,
                        config=self.fl.config_text(apdef, self.members), links=self.fl.links(apdef),
-                       configd=self.fl.configd_table(apdef), scale=self.scale, t0=0.0)
+                       configd=self.fl.configd_table(apdef), scale=self.scale, t0=0.0,
+                       clock=self.clock or "affine")
 
     def _launch(self, node: Node, update: bool = True) -> None:
         """Starts the node's daemon (again), without waiting for it, with
@@ -262,14 +287,35 @@ class DeploymentRunner:
 
     # ---- the timeline ----------------------------------------------------------------------
 
+    def _gate(self) -> float | None:
+        """For the event clock: the deployment seconds it may not pass. It
+        stays where it is while the timeline is busy, a daemon has become
+        ready unnoticed or the peer has events queued for a ready one; else
+        it stops at the next event's time."""
+        if not self._lock.acquire(blocking=False):
+            return 0.0
+        try:
+            for node in self.nodes.values():
+                if node.up and node.watcher:
+                    node.watcher.poll()
+                    if node.lives[-1].ready is None and "ready" in node.watcher.milestones:
+                        return 0.0
+                    if node.ready and node.outbox:
+                        return 0.0
+            return min(ev.at for ev in self._pending) + self._clock_base if self._pending else None
+        finally:
+            self._lock.release()
+
     def _timeline(self) -> None:
         while True:
+            self._lock.acquire()
             now = self.now()
             for node in self.nodes.values():
                 if node.up:
                     self._follow(node, now)
             self._fire_due(now)
             self._flush()
+            self._lock.release()
             if time.time() - self._last_progress >= HEARTBEAT:
                 self._progress(now)
             if time.time() - self._last_sample >= SAMPLE:
@@ -294,7 +340,7 @@ class DeploymentRunner:
             self._down(node, "died")
 
     def _fire_due(self, now: float) -> None:
-        for ev in [e for e in self._pending if e.at <= now]:
+        for ev in [e for e in self._pending if e.at <= now + 1e-6]:
             node = self.nodes[ev.ap]
             if ev.do == "ft_status" and not node.ready or ev.do == "configd" and not node.up:
                 continue  # waits for the access point to run

@@ -16,6 +16,7 @@ from collections import Counter
 from pathlib import Path
 
 from sim import scenario as scen
+from sim import simclock
 from sim.expect import parse_records, read_table, text_lines
 from sim.logwatch import level_of
 from sim.runner import RunResult
@@ -54,6 +55,7 @@ def _header(res: RunResult, sc) -> str:
     board = f"board {sc.board} ({sc.radio_count} radios), " if sc else ""
     lines.append(f"{board}scale {res.scale:g}: {res.daemon_seconds:.0f} daemon seconds in {res.wall:.0f} s of wall "
                  f"time, exit code {res.exit_code}")
+    lines.append(simclock.describe(res.clock))
     ms = res.milestones
     for band, stage in res.stages.items():
         steps = [f"{name} {ms[key]:.0f} s" for name, key in
@@ -112,7 +114,7 @@ def _script_runs(out: Path, res: RunResult) -> str:
 
 def _run_time(d: Path, res: RunResult) -> str:
     try:
-        return f"{(float((d / 'time').read_text()) - res.t0) * res.scale:.0f}"
+        return f"{(float((d / 'time').read_text()) - res.t0) * res.stamp_scale:.0f}"
     except (OSError, ValueError):
         return "?"
 

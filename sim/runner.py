@@ -15,6 +15,7 @@ from __future__ import annotations
 import json
 import shutil
 import signal
+import threading
 import time
 from dataclasses import asdict, dataclass, field
 from pathlib import Path
@@ -25,6 +26,7 @@ from sim.sandbox import Emulation, Sandbox
 from sim.scenario import DRIVER_ERRORS, Event, Scenario, until_milestone
 
 POLL = 0.02  # real seconds between looks at the log
+EPSILON = 1e-6  # daemon seconds: the event clock stops at an event's time, rounded up to its nanosecond
 HEARTBEAT = 5.0  # real seconds between progress lines when nothing changes
 FINAL_FILES = [KEY_HOLDERS, AP2MAC, FT_KEY_CHANGED, *DB_FILES.values()]
 
@@ -53,6 +55,8 @@ class RunResult:
     problems: list[str] = field(default_factory=list)  # the run itself went wrong
     outcomes: list[Outcome] = field(default_factory=list)
     faults: list[dict] = field(default_factory=list)  # each [[fault]]: rule, armed, fired, calls, ...
+    clock: dict = field(default_factory=dict)  # kind; on the event clock: simulated, real, held, paced seconds
+    stamp_scale: float = 1.0  # daemon seconds per second of the time stamps the sandbox's programs write
 
     @property
     def passed(self) -> bool:
@@ -87,12 +91,16 @@ class Runner:
         self._pending = list(enumerate(scenario.events))
         self._sent = {"datagrams": 0, "signals": 0}  # for knowing when all were handled
         self._last_progress = (None, 0.0)
+        self._lock = threading.Lock()  # the watcher and the pending events, shared with the clock's gate
+        self.result.stamp_scale = 1.0 if self.sb.clock_kind == "event" else self.sb.scale
 
     def run(self) -> RunResult:
         start = time.time()
         try:
             self.sb.start()
             self.watcher.t0 = self.result.t0 = self.sb.t0
+            if self.sb.clock:
+                self.sb.clock.add_gate(self._gate)
             self.echo(f"dorvand runs as pid {self.sb.pid()}: board {self.sc.board}, scale {self.sb.scale:g} "
                       f"daemon seconds per second, until {self.sc.until}")
             self._timeline()
@@ -106,6 +114,7 @@ class Runner:
             self._fault_outcomes()
             self.sb.close()
             self.result.problems += [f"sanitizer report of the daemon:\n{r}" for r in self.sb.sanitizer_reports]
+            self.result.clock = {"kind": self.sb.clock_kind, **(self.sb.clock_report or {})}
             self.result.wall = time.time() - start
             self.result.milestones = dict(self.watcher.milestones)
             self.result.stages = {b: self.watcher.bands[b].stage for b in self.bands}
@@ -120,8 +129,9 @@ class Runner:
         until, plus = until_milestone(self.sc.until)
         while True:
             now = self.sb.daemon_seconds(time.time())
-            self.watcher.poll(now)
-            self._fire_due(now)
+            with self._lock:
+                self.watcher.poll(now)
+                self._fire_due(now)
             self._progress(now)
             reached = self.watcher.reached(until, self.bands)
             if reached is not None and now >= reached + plus:
@@ -140,11 +150,25 @@ class Runner:
         for _, ev in self._pending:
             self.result.problems.append(f"{ev.where} ({ev.describe()}, {ev.after}+{ev.at:g}) never came due")
 
+    def _gate(self) -> float | None:
+        """For the event clock: the daemon seconds it may not pass before the
+        next scenario event is done (the log read first, for milestones).
+        While the timeline is busy it holds the clock where it is."""
+        if not self._lock.acquire(blocking=False):
+            return 0.0
+        try:
+            self.watcher.poll()
+            due = [base + ev.at for _, ev in self._pending
+                   if (base := self.watcher.reached(ev.after, self.bands)) is not None]
+            return min(due) + self.sb.clock_base if due else None
+        finally:
+            self._lock.release()
+
     def _fire_due(self, now: float) -> None:
         due = []
         for n, ev in self._pending:
             base = self.watcher.reached(ev.after, self.bands)
-            if base is not None and now >= base + ev.at:
+            if base is not None and now >= base + ev.at - EPSILON:
                 due.append((base + ev.at, n, ev))
         for _, n, ev in sorted(due, key=lambda d: d[:2]):
             self._pending.remove((n, ev))
@@ -179,6 +203,11 @@ class Runner:
             sb.configd.close_after_request(a["times"])
         elif ev.do == "configd":
             sb.configd.answer_normally()
+        elif ev.do == "clock_step":
+            by = a["by"] if a["by"] is not None else a["to"] - sb.daemon_time()
+            sb.step_clock(by)
+            # Milestones stay on the start's timeline: the log's stamps moved.
+            self.watcher.t0 += by
         else:
             self._driver_change(ev.do, a)
             sb.set_driver(self.driver)

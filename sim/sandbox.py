@@ -39,11 +39,15 @@ from pathlib import Path
 
 from sim import faults
 from sim.driver_state import DriverState, write_atomic
+from sim.simclock import EventClock
 from sim.syslog_sink import SyslogSink
 
 SIM_DIR = Path(__file__).resolve().parent
 DAEMON_IN_ROOT = "/usr/sbin/dorvand"
 SIMLIB_IN_ROOT = "/usr/lib/dorvsim/libdorvsim.so"
+CLOCK_IN_ROOT = "/dorvsim/clock"
+# The clock a sandbox runs on unless told (DORVSIM_CLOCK_KIND overrides it).
+DEFAULT_CLOCK = "event"
 # qemu-user's -L folder for an emulated daemon: the guest looks up every path
 # there first, so the same LD_PRELOAD names the target's preload library for
 # the daemon and the host's for the shells and tools it starts.
@@ -123,7 +127,8 @@ class Sandbox:
                  driver: DriverState | dict | None = None, scale: float = DEFAULT_SCALE,
                  configd: dict | None = None, keep: bool = False, t0: float | None = None,
                  emulation: Emulation | None = None, command: list[str] | None = None,
-                 files: dict[str, tuple[bytes, int]] | None = None):
+                 files: dict[str, tuple[bytes, int]] | None = None, clock: str | EventClock | None = None,
+                 wall0: float | None = None):
         """board: the product id (or the raw bytes of /etc/board; None: no
         file). config: text of /tmp/run/config. links: interface name -> up,
         the board's radios and VAPs (default DEFAULT_LINKS). driver: the
@@ -138,7 +143,12 @@ class Sandbox:
         this command, as an init system would (an init script, a unit's
         ExecStart), instead of directly; the process may stay, as a watcher
         does, and the daemon's pid is then the one its pid file names. files:
-        path in the root -> (bytes, mode), added to the root."""
+        path in the root -> (bytes, mode), added to the root. clock: "event"
+        (the default: simulated time that waits for the sandbox, at most
+        `scale` times real time), "affine" (the daemon's clock runs `scale`
+        times real time, whatever it does), or an EventClock shared with other
+        sandboxes (a deployment's). wall0: the event clock's wall clock at
+        its start, epoch seconds (default the host's)."""
         self.dorvand = Path(dorvand)
         self.simlib = Path(simlib)
         self.emulation = emulation
@@ -149,6 +159,17 @@ class Sandbox:
         self.links = dict(DEFAULT_LINKS if links is None else links)
         self.driver = driver if isinstance(driver, DriverState) else DriverState.from_dict(driver)
         self.scale = float(scale)
+        # Under qemu-user the guest's library would be kicked with a host
+        # signal number: emulated daemons keep the affine clock.
+        clock = "affine" if emulation else clock or os.environ.get("DORVSIM_CLOCK_KIND", DEFAULT_CLOCK)
+        if clock not in ("event", "affine") and not isinstance(clock, EventClock):
+            raise SandboxError(f"unknown clock {clock!r}")
+        self.clock_kind = "affine" if clock == "affine" else "event"
+        self.clock: EventClock | None = clock if isinstance(clock, EventClock) else None
+        self._own_clock = self.clock is None and self.clock_kind == "event"
+        self.wall0 = wall0
+        self.clock_report: dict | None = None  # how the sandbox's own event clock ran, filled by close()
+        self.clock_base = 0.0  # the clock's elapsed seconds at the daemon's start
         self.configd_table = configd
         self.keep = keep or scratch is not None
         self.scratch = Path(scratch).resolve() if scratch else Path(tempfile.mkdtemp(prefix="dorvsim-"))
@@ -168,7 +189,7 @@ class Sandbox:
         self.coverage_dir = None if emulation else _coverage_dir(self.dorvand)
         self.sanitizer_reports: list[str] = []  # filled by close()
         self.faults = faults.Faults(self.root, self._daemon_running,
-                                    timeout=30.0 if emulation else 10.0)
+                                    timeout=30.0 if emulation else 10.0, nudge=self._nudge)
 
     # ---- life cycle -----------------------------------------------------------
 
@@ -192,7 +213,14 @@ class Sandbox:
         if not self._prepared:
             self.prepare()
         self._pid = None
-        if not self._fixed_t0:
+        if self.clock_kind == "event":
+            seg = self.path(CLOCK_IN_ROOT)
+            seg.unlink(missing_ok=True)
+            os.link(self.clock.path, seg)
+            self.clock_base = self.clock.elapsed()
+            if not self._fixed_t0:
+                self.t0 = self.clock.wall()
+        elif not self._fixed_t0:
             self.t0 = time.time()
         if self._ns_log:
             self._ns_log.close()
@@ -223,6 +251,8 @@ class Sandbox:
         many access points at once prepares them all first, so that their
         daemons come up close together."""
         self._build_root()
+        if self.clock_kind == "event" and self.clock is None:
+            self.clock = EventClock(self.scratch / "clock", self.scale, wall0=self.wall0).start()
         self.path("/dev/log").unlink(missing_ok=True)
         self._syslog = SyslogSink(_sock_path(self.path("/dev/log")), self.out / "syslog.txt")
         self._syslog.start()
@@ -274,6 +304,10 @@ class Sandbox:
                 self._ns_log.close()
                 self._ns_log = None
             self.sanitizer_reports = self._read_sanitizer_reports()
+            if self._own_clock and self.clock:
+                self.clock_report = self.clock.report()
+                self.clock.close()
+                self.clock = None
             if not self.keep and not self.running():
                 shutil.rmtree(self.scratch, ignore_errors=True)
 
@@ -342,17 +376,43 @@ class Sandbox:
         fired = self.faults.fired()
         return [f for f in fired if f["rule"] == handle.rule] if handle else fired
 
+    def _nudge(self) -> None:
+        """On the event clock a daemon that waits makes no call that would
+        look at the fault control file: its timed waits are woken to look."""
+        pid = self.pid()
+        if self.clock and pid:
+            self.clock.nudge(pid)
+
     def _daemon_running(self) -> bool:
         return self.running() and self.pid() is not None and self.exit_code() is None
 
     def daemon_time(self, real: float | None = None) -> float:
-        """The daemon's wall clock (epoch seconds) at real time `real`."""
+        """The daemon's wall clock (epoch seconds) now (the event clock), or
+        at real time `real` (the affine clock)."""
+        if self.clock:
+            return self.clock.wall()
         real = time.time() if real is None else real
         return self.t0 + (real - self.t0) * self.scale
 
     def sleep_daemon(self, seconds: float) -> None:
         """Lets `seconds` of daemon time pass."""
-        time.sleep(seconds / self.scale)
+        if self.clock:
+            self.clock.sleep(seconds)
+        else:
+            time.sleep(seconds / self.scale)
+
+    def step_clock(self, seconds: float) -> None:
+        """Steps the sandbox's wall clock by `seconds` while it runs (the
+        monotonic clock goes on); the event clock only."""
+        if not self.clock:
+            raise SandboxError("only the event clock's wall clock can be stepped")
+        self.clock.step_wall(seconds)
+
+    def stamp_seconds(self, stamp: float) -> float:
+        """Daemon seconds since the start of a time stamp the sandbox's
+        programs wrote (the transition script's `time`): the wall clock they
+        read is the daemon's on the event clock, the host's on the affine."""
+        return stamp - self.t0 if self.clock_kind == "event" else (stamp - self.t0) * self.scale
 
     def log_text(self) -> str:
         """The daemon's log, backups first."""
@@ -428,9 +488,13 @@ class Sandbox:
                 out.append(None)
         return out
 
-    def daemon_seconds(self, real: float) -> float:
-        """Daemon seconds since the start at real time `real` (epoch seconds)."""
-        return (real - self.t0) * self.scale
+    def daemon_seconds(self, real: float | None = None) -> float:
+        """Daemon seconds since the start: now (the event clock, on its
+        monotonic clock, which steps of the wall clock leave alone), or at
+        real time `real` (epoch seconds, the affine clock)."""
+        if self.clock:
+            return self.clock.elapsed() - self.clock_base
+        return ((time.time() if real is None else real) - self.t0) * self.scale
 
     # ---- actions --------------------------------------------------------------
 
@@ -691,6 +755,7 @@ class Sandbox:
                 "DORVSIM_REQLOG": "/dorvsim/reqlog",
                 "DORVSIM_SCALE": repr(self.scale),
                 "DORVSIM_T0": f"{self.t0:.6f}",
+                **({"DORVSIM_CLOCK": CLOCK_IN_ROOT} if self.clock_kind == "event" else {}),
                 **faults.ENV,
                 **(SANITIZER_ENV if self.sanitized else {}),
             },
@@ -700,7 +765,7 @@ class Sandbox:
         if self.configd_table is None:
             return
         from sim.configd_sim import ConfigdSim
-        self.configd = ConfigdSim(str(self.path("/tmp/confd_get")), self.configd_table)
+        self.configd = ConfigdSim(str(self.path("/tmp/confd_get")), self.configd_table, clock=self.clock)
         self.configd.start()
 
     def _stop_configd(self) -> None:

@@ -128,6 +128,8 @@ class Scenario:
     until: str = "batch2"
     limit: float = 8000.0
     config_extra: str = ""
+    clock: str | None = None  # "event" or "affine"; None: the sandbox's default
+    wall_start: float | None = None  # the event clock's wall clock at the start, epoch seconds
     radios: list[RadioSpec] = field(default_factory=list)
     events: list[Event] = field(default_factory=list)
     expectations: list[Expectation] = field(default_factory=list)
@@ -191,7 +193,8 @@ class Scenario:
 
     def sandbox_options(self, scale: float | None = None) -> dict:
         return {"board": self.board, "config": self.config_text(), "links": self.links(),
-                "driver": self.driver_state(), "configd": self.configd_table(), "scale": float(scale or self.scale)}
+                "driver": self.driver_state(), "configd": self.configd_table(), "scale": float(scale or self.scale),
+                "clock": self.clock, "wall0": self.wall_start}
 
 
 # ---- loading ----------------------------------------------------------------------------
@@ -240,6 +243,12 @@ def parse(data: dict, path: Path | None = None) -> Scenario:
     until_milestone(sc.until)
     sc.limit = t.get("limit", float, sc.limit)
     sc.config_extra = t.get("config_extra", str, "")
+    sc.clock = t.get("clock", str)
+    if sc.clock not in (None, "event", "affine"):
+        raise ScenarioError("clock: \"event\" or \"affine\"")
+    sc.wall_start = t.get("wall_start", float)
+    if sc.wall_start is not None and (sc.wall_start < 0 or sc.clock == "affine"):
+        raise ScenarioError("wall_start: epoch seconds, not negative, on the event clock")
     if sc.config_extra and not sc.config_extra.endswith("\n"):
         sc.config_extra += "\n"
     for i, rt in enumerate(t.get("radio", list, []), 1):
@@ -259,6 +268,10 @@ def parse(data: dict, path: Path | None = None) -> Scenario:
                                    fault.where))
     if len({f.rule for f in sc.faults}) != len(sc.faults):
         raise ScenarioError("[[fault]]: a rule is given twice")
+    for i, ct in enumerate(t.get("clock_step", list, []), 1):
+        if sc.clock == "affine":
+            raise ScenarioError("[[clock_step]]: the affine clock cannot be stepped")
+        sc.events.append(_clock_step(Table(ct, f"[[clock_step]] #{i}")))
     for i, xt in enumerate(t.get("expect", list, []), 1):
         sc.expectations.append(_expectation(Table(xt, f"[[expect]] #{i}")))
     t.done()
@@ -415,6 +428,21 @@ def _event(t: Table, sc: Scenario) -> list[Event]:
     args = _EVENT_PARSERS[do](t, sc)
     t.done()
     return [Event(at, after, do, args, t.where)]
+
+
+def _clock_step(t: Table) -> Event:
+    """A step of the wall clock: `by` seconds (negative: back) or `to` epoch
+    seconds, `at` daemon seconds after `after`."""
+    at = t.get("at", float, 0.0)
+    after = t.get("after", str, "start")
+    check_milestone(after, t.where)
+    by = t.get("by", float)
+    to = t.get("to", float)
+    t.done()
+    if at < 0 or (by is None) == (to is None) or (to is not None and to < 0):
+        raise ScenarioError(f"{t.where}: at must not be negative; exactly one of by (seconds) and to "
+                            f"(epoch seconds, not negative)")
+    return Event(at, after, "clock_step", {"by": by, "to": to}, t.where)
 
 
 def _fault(t: Table) -> Fault:

@@ -9,6 +9,8 @@
 
 namespace dorvfault::core {
 
+void (*child_started)(int pid) = nullptr;
+
 namespace {
 
 // What each call's rules may say: whether the call names a path (or works

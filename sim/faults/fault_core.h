@@ -82,6 +82,10 @@ bool slot_info(int slot, slot_state& out);
 void set_enabled(bool on);
 bool enabled();
 
+// Called with each child pid that fork or posix_spawn made, in the parent,
+// before the call returns (the simulator's clock lists it); null: nothing.
+extern void (*child_started)(int pid);
+
 // Decides one call: true (with `out`) when a rule fails it. `fd` is the
 // descriptor the call works on (-1: none); `path` and `path2` the paths it
 // names (null: the descriptor's path); `kind` the kind of a descriptor

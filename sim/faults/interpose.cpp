@@ -559,6 +559,24 @@ int pipe2(int fds[2], int flags)
     return rc;
 }
 
+namespace {
+
+int started(int rc, const pid_t* pid)
+{
+    if (rc == 0 && pid && child_started)
+        child_started(*pid);
+    return rc;
+}
+
+pid_t forked(pid_t pid)
+{
+    if (pid > 0 && child_started)
+        child_started(pid);
+    return pid;
+}
+
+}  // namespace
+
 int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
                 const posix_spawnattr_t* attr, char* const argv[], char* const envp[])
 {
@@ -571,7 +589,7 @@ int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* 
     hit h;
     if (check(call::spawn, -1, path, nullptr, h))
         return h.err;
-    return real(pid, path, actions, attr, argv, envp);
+    return started(real(pid, path, actions, attr, argv, envp), pid);
 }
 
 int posix_spawnp(pid_t* pid, const char* file, const posix_spawn_file_actions_t* actions,
@@ -586,7 +604,7 @@ int posix_spawnp(pid_t* pid, const char* file, const posix_spawn_file_actions_t*
     hit h;
     if (check(call::spawn, -1, file, nullptr, h))
         return h.err;
-    return real(pid, file, actions, attr, argv, envp);
+    return started(real(pid, file, actions, attr, argv, envp), pid);
 }
 
 pid_t fork(void)
@@ -595,7 +613,7 @@ pid_t fork(void)
     hit h;
     if (check(call::spawn, -1, nullptr, nullptr, h))
         return fail(h);
-    return real();
+    return forked(real());
 }
 
 // A wrapper cannot return into a vfork child (it would unwind the parent's
@@ -611,7 +629,7 @@ pid_t vfork(void)
     hit h;
     if (check(call::spawn, -1, nullptr, nullptr, h))
         return fail(h);
-    return real();
+    return forked(real());
 }
 
 namespace {

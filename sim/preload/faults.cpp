@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "../faults/fault_core.h"
+#include "event_clock.h"
 #include "preload.h"
 
 namespace core = dorvfault::core;
@@ -227,6 +228,7 @@ void faults_start()
     if (ctl_path[0]) {
         poll_control_file();
         core::set_poll_hook(poll_control_file);
+        event_clock_set_wake_hook(poll_control_file);
     }
 }
 

@@ -14,6 +14,7 @@
 #include <ctime>
 
 #include "../faults/fault_core.h"
+#include "event_clock.h"
 #include "preload.h"
 
 namespace dorvsim {
@@ -79,6 +80,9 @@ void write_line(const char* text, size_t len)
 
 __attribute__((constructor)) void dorvsim_init()
 {
+    // The event clock serves every process of the sandbox, children too:
+    // time may only pass while all of them wait.
+    event_clock_attach();
     const char* wanted = getenv("DORVSIM_PROCESS");
     if (!wanted || !*wanted)
         wanted = default_process;
@@ -100,7 +104,10 @@ __attribute__((constructor)) void dorvsim_init()
     config.ticks0 = f ? static_cast<int64_t>(f(&t)) : 0;
     config.active = true;
     faults_start();
-    reqlog("req=start pid=%d scale=%g t0=%.6f", static_cast<int>(getpid()), config.scale, config.t0);
+    if (event_clock_on())
+        reqlog("req=start pid=%d clock=event", static_cast<int>(getpid()));
+    else
+        reqlog("req=start pid=%d scale=%g t0=%.6f", static_cast<int>(getpid()), config.scale, config.t0);
 }
 
 }  // namespace
@@ -117,6 +124,8 @@ int64_t real_monotonic_ns()
 
 int64_t daemon_realtime_ns()
 {
+    if (event_clock_on())
+        return event_wall_ns();
     long double t0_ns = static_cast<long double>(config.t0) * 1e9L;
     long double real = static_cast<long double>(real_realtime_ns());
     return static_cast<int64_t>(t0_ns + (real - t0_ns) * config.scale);

@@ -41,6 +41,8 @@ BAD_SCENARIOS = [
     ("[[fault]]\nrule = \"write nth2 errno=EIO\"\n", "[[fault]] #1: rule 'write nth2 errno=EIO': 'nth2' is not"),
     ("[[fault]]\nat = 3\n", "[[fault]] #1: missing key 'rule'"),
     ("[[radio]]\nindex = 0\nrogue = 1\n", "[[radio]] #1: unknown key(s) rogue"),
+    ("[[clock_step]]\nby = 60\nto = 0\n", "[[clock_step]] #1: at must not be negative; exactly one of by"),
+    ("clock = \"affine\"\n[[clock_step]]\nby = 60\n", "[[clock_step]]: the affine clock cannot be stepped"),
 ]
 
 
