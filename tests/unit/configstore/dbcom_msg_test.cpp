@@ -1,7 +1,6 @@
 // Message layer of the configd client: exact bytes of built messages, the
 // splitting of long data, the decoders, and reading one message off a socket.
 #include <sys/socket.h>
-#include <syslog.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -189,26 +188,6 @@ TEST(dbcom_read, timed_receive_ends_on_budget_or_close)
         EXPECT_EQ(dbcom_recv_timed(fd, buf, 8, 10), -1);
         EXPECT_EQ(errno, EBADF);
     }
-}
-
-// After a bad header everything queued is thrown away, read after read, up
-// to the peer's close, and each read is reported.
-TEST(dbcom_read, bad_header_flush_is_reported)
-{
-    socket_pair sp(SOCK_STREAM);
-    sp.put(wire(2, 9, 0, DBCOM_MAGIC, "junk"));
-    sp.theirs.reset();
-    bytes buf(DBCOM_MAX_MSG);
-    openlog(nullptr, LOG_PERROR, LOG_USER);
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(dbcom_read_message(sp.ours.get(), 5, buf.data(), buf.size()), -1);
-    std::string logged = ::testing::internal::GetCapturedStderr();
-    openlog(nullptr, 0, LOG_USER);
-    closelog();
-    for (const char* line : {"dbcom_read_message:1194: magic num mismatch = a5a5a5a5 or invalid dbcom operation = 9\n",
-                             "dbcom_read_message:1201: flushing socket: bytes_read = 4 msg = junk\n",
-                             "dbcom_read_message:1201: flushing socket: bytes_read = 0 msg = \n"})
-        EXPECT_NE(logged.find(line), std::string::npos) << logged;
 }
 
 }  // namespace
