@@ -169,11 +169,12 @@ INSTANTIATE_TEST_SUITE_P(
                      {{checking, 72}, {" Checking for configd child retry count:71 \n", 1}, {"wlan", 0}}}),
     [](const auto& p) { return std::string(p.param.name); });
 
-// wlan1 vap2 switched off and wlan0 vap3 to status 2 in one signal: the key
-// holders hear "off" and "on" (any nonzero status counts as enabled there),
-// the script runs once, and the closing refresh keeps only exact 1. A signal
-// naming only VAPs of a radio the board lacks reads nothing, but still runs
-// the script and the refresh.
+// wlan1 vap2 switched off, wlan0 vap3 to status 2 and wlan1 vap0 (the bit
+// after wlan0's last) unchanged in one signal: the key holders hear "off" and
+// "on" (any nonzero status counts as enabled there), the script runs once,
+// and the closing refresh keeps only exact 1. A signal naming only VAPs of a
+// radio the board lacks reads nothing, but still runs the script and the
+// refresh.
 TEST_F(ft_status_test, signal_reports_changed_vaps_and_runs_script_once)
 {
     server_->set(key(0, 0), "1");
@@ -185,7 +186,7 @@ TEST_F(ft_status_test, signal_reports_changed_vaps_and_runs_script_once)
 
     server_->set(key(1, 2), "0");
     server_->set(key(0, 3), "2");
-    ft_status_update(SIGRTMIN, (1 << 12) | (1 << 3));
+    ft_status_update(SIGRTMIN, (1 << 12) | (1 << 10) | (1 << 3));
     std::string ap2mac = read_file(at("/tmp/ap2_macaddr.txt"));
     EXPECT_EQ(ap2mac.find("ap2_macaddr_wifi1vap2="), std::string::npos);
     EXPECT_NE(ap2mac.find("ap2_macaddr_wifi0vap0="), std::string::npos);
@@ -195,13 +196,13 @@ TEST_F(ft_status_test, signal_reports_changed_vaps_and_runs_script_once)
     EXPECT_NE(key_changes.find("ft_key_changed_wifi0vap3=1,1\n"), std::string::npos);
     EXPECT_EQ(testutil::script_runs(), runs_before + 1);
     EXPECT_EQ(ft_enabled_vaps().load(), 0x1u);
-    expect_logs({{"wifi0vap3 - 11rStatus = 2 \n", 1}, {"val = 4096 \n", 1}, {"val = 0 \n", 1},
-                 {"ft_enabled_vaps = 00000001 \n", 1}});
-    EXPECT_EQ(server_->requests(), 20 + 2 + 20);
+    expect_logs({{"wifi0vap3 - 11rStatus = 2 \n", 1}, {"wifi1vap0 - 11rStatus = 0 \n", 1}, {"val = 5120 \n", 1},
+                 {"val = 4096 \n", 1}, {"val = 0 \n", 1}, {"ft_enabled_vaps = 00000001 \n", 1}});
+    EXPECT_EQ(server_->requests(), 20 + 3 + 20);
 
     ft_status_update(SIGRTMIN, 1 << 25);
     EXPECT_EQ(testutil::script_runs(), runs_before + 2);
-    EXPECT_EQ(server_->requests(), 42 + 20);
+    EXPECT_EQ(server_->requests(), 43 + 20);
     expect_logs({{"wifi2vap5", 0}, {"ft_enabled_vaps = 00000001 \n", 2}});
 }
 
