@@ -1,10 +1,12 @@
-// The configd client against a scripted server: what goes out for a get,
-// how responses are collected, retried and reported, and how the channel
-// survives a server that closes or stalls.
+// The configd client's face against a scripted server: what goes out for a
+// get, what the answers make of it over its three attempts, the handle's
+// transports, and the text lines that carry keys and values.
+#include <arpa/inet.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <thread>
 #include <vector>
 
 #include "configstore/dbcom.h"
@@ -15,55 +17,47 @@
 namespace {
 
 using bytes = std::vector<uint8_t>;
+using cstest::get_path;
+using cstest::opt;
 using cstest::reply;
 using cstest::reply_plan;
 using cstest::scripted_server;
 using cstest::seen_request;
-using cstest::get_path;
-using cstest::opt;
+using testutil::at;
 
 std::string times3(const std::string& s)
 {
     return s + s + s;
 }
 
-class dbcom_client_test : public cstest::client_test {
-protected:
-    static scripted_server::responder always(std::vector<bytes> msgs)
-    {
-        return [msgs](const seen_request&, int) { return reply_plan{msgs, false}; };
-    }
-};
+using dbcom_client_test = cstest::client_test;
 
 TEST_F(dbcom_client_test, get_sends_user_item_key_line_feed_and_nul)
 {
     if (getuid() != 0)
         GTEST_SKIP() << "the request names the user running the tests: its bytes below are root's";
-    scripted_server srv(get_path().c_str(), always({reply(1, 0, "a 1\n")}));
+    scripted_server srv(get_path().c_str(), [](const seen_request&, int) { return reply_plan{{reply(1, 0, "a\\ b 1\n")}}; });
     opt value;
-    opt error;
-    ASSERT_EQ(dbcom_get(handle_, "a", &value, &error), 0);
+    opt error = "stale";
+    ASSERT_EQ(dbcom_get(handle_, "a b", &value, &error), 0);
     EXPECT_EQ(value, opt("1"));
     EXPECT_EQ(error, std::nullopt);
     auto reqs = srv.requests();
     ASSERT_EQ(reqs.size(), 1u);
     ASSERT_EQ(reqs[0].messages.size(), 1u);
-    const bytes expected = {0x01, 0x01, 0x00, 0x00, 0x00, 0x0F, 0x00, 0x00, 0xA5, 0xA5, 0xA5, 0xA5, 0x01, 0x00,
-                            0x00, 0x04, 'r',  'o',  'o',  't',  0x00, 0x00, 0x00, 0x00, 'a',  '\n', 0x00};
+    const bytes expected = {0x01, 0x01, 0x00, 0x00, 0x00, 0x12, 0x00, 0x00, 0xA5, 0xA5, 0xA5, 0xA5, 0x01, 0x00, 0x00,
+                            0x04, 'r',  'o',  'o',  't',  0x00, 0x00, 0x00, 0x00, 'a',  '\\', ' ',  'b',  '\n', 0x00};
     EXPECT_EQ(reqs[0].messages[0], expected);
     // A read never needs the set channel.
     EXPECT_EQ(handle_->set.open, 0);
     EXPECT_EQ(handle_->get.open, 1);
 }
 
-// --- what the answers make of a get ---------------------------------------
-
 struct answer_case {
     const char* name;
     std::vector<bytes> replies;  // sent for every request after the first `silent` ones
     int rc;
-    opt value;
-    opt error;
+    opt value, error;
     size_t requests;
     int conns;  // connections used: a failed attempt closes the channel
     int silent = 0;
@@ -97,73 +91,87 @@ TEST_P(get_answer_test, value_error_and_attempts)
 INSTANTIATE_TEST_SUITE_P(
     answers, get_answer_test,
     ::testing::Values(
-        answer_case{"plain", {reply(1, 0, "key 1\n")}, 0, "1", std::nullopt, 1, 1},
-        answer_case{"no_result_text", {reply(1, 0, "")}, 0, std::nullopt, std::nullopt, 3, 1},
-        answer_case{"key_line_without_value", {reply(1, 0, "key\n")}, 0, std::nullopt, std::nullopt, 1, 1},
-        answer_case{"other_op_first", {reply(2, 0, "key wrong\n"), reply(1, 0, "key right\n")}, 0, "right",
-                    std::nullopt, 1, 1},
-        answer_case{"three_parts",
-                    {reply(1, 0x1000, "key v"), reply(1, 0x1000, "al"), reply(1, 0, "ue\n")},
-                    0,
-                    "value",
-                    std::nullopt,
-                    1,
-                    1},
-        answer_case{"diagnostic_only", {reply(1, 0x0002, "no such key\n")}, 0, std::nullopt,
-                    times3("no such key\n"), 3, 1},
-        answer_case{"diagnostic_then_value", {reply(1, 0x1002, "see also\n"), reply(1, 0, "key 5\n")}, 0, "5",
-                    std::nullopt, 1, 1},
-        answer_case{"text_flag_4_then_value", {reply(1, 0x1004, "see also\n"), reply(1, 0, "key 6\n")}, 0, "6",
-                    std::nullopt, 1, 1},
-        answer_case{"failure", {reply(1, 0x0001, "denied\n")}, 1, std::nullopt, times3("denied\n"), 3, 3},
-        // 0x0001 fails the attempt even when a value follows it.
-        answer_case{"failure_then_value", {reply(1, 0x1003, "diag\n"), reply(1, 0, "key 7\n")}, 1, std::nullopt,
+        answer_case{"plain", {reply(1, 0, "key 1\n")}, 0, "1", {}, 1, 1},
+        answer_case{"no_result_text", {reply(1, 0, "")}, 0, {}, {}, 3, 1},
+        answer_case{"key_line_without_value", {reply(1, 0, "key\n")}, 0, {}, {}, 1, 1},
+        answer_case{"other_op_first", {reply(2, 0, "key wrong\n"), reply(1, 0, "key right\n")}, 0, "right", {}, 1, 1},
+        answer_case{"three_parts", {reply(1, 0x1000, "key v"), reply(1, 0x1000, "al"), reply(1, 0, "ue\n")}, 0,
+                    "value", {}, 1, 1},
+        answer_case{"diagnostic_only", {reply(1, 0x0002, "no such key\n")}, 0, {}, times3("no such key\n"), 3, 1},
+        // The caller's error text is C text: what follows a NUL goes.
+        answer_case{"diagnostic_with_nul", {reply(1, 0x0004, std::string("ab\0cd", 5))}, 0, {}, "ababab", 3, 1},
+        answer_case{"diagnostic_then_value", {reply(1, 0x1002, "see\n"), reply(1, 0, "key 5\n")}, 0, "5", {}, 1, 1},
+        answer_case{"failure", {reply(1, 0x0001, "denied\n")}, 1, {}, times3("denied\n"), 3, 3},
+        // 0x0001 fails the attempt even when a value follows it; without a
+        // text it is no diagnostic and fails nothing.
+        answer_case{"failure_then_value", {reply(1, 0x1003, "diag\n"), reply(1, 0, "key 7\n")}, 1, {},
                     times3("diag\n"), 3, 3},
-        answer_case{"answer_after_one_timeout", {reply(1, 0, "key on\n")}, 0, "on", std::nullopt, 2, 2, 1}),
+        answer_case{"empty_failure", {reply(1, 0x1001, ""), reply(1, 0, "key 8\n")}, 0, "8", {}, 1, 1},
+        answer_case{"answer_after_one_timeout", {reply(1, 0, "key on\n")}, 0, "on", {}, 2, 2, 1}),
     [](const auto& p) { return std::string(p.param.name); });
-
-// A transaction without data still goes out: one message of the items alone.
-TEST_F(dbcom_client_test, empty_data_goes_out_as_one_message)
-{
-    scripted_server srv(get_path().c_str(), always({reply(1, 0, "k v\n")}));
-    opt result;
-    ASSERT_EQ(transaction(&result, nullptr, ""), 0);
-    EXPECT_EQ(result, opt("k v\n"));
-    ASSERT_EQ(srv.requests().size(), 1u);
-    EXPECT_EQ(srv.requests()[0].data, "");
-}
-
-// --- handle set-up ----------------------------------------------------------
 
 std::string un_path(const std::optional<dbcom_addr>& a)
 {
     return a ? reinterpret_cast<const sockaddr_un*>(&a->storage)->sun_path : "<none>";
 }
 
+std::string in_addr(const std::optional<dbcom_addr>& a)
+{
+    if (!a)
+        return "<none>";
+    const auto* in = reinterpret_cast<const sockaddr_in*>(&a->storage);
+    char text[32];
+    snprintf(text, sizeof text, "%08x:%d", ntohl(in->sin_addr.s_addr), ntohs(in->sin_port));
+    return text;
+}
+
 TEST(dbcom_init_test, transports)
 {
-    dbcom_handle* h = dbcom_init(nullptr, nullptr, DBCOM_UNIX_STREAM);
+    dbcom_handle* h = dbcom_init(nullptr, nullptr, 1);
     ASSERT_NE(h, nullptr);
-    EXPECT_EQ(un_path(h->get.server_addr), testutil::at("/tmp/confd_get"));
-    EXPECT_EQ(un_path(h->set.server_addr), testutil::at("/tmp/confd_set"));
+    EXPECT_EQ(un_path(h->get.server_addr), at("/tmp/confd_get"));
+    EXPECT_EQ(un_path(h->set.server_addr), at("/tmp/confd_set"));
     // The family's two bytes, the path and its NUL.
-    EXPECT_EQ(h->get.server_addr->len, 2 + testutil::at("/tmp/confd_get").size() + 1);
+    EXPECT_EQ(h->get.server_addr->len, 2 + at("/tmp/confd_get").size() + 1);
     dbcom_close(h);
-
-    h = dbcom_init("127.0.0.1:8080", "127.0.0.2:9", DBCOM_INET_STREAM);
+    const std::string longest(100, 'p');
+    h = dbcom_init(longest.c_str(), longest.c_str(), 2);
     ASSERT_NE(h, nullptr);
-    const auto* in = reinterpret_cast<const sockaddr_in*>(&h->get.server_addr->storage);
-    EXPECT_EQ(ntohl(in->sin_addr.s_addr), 0x7F000001u);
-    EXPECT_EQ(ntohs(in->sin_port), 8080);
-    in = reinterpret_cast<const sockaddr_in*>(&h->set.server_addr->storage);
-    EXPECT_EQ(ntohl(in->sin_addr.s_addr), 0x7F000002u);
+    EXPECT_EQ(un_path(h->set.server_addr), longest);
+    EXPECT_EQ(un_path(h->get.local_un_addr), at("/tmp/dlg_") + std::to_string(getpid()));
+    EXPECT_EQ(un_path(h->set.local_un_addr), at("/tmp/dls_") + std::to_string(getpid()));
     dbcom_close(h);
 
-    for (int transport : {0, 5}) {
-        SCOPED_TRACE(transport);
+    // Host names or dotted numbers (the first four of them when more
+    // follow), service names or port numbers.
+    h = dbcom_init("127.0.0.1:8080", "1.2.3.4.5:tcpmux", 3);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(in_addr(h->get.server_addr), "7f000001:8080");
+    EXPECT_EQ(in_addr(h->set.server_addr), "01020304:1");
+    dbcom_close(h);
+    h = dbcom_init("localhost", "10.1.2:9", 4);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(in_addr(h->get.server_addr), "7f000001:0");
+    EXPECT_EQ(in_addr(h->set.server_addr), "0a010002:9");
+    dbcom_close(h);
+
+    const std::string path101(101, 'p');
+    const struct {
+        const char* server;
+        int transport;
+        const char* printed;
+    } refused[] = {
+        {nullptr, 0, "Unknown protocol used.\n"},
+        {nullptr, 5, "Unknown protocol used.\n"},
+        {nullptr, 3, "Null set server names\nNull get server names\n"},
+        {"1..2:80", 4, "Null set server names\nNull get server names\n"},
+        {path101.c_str(), 1, "Null set server names\nNull get server names\n"},
+    };
+    for (const auto& r : refused) {
+        SCOPED_TRACE(r.transport);
         ::testing::internal::CaptureStderr();
-        EXPECT_EQ(dbcom_init(nullptr, nullptr, transport), nullptr);
-        EXPECT_EQ(::testing::internal::GetCapturedStderr(), "Unknown protocol used.\n");
+        EXPECT_EQ(dbcom_init(r.server, r.server, r.transport), nullptr);
+        EXPECT_EQ(::testing::internal::GetCapturedStderr(), r.printed);
     }
 }
 
@@ -186,10 +194,10 @@ TEST_F(dbcom_dgram_test, get_over_datagrams)
         bytes r = reply(1, 0, "key 42\n");
         sendto(srv.get(), r.data(), r.size(), 0, reinterpret_cast<sockaddr*>(&from), from_len);
     });
-    std::string own = testutil::at("/tmp/dlg_") + std::to_string(getpid());
+    std::string own = at("/tmp/dlg_") + std::to_string(getpid());
     testutil::write_file(own, "stale");
 
-    dbcom_handle* h = dbcom_init(nullptr, nullptr, DBCOM_UNIX_DGRAM);
+    dbcom_handle* h = dbcom_init(nullptr, nullptr, 2);
     ASSERT_NE(h, nullptr);
     opt value;
     opt error;
@@ -197,37 +205,33 @@ TEST_F(dbcom_dgram_test, get_over_datagrams)
     server.join();
     EXPECT_EQ(value, opt("42"));
     EXPECT_TRUE(testutil::exists(own));
-    EXPECT_FALSE(testutil::exists(testutil::at("/tmp/dls_") + std::to_string(getpid())));
+    EXPECT_FALSE(testutil::exists(at("/tmp/dls_") + std::to_string(getpid())));
     dbcom_close(h);
     EXPECT_FALSE(testutil::exists(own));
 }
-
-// --- text lines ---------------------------------------------------------------
 
 TEST(dbcom_text_lines, parse_line_splits_and_unescapes)
 {
     const struct {
         std::string line;
-        opt key;
-        opt value;
-        opt rest;
+        opt key, value, rest;
     } cases[] = {
-        {"key 1\n", "key", "1", std::nullopt},
-        {"key\n", "key\n", std::nullopt, std::nullopt},
-        {"a\\ b c\\ d\n", "a b", "c d", std::nullopt},
-        {"k\\\nx v\n", "k\nx", "v", std::nullopt},
-        {"k\\: v\n", "k\\:", "v", std::nullopt},
-        {"k a\\:b\n", "k", "a:b", std::nullopt},
-        {"k a\\xb\n", "k", "a\\xb", std::nullopt},
-        {"k a\\\\b\n", "k", "a\\b", std::nullopt},
-        {"k a\\\nb\n", "k", "a\nb", std::nullopt},
-        {"k a b\n", "k", "a b", std::nullopt},
+        {"key 1\n", "key", "1", {}},
+        {"key\n", "key\n", {}, {}},
+        {"a\\ b c\\ d\n", "a b", "c d", {}},
+        {"k\\\nx v\n", "k\nx", "v", {}},
+        {"k\\: v\n", "k\\:", "v", {}},
+        {"k a\\:b\n", "k", "a:b", {}},
+        {"k a\\xb\n", "k", "a\\xb", {}},
+        {"k a\\\\b\n", "k", "a\\b", {}},
+        {"k a\\\nb\n", "k", "a\nb", {}},
+        {"k a\\ b\n", "k", "a b", {}},
         {"k v\nnext 2\n", "k", "v", "next 2\n"},
-        {std::string("k v\n\0junk", 9), "k", "v", std::nullopt},
-        {std::string("k v\0w\n", 6), "k", "v", std::nullopt},
-        {"k v", "k", "v", std::nullopt},
-        {"k \n", "k", std::nullopt, std::nullopt},
-        {"", std::nullopt, std::nullopt, std::nullopt},
+        {std::string("k v\n\0junk", 9), "k", "v", {}},
+        {std::string("k v\0w\n", 6), "k", "v", {}},
+        {"k v", "k", "v", {}},
+        {"k \n", "k", {}, {}},
+        {"", {}, {}, {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::PrintToString(c.line));
@@ -242,6 +246,9 @@ TEST(dbcom_text_lines, parse_line_splits_and_unescapes)
     EXPECT_EQ(dbcom_parse_line(nullptr, nullptr, nullptr, nullptr), 1);
     std::string copy;
     EXPECT_EQ(dbcom_escape_spaces(nullptr, &copy), 1);
+    EXPECT_EQ(dbcom_escape_spaces("a", nullptr), 1);
+    ASSERT_EQ(dbcom_escape_spaces("a b  c", &copy), 0);
+    EXPECT_EQ(copy, "a\\ b\\ \\ c");
 }
 
 }  // namespace

@@ -133,9 +133,7 @@ private:
     {
         for (size_t got = 0; got < n;) {
             pollfd p[2] = {{fd, POLLIN, 0}, {stop_rd_.get(), POLLIN, 0}};
-            if (poll(p, 2, -1) <= 0 || (p[1].revents & POLLIN))
-                return false;
-            ssize_t r = recv(fd, buf + got, n - got, 0);
+            ssize_t r = poll(p, 2, -1) > 0 && !(p[1].revents & POLLIN) ? recv(fd, buf + got, n - got, 0) : -1;
             if (r <= 0)
                 return false;
             got += static_cast<size_t>(r);
@@ -143,35 +141,26 @@ private:
         return true;
     }
 
-    // Reads one run of request messages (until one without 0x1000).
-    bool read_request(int fd, seen_request* req)
-    {
-        for (bool more = true; more;) {
-            std::vector<uint8_t> msg(DBCOM_HEADER_LEN);
-            if (!read_exact(fd, msg.data(), msg.size()))
-                return false;
-            msg.resize(DBCOM_HEADER_LEN + ((msg[4] << 8) | msg[5]));
-            if (!read_exact(fd, msg.data() + DBCOM_HEADER_LEN, msg.size() - DBCOM_HEADER_LEN))
-                return false;
-            size_t pos = DBCOM_HEADER_LEN;
-            for (int item = 0; item < 2 && pos + 4 <= msg.size(); ++item)
-                pos += 4 + ((msg[pos + 2] << 8) | msg[pos + 3]);
-            if (pos < msg.size())
-                req->data.append(msg.begin() + static_cast<long>(pos), msg.end());
-            more = msg[2] & 0x10;
-            req->messages.push_back(std::move(msg));
-        }
-        return true;
-    }
-
-    // Serves one connection until the client or the plan closes it.
+    // Serves one connection until the client or the plan closes it. A request
+    // is a run of messages, until one without 0x1000.
     void serve(int fd, int conn)
     {
-        for (;;) {
-            seen_request req;
-            req.conn = conn;
-            if (!read_request(fd, &req))
-                return;
+        for (seen_request req{conn, {}, {}};; req = seen_request{conn, {}, {}}) {
+            for (bool more = true; more;) {
+                std::vector<uint8_t> msg(DBCOM_HEADER_LEN);
+                if (!read_exact(fd, msg.data(), msg.size()))
+                    return;
+                msg.resize(DBCOM_HEADER_LEN + ((msg[4] << 8) | msg[5]));
+                if (!read_exact(fd, msg.data() + DBCOM_HEADER_LEN, msg.size() - DBCOM_HEADER_LEN))
+                    return;
+                size_t pos = DBCOM_HEADER_LEN;
+                for (int item = 0; item < 2 && pos + 4 <= msg.size(); ++item)
+                    pos += 4 + ((msg[pos + 2] << 8) | msg[pos + 3]);
+                if (pos < msg.size())
+                    req.data.append(msg.begin() + static_cast<long>(pos), msg.end());
+                more = msg[2] & 0x10;
+                req.messages.push_back(std::move(msg));
+            }
             int n;
             {
                 std::lock_guard lock(mu_);
