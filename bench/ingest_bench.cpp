@@ -126,7 +126,8 @@ int row_count(const char* db_path)
     sqlite3_stmt* stmt = nullptr;
     int n = -1;
     if (sqlite3_open_v2(db_path, &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
-        sqlite3_prepare_v2(db, "SELECT (SELECT COUNT(*) FROM SCANNED_AP_DETAILS) + (SELECT COUNT(*) FROM CHANNEL_DETAILS)",
+        sqlite3_prepare_v2(db,
+                           "SELECT (SELECT COUNT(*) FROM SCANNED_AP_DETAILS) + (SELECT COUNT(*) FROM CHANNEL_DETAILS)",
                            -1, &stmt, nullptr) == SQLITE_OK &&
         sqlite3_step(stmt) == SQLITE_ROW)
         n = sqlite3_column_int(stmt, 0);

@@ -96,8 +96,8 @@ void store_channel(sqlite3* db, const acs_report& r)
     sqlite3_stmt* stmt = nullptr;
     sqlite3_prepare_v2(db, found ? channel_update : channel_insert, -1, &stmt, nullptr);
     int load = r.chan_load > 100 ? 100 : static_cast<int>(r.chan_load);
-    int values[9] = {r.ieee_chan, r.chan_nbss, r.min_rssi, r.min_rssi, r.noise_floor, load, r.max_rssi,
-                     r.spectral_load, r.chan_rank};
+    int values[9] = {r.ieee_chan, r.chan_nbss, r.min_rssi,      r.min_rssi, r.noise_floor,
+                     load,        r.max_rssi,  r.spectral_load, r.chan_rank};
     // The update names the channel last.
     for (int i = 0; i < 9; ++i)
         sqlite3_bind_int(stmt, i + 1, found ? values[(i + 1) % 9] : values[i]);

@@ -19,5 +19,5 @@ struct floor_channel {
 
 // Stores `report` into `db_path` and logs to `log_path` (512 KiB, two
 // backups), with the time stamp texts the daemon stores with each row.
-void floor_ingest(const std::vector<floor_channel>& report, const char* db_path, const char* log_path,
-                  const char* date, const char* epoch);
+void floor_ingest(const std::vector<floor_channel>& report, const char* db_path, const char* log_path, const char* date,
+                  const char* epoch);

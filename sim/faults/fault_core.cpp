@@ -24,12 +24,12 @@ struct call_desc {
 };
 
 constexpr call_desc calls[] = {
-    {"open", true, false, false},   {"write", true, true, true},   {"rename", true, false, false},
-    {"unlink", true, false, false}, {"ftruncate", true, true, false}, {"fsync", true, true, false},
-    {"mkdir", true, false, false},  {"socket", false, true, false}, {"bind", true, true, false},
-    {"connect", true, true, false}, {"send", true, true, true},   {"recv", true, true, false},
-    {"pipe2", false, false, false}, {"spawn", true, false, false}, {"select", false, false, false},
-    {"poll", true, true, false},    {"sigaction", true, false, false}, {"thread", false, false, false},
+    {"open", true, false, false},    {"write", true, true, true},       {"rename", true, false, false},
+    {"unlink", true, false, false},  {"ftruncate", true, true, false},  {"fsync", true, true, false},
+    {"mkdir", true, false, false},   {"socket", false, true, false},    {"bind", true, true, false},
+    {"connect", true, true, false},  {"send", true, true, true},        {"recv", true, true, false},
+    {"pipe2", false, false, false},  {"spawn", true, false, false},     {"select", false, false, false},
+    {"poll", true, true, false},     {"sigaction", true, false, false}, {"thread", false, false, false},
     {"daemon", false, false, false},
 };
 static_assert(sizeof calls / sizeof calls[0] == static_cast<size_t>(call::count_));
@@ -39,6 +39,7 @@ struct errno_entry {
     const char* name;
 };
 
+// clang-format off
 constexpr errno_entry errno_names[] = {
     {EPERM, "EPERM"},       {ENOENT, "ENOENT"},         {EINTR, "EINTR"},           {EIO, "EIO"},
     {ENXIO, "ENXIO"},       {E2BIG, "E2BIG"},           {EBADF, "EBADF"},           {ECHILD, "ECHILD"},
@@ -54,6 +55,7 @@ constexpr errno_entry errno_names[] = {
     {ECONNRESET, "ECONNRESET"}, {ENOBUFS, "ENOBUFS"},   {ENOTCONN, "ENOTCONN"},     {ETIMEDOUT, "ETIMEDOUT"},
     {ECONNREFUSED, "ECONNREFUSED"}, {EHOSTUNREACH, "EHOSTUNREACH"},
 };
+// clang-format on
 
 constexpr uint8_t st_free = 0, st_live = 1, st_dead = 2;
 constexpr int max_fds = 1024;
@@ -156,8 +158,11 @@ bool parse_kind(const char* s, fd_kind& out)
     static constexpr struct {
         const char* name;
         fd_kind kind;
-    } kinds[] = {{"file", fd_kind::file}, {"unix", fd_kind::unix_sock}, {"inet", fd_kind::inet},
-                 {"pipe", fd_kind::pipe}, {"any", fd_kind::any}};
+    } kinds[] = {{"file", fd_kind::file},
+                 {"unix", fd_kind::unix_sock},
+                 {"inet", fd_kind::inet},
+                 {"pipe", fd_kind::pipe},
+                 {"any", fd_kind::any}};
     for (const auto& k : kinds) {
         if (strcmp(s, k.name) == 0) {
             out = k.kind;
@@ -350,8 +355,9 @@ bool parse_rule(const char* text, rule& out, char* why, size_t why_len)
         }
     }
     if (!d)
-        return refuse(why, why_len, r.text, "unknown call (open, write, rename, unlink, ftruncate, fsync, mkdir, "
-                                            "socket, bind, connect, send, recv, pipe2, spawn, select, poll)");
+        return refuse(why, why_len, r.text,
+                      "unknown call (open, write, rename, unlink, ftruncate, fsync, mkdir, "
+                      "socket, bind, connect, send, recv, pipe2, spawn, select, poll)");
     seen_keys k{};
     while (next_word(s, word, sizeof word, too_long)) {
         if (const char* bad = apply_word(word, *d, r, k)) {
@@ -462,8 +468,7 @@ bool enabled()
 
 bool armed(call c)
 {
-    if (!active.load(std::memory_order_relaxed) || passthrough_depth ||
-        live_rules.load(std::memory_order_acquire) == 0)
+    if (!active.load(std::memory_order_relaxed) || passthrough_depth || live_rules.load(std::memory_order_acquire) == 0)
         return false;
     for (const slot& s : slots) {
         if (s.state.load(std::memory_order_acquire) == st_live && s.r.what == c)

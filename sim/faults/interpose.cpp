@@ -96,8 +96,7 @@ mode_t mode_arg(int flags, va_list ap)
     return (flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE ? static_cast<mode_t>(va_arg(ap, int)) : 0;
 }
 
-template <typename F>
-int opened(F real_open, int dirfd, const char* path, int flags, mode_t mode)
+template <typename F> int opened(F real_open, int dirfd, const char* path, int flags, mode_t mode)
 {
     char buf[path_max];
     const char* full = at_path(dirfd, path, buf);
@@ -461,8 +460,8 @@ ssize_t sendmsg(int fd, const struct msghdr* msg, int flags)
 {
     REAL(sendmsg, ssize_t(*)(int, const struct msghdr*, int));
     char pb[path_max];
-    const char* to = msg ? sock_path(static_cast<const struct sockaddr*>(msg->msg_name), msg->msg_namelen, pb)
-                         : nullptr;
+    const char* to =
+        msg ? sock_path(static_cast<const struct sockaddr*>(msg->msg_name), msg->msg_namelen, pb) : nullptr;
     hit h;
     if (check(call::send, fd, to, nullptr, h)) {
         if (h.short_len < 0 || msg == nullptr)
@@ -512,8 +511,7 @@ ssize_t recvfrom(int fd, void* buf, size_t n, int flags, struct sockaddr* addr, 
     return real(fd, buf, n, flags, addr, len);
 }
 
-ssize_t __recvfrom_chk(int fd, void* buf, size_t n, size_t buflen, int flags, struct sockaddr* addr,
-                       socklen_t* len)
+ssize_t __recvfrom_chk(int fd, void* buf, size_t n, size_t buflen, int flags, struct sockaddr* addr, socklen_t* len)
 {
     REAL(__recvfrom_chk, ssize_t(*)(int, void*, size_t, size_t, int, struct sockaddr*, socklen_t*));
     hit h;
@@ -577,11 +575,11 @@ pid_t forked(pid_t pid)
 
 }  // namespace
 
-int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
-                const posix_spawnattr_t* attr, char* const argv[], char* const envp[])
+int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions, const posix_spawnattr_t* attr,
+                char* const argv[], char* const envp[])
 {
-    using fn = int (*)(pid_t*, const char*, const posix_spawn_file_actions_t*, const posix_spawnattr_t*,
-                       char* const[], char* const[]);
+    using fn = int (*)(pid_t*, const char*, const posix_spawn_file_actions_t*, const posix_spawnattr_t*, char* const[],
+                       char* const[]);
     static std::atomic<void*> slot{nullptr};
     fn real = next_fn<fn>(slot, "posix_spawn");
     if (!real)
@@ -592,11 +590,11 @@ int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* 
     return started(real(pid, path, actions, attr, argv, envp), pid);
 }
 
-int posix_spawnp(pid_t* pid, const char* file, const posix_spawn_file_actions_t* actions,
-                 const posix_spawnattr_t* attr, char* const argv[], char* const envp[])
+int posix_spawnp(pid_t* pid, const char* file, const posix_spawn_file_actions_t* actions, const posix_spawnattr_t* attr,
+                 char* const argv[], char* const envp[])
 {
-    using fn = int (*)(pid_t*, const char*, const posix_spawn_file_actions_t*, const posix_spawnattr_t*,
-                       char* const[], char* const[]);
+    using fn = int (*)(pid_t*, const char*, const posix_spawn_file_actions_t*, const posix_spawnattr_t*, char* const[],
+                       char* const[]);
     static std::atomic<void*> slot{nullptr};
     fn real = next_fn<fn>(slot, "posix_spawnp");
     if (!real)

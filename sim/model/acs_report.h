@@ -26,9 +26,9 @@ struct acs_channel {
 
 // What one request was answered with.
 struct acs_answer {
-    int rc = 0;            // the request's result: 0, or 7 for a neighbour buffer too small
-    bool past_end = false; // the entry asked for is not in the report
-    size_t filled = 0;     // neighbour entries written into the buffer
+    int rc = 0;             // the request's result: 0, or 7 for a neighbour buffer too small
+    bool past_end = false;  // the entry asked for is not in the report
+    size_t filled = 0;      // neighbour entries written into the buffer
 };
 
 // Answers one ACS report request from `channels`, as the driver does: writes

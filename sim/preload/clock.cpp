@@ -79,8 +79,7 @@ int event_sleep(int64_t deadline, bool wall, const char* call, struct timespec* 
 
 // select and pselect on the event clock: the sets are restored before each
 // real attempt, as each one overwrites them.
-int event_select(int nfds, fd_set* rd, fd_set* wr, fd_set* ex, int64_t deadline, const char* call,
-                 const sigset_t* mask)
+int event_select(int nfds, fd_set* rd, fd_set* wr, fd_set* ex, int64_t deadline, const char* call, const sigset_t* mask)
 {
     using fn = int (*)(int, fd_set*, fd_set*, fd_set*, const struct timespec*, const __sigset_t*);
     fn f = next_fn<fn>(real_pselect, "pselect");
@@ -185,8 +184,8 @@ clock_t times(struct tms* buf) noexcept
     if (!config.active)
         return real;
     long double elapsed = static_cast<long double>(real_monotonic_ns() - config.mono0_ns) * config.scale;
-    return static_cast<clock_t>(config.ticks0 +
-                                static_cast<int64_t>(elapsed * config.ticks_per_sec / static_cast<long double>(ns_per_s)));
+    return static_cast<clock_t>(
+        config.ticks0 + static_cast<int64_t>(elapsed * config.ticks_per_sec / static_cast<long double>(ns_per_s)));
 }
 
 time_t time(time_t* out) noexcept
@@ -372,8 +371,8 @@ int poll(struct pollfd* fds, nfds_t n, int timeout_ms)
         return -1;
     if (event_clock_on() && timeout_ms > 0) {
         bool due = false;
-        return event_ppoll(fds, n, event_now_ns() + static_cast<int64_t>(timeout_ms) * 1000000, false, "poll",
-                           nullptr, due);
+        return event_ppoll(fds, n, event_now_ns() + static_cast<int64_t>(timeout_ms) * 1000000, false, "poll", nullptr,
+                           due);
     }
     if (!config.active || timeout_ms <= 0)
         return f(fds, n, timeout_ms);

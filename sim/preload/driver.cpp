@@ -1,6 +1,8 @@
 // The simulated wireless driver: answers the daemon's private requests from
 // the state file and logs every driver request. Interface flags stay the
 // kernel's (the sandbox's interfaces are real links that go up and down).
+#include "scan/driver.h"
+
 #include <fcntl.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
@@ -15,10 +17,9 @@
 #include <mutex>
 #include <new>
 
-#include "driver_state.h"
 #include "../faults/fault_core.h"
+#include "driver_state.h"
 #include "preload.h"
-#include "scan/driver.h"
 
 using namespace dorvsim;
 
@@ -289,8 +290,8 @@ int answer_report(const char* name, int radio, drv_iwreq* req)
     }
     acs_answer a = acs_answer_request(r.channels, *rep, r.overflow_rc7);
     if (a.past_end) {
-        reqlog("req=acs_report if=%s n=%d wanted=%u nbr_len=%u rc=0 count=%zu past_end=1", name, nth, wanted,
-               nbr_len, r.channels.size());
+        reqlog("req=acs_report if=%s n=%d wanted=%u nbr_len=%u rc=0 count=%zu past_end=1", name, nth, wanted, nbr_len,
+               r.channels.size());
         return 0;
     }
     const acs_channel& ch = r.channels[wanted];

@@ -37,11 +37,11 @@ struct line_cursor {
 };
 
 class parse_error {
-public:
+  public:
     explicit parse_error(std::string text) : text_(std::move(text)) {}
     const std::string& text() const { return text_; }
 
-private:
+  private:
     std::string text_;
 };
 

@@ -13,6 +13,8 @@
 // their threads asleep in the kernel, and the kernel marks a thread runnable
 // in the same call that wakes it, so no wake-up can slip between a look
 // and an advance.
+#include "event_clock.h"
+
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -28,7 +30,6 @@
 
 #include "../faults/fault_core.h"
 #include "clock_segment.h"
-#include "event_clock.h"
 #include "preload.h"
 
 namespace dorvsim {
@@ -206,8 +207,7 @@ int64_t event_elapsed_ns()
 }
 
 int event_wait(int64_t deadline_ns, bool wall, const char* call, const sigset_t* caller_mask,
-               const std::function<int(const struct timespec*, const sigset_t*)>& attempt, bool& due,
-               int64_t slice_ns)
+               const std::function<int(const struct timespec*, const sigset_t*)>& attempt, bool& due, int64_t slice_ns)
 {
     due = false;
     seg::wait_slot* slot = claim_wait(deadline_ns, wall, call);
@@ -232,8 +232,12 @@ int event_wait(int64_t deadline_ns, bool wall, const char* call, const sigset_t*
     sigdelset(&mask, kick_signal);
     // A safety slice: a wait never sleeps so long that a lost supervisor
     // leaves it stuck.
-    const struct timespec slice {static_cast<time_t>(slice_ns / 1000000000), static_cast<long>(slice_ns % 1000000000)};
-    const struct timespec zero {0, 0};
+    const struct timespec slice {
+        static_cast<time_t>(slice_ns / 1000000000), static_cast<long>(slice_ns % 1000000000)
+    };
+    const struct timespec zero {
+        0, 0
+    };
     int rc = 0;
     for (;;) {
         int64_t now = wall ? event_wall_ns() : event_now_ns();

@@ -5,9 +5,8 @@
 
 #include <dlfcn.h>
 
-#include <cstdarg>
-
 #include <atomic>
+#include <cstdarg>
 #include <cstdint>
 
 #include "../faults/fault_core.h"
@@ -18,10 +17,10 @@ namespace dorvsim {
 // process but the daemon: children inherit LD_PRELOAD and must run unchanged.
 struct settings {
     bool active = false;
-    double scale = 1.0;      // daemon seconds per real second
-    double t0 = 0.0;         // real epoch seconds at which both clocks agree
-    int64_t mono0_ns = 0;    // real monotonic clock at start-up
-    int64_t ticks0 = 0;      // real times() at start-up
+    double scale = 1.0;    // daemon seconds per real second
+    double t0 = 0.0;       // real epoch seconds at which both clocks agree
+    int64_t mono0_ns = 0;  // real monotonic clock at start-up
+    int64_t ticks0 = 0;    // real times() at start-up
     long ticks_per_sec = 100;
     char state_path[256] = {};
     char reqlog_path[256] = {};

@@ -9,7 +9,7 @@
 #include <cstring>
 
 class byte_source {
-public:
+  public:
     explicit byte_source(FILE* f) : f_(f) {}
     byte_source(const void* data, size_t size) : data_(static_cast<const unsigned char*>(data)), size_(size) {}
 
@@ -33,7 +33,7 @@ public:
         return take;
     }
 
-private:
+  private:
     FILE* f_ = nullptr;
     const unsigned char* data_ = nullptr;
     size_t size_ = 0;

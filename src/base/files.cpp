@@ -3,9 +3,8 @@
 #include "base/files.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
-
 #include <stdio_ext.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>

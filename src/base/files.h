@@ -13,7 +13,7 @@
 
 // A move-only owner of one file descriptor; closes it on destruction.
 class unique_fd {
-public:
+  public:
     unique_fd() = default;
     explicit unique_fd(int fd) : fd_(fd) {}
     unique_fd(const unique_fd&) = delete;
@@ -36,7 +36,7 @@ public:
         fd_ = fd;
     }
 
-private:
+  private:
     int fd_ = -1;
 };
 
@@ -74,7 +74,7 @@ int touch_marker(const char* path);
 // file as it was: close() flushes, and on failure cuts the file back to its
 // size at open() and reports false with errno set.
 class append_file {
-public:
+  public:
     // False with errno set when the file cannot be opened (or is refused).
     bool open(const char* path);
     FILE* get() const { return f_.get(); }
@@ -85,7 +85,7 @@ public:
     // Drops whatever was written since open() and closes.
     void discard();
 
-private:
+  private:
     file_ptr f_;
     off_t start_ = 0;
 };
@@ -94,7 +94,7 @@ private:
 // one is removed first) and renamed over the target by commit(). A writer
 // that is destroyed uncommitted removes its temporary file.
 class replace_file {
-public:
+  public:
     replace_file(const char* tmp_path, const char* target) : tmp_(tmp_path), target_(target) {}
     replace_file(const replace_file&) = delete;
     replace_file& operator=(const replace_file&) = delete;
@@ -106,9 +106,8 @@ public:
     // target then unchanged.
     bool commit();
 
-private:
+  private:
     const char* tmp_;
     const char* target_;
     file_ptr f_;
 };
-

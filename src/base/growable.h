@@ -11,11 +11,10 @@
 #include <type_traits>
 #include <utility>
 
-template <typename T>
-class growable_array {
+template <typename T> class growable_array {
     static_assert(std::is_trivially_copyable_v<T>, "entries are moved with memmove and realloc");
 
-public:
+  public:
     growable_array() = default;
     growable_array(const growable_array&) = delete;
     growable_array& operator=(const growable_array&) = delete;
@@ -100,7 +99,7 @@ public:
         return true;
     }
 
-private:
+  private:
     T* data_ = nullptr;
     std::size_t size_ = 0;
     std::size_t capacity_ = 0;

@@ -55,7 +55,7 @@ const char* log_timestamp()
     if (!asctime_r(&tm_now, buf)) {  // GCOVR_EXCL_START: only for a year past 9999
         buf[0] = '\0';
         return buf;
-    }  // GCOVR_EXCL_STOP
+    }                // GCOVR_EXCL_STOP
     buf[24] = '\0';  // drop asctime's newline
     return buf;
 }
@@ -153,8 +153,8 @@ void set_log_conf(const log_conf& conf)
     struct stat st {};
     if (fd.valid() && fstat(fd.get(), &st) == 0) {
         cur_log_size = static_cast<uint32_t>(st.st_size);
-        syslog(LOG_INFO, "%s: Log level: %u, Log size: %u, Log backup count: %u", "set_log_conf",
-               data.level_limit, data.size_limit, data.backup_count);
+        syslog(LOG_INFO, "%s: Log level: %u, Log size: %u, Log backup count: %u", "set_log_conf", data.level_limit,
+               data.size_limit, data.backup_count);
     } else {
         syslog(LOG_ERR, "%s: %s->File not found\n", "set_log_conf", data.path);
     }

@@ -31,8 +31,7 @@ void log_reset_running_size();
 // to_syslog is 1, hands the message to syslog whatever its level. Returns 0.
 // Any thread may call it; calls are serialised so that the running size and
 // rotation stay consistent.
-int log_msg(int to_syslog, unsigned level, const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
+int log_msg(int to_syslog, unsigned level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
 // Installs a copy of conf as the active configuration (backup count limited to
 // 1..99, size limit to 0x100000) and takes the running size from the file.

@@ -146,7 +146,9 @@ int wait_child(const child& c)
             continue;
         }
         if (c.pidfd.valid()) {
-            struct pollfd p {c.pidfd.get(), POLLIN, 0};
+            struct pollfd p {
+                c.pidfd.get(), POLLIN, 0
+            };
             poll(&p, 1, static_cast<int>(std::min<int64_t>(left, 1000)));
         } else {
             // No pidfd (an older kernel): short naps, growing while it runs.
@@ -189,7 +191,9 @@ int shell_read(const char* command, std::string& out, size_t max_bytes)
     wr.reset();
     char buf[512];
     for (;;) {
-        struct pollfd p {rd.get(), POLLIN, 0};
+        struct pollfd p {
+            rd.get(), POLLIN, 0
+        };
         int64_t left = ms_left(c);
         if (left == 0)
             break;  // wait_child kills it

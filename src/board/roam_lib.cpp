@@ -10,13 +10,13 @@
 #include "base/byte_source.h"
 #include "base/files.h"
 #include "base/log.h"
-#include "base/spawn.h"
 #include "base/paths.h"
+#include "base/spawn.h"
 
 const product_info product_table[product_table_rows] = {
-    {"TRV118", 2, 0},  {"TRV113", 2, 0},  {"TRV146", 3, 1}, {"TRV162", 3, 1},  {"TRM204", 2, 0},
-    {"TRM204K", 2, 0}, {"TRM226", 2, 0},  {"TRM238", 3, 1}, {"TRM238P", 3, 2}, {"TRM241P", 3, 2},
-    {"TRM209", 2, 0},  {"TRM221", 2, 0},  {"TRM213", 2, 0}, {"TRM233", 2, 0},
+    {"TRV118", 2, 0},  {"TRV113", 2, 0}, {"TRV146", 3, 1}, {"TRV162", 3, 1},  {"TRM204", 2, 0},
+    {"TRM204K", 2, 0}, {"TRM226", 2, 0}, {"TRM238", 3, 1}, {"TRM238P", 3, 2}, {"TRM241P", 3, 2},
+    {"TRM209", 2, 0},  {"TRM221", 2, 0}, {"TRM213", 2, 0}, {"TRM233", 2, 0},
 };
 
 namespace {
@@ -63,8 +63,8 @@ int scan_key_value(byte_source& in, const char* path, const char* key, char deli
             return 0;
         size_t keep = len - 1;
         if (keep > out_size - 1) {
-            log_msg(0, log_lvl::error, "[roam_lib] Value of %s in %s is longer than %zu characters; cut\n", key,
-                    path, out_size - 1);
+            log_msg(0, log_lvl::error, "[roam_lib] Value of %s in %s is longer than %zu characters; cut\n", key, path,
+                    out_size - 1);
             keep = out_size - 1;
         }
         memcpy(out, value, keep);
@@ -128,8 +128,8 @@ int get_rogue_ap_detection(const char* wlan)
 {
     char cmd[128];
     snprintf(cmd, sizeof cmd,
-             "grep system:wlanSettings:wlanSettingTable:%s:rogueApDetection %s | awk '{print $2}' | head -1",
-             wlan, paths::config_file);
+             "grep system:wlanSettings:wlanSettingTable:%s:rogueApDetection %s | awk '{print $2}' | head -1", wlan,
+             paths::config_file);
     std::string output;
     if (shell_read(cmd, output, 256) != 0) {
         log_msg(0, log_lvl::error, "Getting Neighbor AP status failed\n");

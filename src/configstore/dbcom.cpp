@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "base/growable.h"
-#include "configstore/dbcom_msg.h"
 #include "base/paths.h"
+#include "configstore/dbcom_msg.h"
 
 namespace {
 

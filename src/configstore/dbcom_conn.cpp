@@ -71,8 +71,8 @@ int connect_stream(dbcom_handle* handle, int which, std::optional<std::string>* 
     bool unix_domain = handle->protocol == DBCOM_UNIX_STREAM;
     // dbcom_init makes no handle without both server addresses.
     const dbcom_addr& server = *ch.server_addr;
-    ch.fd = unix_domain ? make_un_stream_socket(server.get(), server.len)
-                        : make_in_stream_socket(server.get(), server.len);
+    ch.fd =
+        unix_domain ? make_un_stream_socket(server.get(), server.len) : make_in_stream_socket(server.get(), server.len);
     if (!ch.fd.valid()) {
         const char* reason = strerror(errno);
         if (unix_domain)

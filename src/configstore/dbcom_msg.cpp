@@ -1,13 +1,13 @@
 // The configd message format: building and decoding messages, and reading
 // one whole message off a socket.
+#include "configstore/dbcom_msg.h"
+
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <syslog.h>
 
 #include <cerrno>
 #include <cstring>
-
-#include "configstore/dbcom_msg.h"
 
 namespace {
 
@@ -109,8 +109,8 @@ int read_stream_message(int fd, uint8_t* buf, std::size_t size)
         return -1;
     dbcom_header hdr = decode_header(buf);
     if (hdr.magic != DBCOM_MAGIC || hdr.op < 1 || hdr.op > 5) {
-        syslog(LOG_ERR, "%s:%d: magic num mismatch = %x or invalid dbcom operation = %d\n", "dbcom_read_message",
-               1194, hdr.magic, hdr.op);
+        syslog(LOG_ERR, "%s:%d: magic num mismatch = %x or invalid dbcom operation = %d\n", "dbcom_read_message", 1194,
+               hdr.magic, hdr.op);
         flush_socket(fd, buf, size);
         return -1;
     }

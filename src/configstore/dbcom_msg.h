@@ -17,10 +17,10 @@
 #include <string_view>
 #include <vector>
 
-#include "configstore/dbcom.h"
 #include "base/files.h"
 #include "base/growable.h"
 #include "base/paths.h"
+#include "configstore/dbcom.h"
 
 // ---------------------------------------------------------------------------
 // Message format
@@ -133,7 +133,6 @@ long dbcom_recv_timed(int fd, uint8_t* buf, std::size_t count, int budget_ms);
 // Seconds a transaction waits for each response. 300 in the daemon; only
 // unit tests lower it.
 extern int dbcom_response_wait;
-
 
 // A socket address owned by the handle, with its length.
 struct dbcom_addr {

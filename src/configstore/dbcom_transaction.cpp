@@ -10,8 +10,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "configstore/dbcom_msg.h"
 #include "base/paths.h"
+#include "configstore/dbcom_msg.h"
 
 int dbcom_response_wait = 300;
 
@@ -99,8 +99,7 @@ int write_stream(dbcom_handle* handle, int which, const dbcom_message& msg, std:
     return 1;
 }
 
-int write_datagram(dbcom_handle* handle, int which, const dbcom_message& msg,
-                   std::optional<std::string>* error)
+int write_datagram(dbcom_handle* handle, int which, const dbcom_message& msg, std::optional<std::string>* error)
 {
     dbcom_channel& ch = channel_of(handle, which);
     // dbcom_init makes no handle without both server addresses.
@@ -145,7 +144,8 @@ void check_stuck(time_t* last)
         return;
     syslog(LOG_ERR, "Configd Stuck Detected: No New Connection happened for last %lu seconds\n", idle);
     if (touch_file(paths::configd_stuck_marker) != 0)
-        syslog(LOG_ERR, "Failure in Configd Stuck Handling Sequence, Unable to touch %s\n", paths::configd_stuck_marker);
+        syslog(LOG_ERR, "Failure in Configd Stuck Handling Sequence, Unable to touch %s\n",
+               paths::configd_stuck_marker);
     *last = now;
 }
 

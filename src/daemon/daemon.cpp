@@ -10,23 +10,23 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <atomic>
 #include <iterator>
 #include <mutex>
 
-#include "configstore/dbcom.h"
 #include "base/coverage.h"
 #include "base/files.h"
-#include "base/spawn.h"
-#include "ftstatus/ft_status.h"
 #include "base/log.h"
 #include "base/paths.h"
+#include "base/spawn.h"
 #include "board/board.h"
+#include "configstore/dbcom.h"
 #include "eventloop/eloop.h"
+#include "ftstatus/ft_status.h"
 #include "neighbours/neighbours.h"
 #include "scan/scan.h"
 
@@ -364,12 +364,12 @@ void setup_signals()
     pthread_sigmask(SIG_BLOCK, &set, nullptr);  // inherited by every thread made later
     if (!setup_signal_pipes())
         log_msg(1, log_lvl::error, "[dorvand] Signal pipe failed [%d|%s]\n", errno, strerror(errno));
-    static struct sigaction exit_action {};
-    static struct sigaction info_action {};
+    static struct sigaction exit_action = {};
+    static struct sigaction info_action = {};
     register_exit_signal(&exit_action, exit_signal, exit_signal_handler);
     register_info_signal(&info_action, SIGRTMIN, ft_status_signal_handler);
     if constexpr (coverage_build) {
-        static struct sigaction term_action {};
+        static struct sigaction term_action = {};
         register_exit_signal(&term_action, SIGTERM, exit_signal_handler);
     }
     // Signal 10 is served by the signal thread through its pipe: without
@@ -444,8 +444,8 @@ int daemon_main()
     }
     if (pid_rc != 0) {
         int err = errno;
-        log_msg(0, log_lvl::error, "[dorvand] \n Failed to open the pid file \"(%s)\" [ Reason = %s(%d)]", paths::pid_file,
-                strerror(err), err);
+        log_msg(0, log_lvl::error, "[dorvand] \n Failed to open the pid file \"(%s)\" [ Reason = %s(%d)]",
+                paths::pid_file, strerror(err), err);
     }
     remove_stale_scan_markers();
     init_tables();

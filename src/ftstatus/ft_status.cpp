@@ -11,13 +11,13 @@
 #include <optional>
 #include <string>
 
-#include "configstore/dbcom.h"
 #include "base/files.h"
 #include "base/log.h"
-#include "base/spawn.h"
 #include "base/paths.h"
-#include "neighbours/neighbours.h"
+#include "base/spawn.h"
 #include "board/board.h"
+#include "configstore/dbcom.h"
+#include "neighbours/neighbours.h"
 
 ft_shared& ft_state()
 {

@@ -1,14 +1,14 @@
 // The per-VAP neighbour BSSID lines of /tmp/ap2_macaddr.txt: adding and
 // deleting one BSSID, and dropping a VAP's line. Callers hold kh_lock.
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
-#include <array>
 #include <optional>
-#include <utility>
-#include <vector>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "base/files.h"
 #include "base/log.h"
@@ -95,8 +95,7 @@ bool key_line_missing(const char* key)
 // temporary file and renames that over the original. `edit` returns the line
 // to write, or nothing to drop it. The temporary file never outlives a
 // failure.
-template <typename Edit>
-int rewrite_ap2mac(tmp_msg which, Edit edit)
+template <typename Edit> int rewrite_ap2mac(tmp_msg which, Edit edit)
 {
     file_ptr in = open_owned_file(paths::ap2mac, "r");
     if (!in) {
@@ -113,8 +112,7 @@ int rewrite_ap2mac(tmp_msg which, Edit edit)
             log_msg(0, log_lvl::error, "[dorvand] \n Failed to open the TMP AP2MAC file \"(%s)\" [ Reason = %s(%d)]",
                     paths::ap2mac_tmp, strerror(err), err);
         else
-            log_msg(0, log_lvl::error,
-                    "[dorvand] \n Failed to open the TMP AP2MAC file \"(%s)\"  [ Reason = %s(%d)]",
+            log_msg(0, log_lvl::error, "[dorvand] \n Failed to open the TMP AP2MAC file \"(%s)\"  [ Reason = %s(%d)]",
                     paths::ap2mac_tmp, strerror(err), err);
         mark_stale();
         return -1;
@@ -123,8 +121,8 @@ int rewrite_ap2mac(tmp_msg which, Edit edit)
     nb::line_status st;
     while ((st = nb::read_line(in.get(), line, max_line)) != nb::line_status::end) {
         if (st == nb::line_status::too_long) {
-            log_msg(0, log_lvl::error, "[dorvand] Dropped a line of %s longer than %zu characters\n",
-                    paths::ap2mac, max_line);
+            log_msg(0, log_lvl::error, "[dorvand] Dropped a line of %s longer than %zu characters\n", paths::ap2mac,
+                    max_line);
             continue;
         }
         if (std::optional<std::string> kept = edit(std::string_view(line)))
@@ -160,12 +158,11 @@ std::string add_to_line(std::string_view line, const char* text)
 // by one blank. `last_token` carries the token last split off (the whole
 // first token when the line had no other) across lines, for the diagnostic
 // line only.
-std::string delete_from_line(std::string_view line, const std::string& key, const char* text,
-                             std::string& last_token)
+std::string delete_from_line(std::string_view line, const std::string& key, const char* text, std::string& last_token)
 {
     std::string rebuilt = key + "=";
-    log_msg(0, log_lvl::debug, "[%d] addr:%s, mac_str:%s, mac_str_cpy:%s, param:%d\n", site_delete,
-            last_token.c_str(), std::string(line).c_str(), rebuilt.c_str(), 0);
+    log_msg(0, log_lvl::debug, "[%d] addr:%s, mac_str:%s, mac_str_cpy:%s, param:%d\n", site_delete, last_token.c_str(),
+            std::string(line).c_str(), rebuilt.c_str(), 0);
     bool first = true;
     size_t pos = 0;
     while ((pos = line.find_first_not_of(' ', pos)) != std::string_view::npos) {
@@ -181,8 +178,7 @@ std::string delete_from_line(std::string_view line, const std::string& key, cons
             // line the daemon did not write could outgrow the bound, and the
             // next rewrite would drop all of it.
             if (rebuilt.size() + bssid.size() + 1 > max_line) {
-                log_msg(0, log_lvl::error, "[dorvand] ap2_macaddr line full, %s dropped\n",
-                        std::string(bssid).c_str());
+                log_msg(0, log_lvl::error, "[dorvand] ap2_macaddr line full, %s dropped\n", std::string(bssid).c_str());
                 continue;
             }
             rebuilt.append(bssid);
@@ -222,7 +218,8 @@ int ap2mac_update(const char* vap, const char* text, int op)
 
 int ap2mac_remove_vap(const char* key)
 {
-    return rewrite_ap2mac(tmp_msg::remove_vap, [&](std::string_view line) { return nb::ap2mac_remove_line(line, key); });
+    return rewrite_ap2mac(tmp_msg::remove_vap,
+                          [&](std::string_view line) { return nb::ap2mac_remove_line(line, key); });
 }
 
 std::optional<std::string> nb::ap2mac_update_line(std::string_view line, const std::string& key, const char* text,

@@ -2,8 +2,8 @@
 // known-AP tables, the key-holder list and the key-holder files.
 #include <poll.h>
 #include <pthread.h>
-#include <sys/stat.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -20,11 +20,10 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "board/board.h"
-#include "neighbours/neighbours.h"
 #include "neighbours/nb_internal.h"
+#include "neighbours/neighbours.h"
 
 namespace {
-
 
 void log_mac(const uint8_t m[6])
 {
@@ -115,8 +114,7 @@ int bind_event_socket(bind_step& failed)
     // the socket between the bind and the chmod.
     failed = bind_step::restrict;
     int one = 1;
-    if (chmod(paths::event_socket, 0600) != 0 ||
-        setsockopt(fd.get(), SOL_SOCKET, SO_PASSCRED, &one, sizeof one) != 0)
+    if (chmod(paths::event_socket, 0600) != 0 || setsockopt(fd.get(), SOL_SOCKET, SO_PASSCRED, &one, sizeof one) != 0)
         return -1;
     return fd.release();
 }
@@ -181,7 +179,9 @@ void check_event_socket(served_socket& s)
 
 bool datagram_queued(int fd)
 {
-    struct pollfd p {fd, POLLIN, 0};
+    struct pollfd p {
+        fd, POLLIN, 0
+    };
     return poll(&p, 1, 0) != 0;
 }
 
@@ -195,7 +195,9 @@ void wait_for_event(served_socket& s)
     for (;;) {
         if (std::chrono::steady_clock::now() - s.checked >= check_period && !datagram_queued(s.fd.get()))
             check_event_socket(s);
-        struct pollfd p {s.fd.get(), POLLIN, 0};
+        struct pollfd p {
+            s.fd.get(), POLLIN, 0
+        };
         int ready = poll(&p, 1, kh_files_retry_secs * 1000);
         if (ready != 0)
             return;  // a datagram, or an error the receive reports

@@ -11,8 +11,8 @@
 #include "base/log.h"
 #include "base/spawn.h"
 #include "board/board.h"
-#include "neighbours/neighbours.h"
 #include "neighbours/nb_internal.h"
+#include "neighbours/neighbours.h"
 
 namespace {
 
@@ -54,8 +54,8 @@ bool write_records(FILE* f, const std::vector<mac_bytes>& skip)
 {
     for (const kh_entry* e = neighbours().kh_list.next; e != &neighbours().kh_list; e = e->next) {
         if (contains(skip, e->mac)) {
-            log_msg(0, log_lvl::info, "%02x:%02x:%02x:%02x:%02x:%02x is already cached in MKH\n", e->mac[0],
-                    e->mac[1], e->mac[2], e->mac[3], e->mac[4], e->mac[5]);
+            log_msg(0, log_lvl::info, "%02x:%02x:%02x:%02x:%02x:%02x is already cached in MKH\n", e->mac[0], e->mac[1],
+                    e->mac[2], e->mac[3], e->mac[4], e->mac[5]);
             continue;
         }
         nb::record_bytes bytes = nb::encode_record(*e);
@@ -168,7 +168,7 @@ void write_key_holders(const char* mode)
     } else if (std::strcmp(mode, "w") == 0) {
         if (!rewrite_key_holders())
             mark_stale();
-    // GCOVR_EXCL_START: callers pass "a" or "w"
+        // GCOVR_EXCL_START: callers pass "a" or "w"
     } else
         log_msg(0, log_lvl::error, "[dorvand] write_key_holders: unknown mode \"%s\"\n", mode);
     // GCOVR_EXCL_STOP
@@ -211,7 +211,7 @@ void key_change_on_deletion(int radio, uint8_t family, uint8_t mac[6])
         for (int v = 0; v < 10; ++v) {
             if (!vap_enabled(mask, r, v))
                 continue;
-            char name[32]; // unoptimised builds see only that r is an int
+            char name[32];  // unoptimised builds see only that r is an int
             snprintf(name, sizeof name, "wifi%dvap%d", r, v);
             fprintf(f.get(), "%s_wifi%dvap%d=1,0\n", "ft_key_changed", r, v);
             for (int k = 0; k < 3; ++k) {

@@ -9,8 +9,8 @@
 #include "base/files.h"
 #include "base/log.h"
 #include "board/board.h"
-#include "neighbours/neighbours.h"
 #include "neighbours/nb_internal.h"
+#include "neighbours/neighbours.h"
 
 neighbour_state& neighbours()
 {
@@ -57,8 +57,8 @@ void derive_key_holder_mac(kh_candidate& c, int radio)
 
 void log_mac_dashes(const uint8_t m[6], const char* active, const char* family)
 {
-    log_msg(0, log_lvl::info, "%02x-%02x-%02x-%02x-%02x-%02x | %s | %s \n", m[0], m[1], m[2], m[3], m[4], m[5],
-            active, family);
+    log_msg(0, log_lvl::info, "%02x-%02x-%02x-%02x-%02x-%02x | %s | %s \n", m[0], m[1], m[2], m[3], m[4], m[5], active,
+            family);
 }
 
 }  // namespace
@@ -168,8 +168,8 @@ void match_known_aps(const scan_ap_record* records, int count, int radio)
         if (!known)
             continue;
         const uint8_t* m = known->mac;
-        log_msg(0, log_lvl::info, "[dorvand] %02x-%02x-%02x-%02x-%02x-%02x %s  \n", m[0], m[1], m[2], m[3], m[4],
-                m[5], known->family ? "TRM" : "TRV");
+        log_msg(0, log_lvl::info, "[dorvand] %02x-%02x-%02x-%02x-%02x-%02x %s  \n", m[0], m[1], m[2], m[3], m[4], m[5],
+                known->family ? "TRM" : "TRV");
         kh_candidate c{};
         std::memcpy(c.mac, known->mac, 6);
         c.active = known->present;

@@ -6,9 +6,8 @@
 #include <new>
 
 #include "base/log.h"
-#include "neighbours/neighbours.h"
 #include "neighbours/nb_internal.h"
-
+#include "neighbours/neighbours.h"
 
 // The slot of a MAC is one nibble, so only slots 0..15 of the 256 heads ever
 // hold entries; walks and teardown visit just those.
@@ -72,9 +71,8 @@ void print_slot(const known_ap_entry* head, int slot)
 {
     log_msg(0, log_lvl::info, "\t*** slot = %d ***\n", slot);
     for (const known_ap_entry* e = head; e; e = e->next)
-        log_msg(0, log_lvl::info, "%02x:%02x:%02x:%02x:%02x:%02x present = %s | family = %s \n", e->mac[0],
-                e->mac[1], e->mac[2], e->mac[3], e->mac[4], e->mac[5], e->present ? "Yes" : "No",
-                e->family ? "TRM" : "TRV");
+        log_msg(0, log_lvl::info, "%02x:%02x:%02x:%02x:%02x:%02x present = %s | family = %s \n", e->mac[0], e->mac[1],
+                e->mac[2], e->mac[3], e->mac[4], e->mac[5], e->present ? "Yes" : "No", e->family ? "TRM" : "TRV");
 }
 
 }  // namespace
@@ -147,8 +145,8 @@ void add_to_ht(known_ap_table* table, const uint8_t mac[6], uint8_t present, uin
     known_ap_entry* last = head;
     for (known_ap_entry* e = head->next; e; e = e->next) {
         if (same_mac(e->mac, mac)) {
-            log_msg(0, log_lvl::debug, "Duplicate entry at traversal %hhX-%hhX-%hhX-%hhX-%hhX-%hhX \n", mac[0],
-                    mac[1], mac[2], mac[3], mac[4], mac[5]);
+            log_msg(0, log_lvl::debug, "Duplicate entry at traversal %hhX-%hhX-%hhX-%hhX-%hhX-%hhX \n", mac[0], mac[1],
+                    mac[2], mac[3], mac[4], mac[5]);
             unlock_and_log(hold, who);
             return;
         }
@@ -201,7 +199,7 @@ void traverse_hash_table(known_ap_table* table, const char* name)
     if (!table) {
         log_msg(0, log_lvl::info, "hash table is empty for %s \n", name);
     } else {
-    // GCOVR_EXCL_STOP
+        // GCOVR_EXCL_STOP
         log_msg(0, log_lvl::info, "###############################\n");
         log_msg(0, log_lvl::info, "\t\thash table for %s \n", name);
         for (int slot = 0; slot < used_slots; ++slot) {
@@ -239,7 +237,7 @@ std::unique_ptr<known_ap_entry> find_known_ap(const scan_ap_record* records, int
         std::unique_ptr<known_ap_entry> copy(new (std::nothrow) known_ap_entry(*e));
         // GCOVR_EXCL_START: only when memory is exhausted
         if (copy)
-        // GCOVR_EXCL_STOP
+            // GCOVR_EXCL_STOP
             copy->next = nullptr;
         return copy;
     }

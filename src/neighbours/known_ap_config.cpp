@@ -103,8 +103,8 @@ void load_known_aps_from(known_ap_table* table, const char* name, byte_source& i
         if (st == nb::line_status::end)
             break;
         if (st == nb::line_status::too_long) {
-            log_msg(0, log_lvl::error, "[dorvand] Skipped a line of %s longer than %zu characters\n", paths::config_file,
-                    max_config_line);
+            log_msg(0, log_lvl::error, "[dorvand] Skipped a line of %s longer than %zu characters\n",
+                    paths::config_file, max_config_line);
             continue;
         }
         if (!std::strstr(line.data(), prefix))

@@ -74,8 +74,8 @@ struct kh_candidate {
 // What the module owns for the life of the process (the thread and lock
 // rules are in daemon/threads.h).
 struct neighbour_state {
-    known_ap_table* known_ap_tables[3] = {};  // by radio; null where the board has none
-    std::timed_mutex ht_mutex;                // the tables, inside each table operation
+    known_ap_table* known_ap_tables[3] = {};         // by radio; null where the board has none
+    std::timed_mutex ht_mutex;                       // the tables, inside each table operation
     kh_entry kh_list{&kh_list, &kh_list, {}, 0, 0};  // sentinel head of the circular list
     uint8_t kh_list_nonempty = 0;
     std::timed_mutex kh_lock;  // the list, kh_list_nonempty and the three files
@@ -214,14 +214,12 @@ bool read_record(FILE* f, key_holder_record& out);
 // to its end and reported as such, so its tail is never taken for a line of
 // its own, whatever it holds.
 enum class line_status { ok, too_long, end };
-line_status read_line(byte_source& in, char* buf, size_t max_len, bool* had_newline = nullptr,
-                      size_t* len = nullptr);
+line_status read_line(byte_source& in, char* buf, size_t max_len, bool* had_newline = nullptr, size_t* len = nullptr);
 line_status read_line(FILE* f, char* buf, size_t max_len, bool* had_newline = nullptr);
 
 // The 17-character neighbour BSSID text for neighbour radio k and local VAP v
 // of a key holder whose last byte is `last`.
-std::array<char, 18> neighbour_bssid_text(const uint8_t mac[6], uint8_t last, int k, int v,
-                                          const vap_offsets& off);
+std::array<char, 18> neighbour_bssid_text(const uint8_t mac[6], uint8_t last, int k, int v, const vap_offsets& off);
 
 // The ap2_macaddr file's lines are at most 1022 bytes (a 1024-byte buffer
 // with the newline and the terminator).

@@ -71,13 +71,11 @@ line_status read_line(FILE* f, char* buf, size_t max_len, bool* had_newline)
     return read_line(in, buf, max_len, had_newline);
 }
 
-std::array<char, 18> neighbour_bssid_text(const uint8_t mac[6], uint8_t last, int k, int v,
-                                          const vap_offsets& off)
+std::array<char, 18> neighbour_bssid_text(const uint8_t mac[6], uint8_t last, int k, int v, const vap_offsets& off)
 {
     auto low = static_cast<uint8_t>(last - off.eth_offset + off.wlan_diff * k + v + off.first_vap_offset);
     std::array<char, 18> text{};
-    snprintf(text.data(), text.size(), "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3], mac[4],
-             low);
+    snprintf(text.data(), text.size(), "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3], mac[4], low);
     return text;
 }
 

@@ -92,13 +92,13 @@ void run_ft_script_if_key_holders();
 // thread adds nothing. Every operation above takes one; a test holds one to
 // stand for an update in progress.
 class kh_update {
-public:
+  public:
     kh_update();
     ~kh_update();
     kh_update(const kh_update&) = delete;
     kh_update& operator=(const kh_update&) = delete;
 
-private:
+  private:
     bool outer_;
     bool stale_at_start_ = false;
 };

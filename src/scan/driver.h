@@ -10,22 +10,23 @@
 // beyond the driver's length, and would send a length no driver expects.
 #pragma once
 
+#include <net/if.h>
+
 #include <cstddef>
 #include <cstdint>
-#include <net/if.h>
 
 // ---- Request numbers and ids ----------------------------------------------
 
-inline constexpr unsigned long DRV_SIOCGIFFLAGS = 0x8913;  // interface flags (system)
-inline constexpr unsigned long DRV_REQ_PARAM_SET = 0x8BE0; // private parameter set
-inline constexpr unsigned long DRV_REQ_PARAM_GET = 0x8BE1; // private parameter get
-inline constexpr unsigned long DRV_REQ_CHAN_INFO = 0x8BE7; // channel list of a radio
-inline constexpr unsigned long DRV_REQ_DEBUG = 0x8BF8;     // debug request (ACS report)
-inline constexpr unsigned long DRV_REQ_EXT_CMD = 0x89F8;   // device-private extended command
+inline constexpr unsigned long DRV_SIOCGIFFLAGS = 0x8913;   // interface flags (system)
+inline constexpr unsigned long DRV_REQ_PARAM_SET = 0x8BE0;  // private parameter set
+inline constexpr unsigned long DRV_REQ_PARAM_GET = 0x8BE1;  // private parameter get
+inline constexpr unsigned long DRV_REQ_CHAN_INFO = 0x8BE7;  // channel list of a radio
+inline constexpr unsigned long DRV_REQ_DEBUG = 0x8BF8;      // debug request (ACS report)
+inline constexpr unsigned long DRV_REQ_EXT_CMD = 0x89F8;    // device-private extended command
 
 inline constexpr int32_t PARAM_CAC_STATE = 310;
 inline constexpr int32_t PARAM_ACS_SCAN = 318;
-inline constexpr int32_t ACS_SCAN_START_VALUE = 4; // sent with PARAM_ACS_SCAN
+inline constexpr int32_t ACS_SCAN_START_VALUE = 4;  // sent with PARAM_ACS_SCAN
 
 inline constexpr uint32_t EXT_CMD_CHAN_SCAN = 6;
 inline constexpr uint32_t EXT_CMD_VOICE_STATS = 23;
@@ -43,7 +44,7 @@ struct drv_ifreq {
     char name[16];
     union {
         int16_t flags;
-        void* data; // extended command: the drv_ext_cmd block
+        void* data;  // extended command: the drv_ext_cmd block
         uint8_t raw[sizeof(struct ifreq) - IFNAMSIZ];
     } u;
 };
@@ -66,7 +67,7 @@ struct drv_iwreq {
 struct drv_param_req {
     char name[16];
     int32_t param;
-    int32_t value; // set: the value sent with the parameter
+    int32_t value;  // set: the value sent with the parameter
     uint8_t reserved[8];
 };
 
@@ -84,16 +85,16 @@ struct drv_voice_stats {
     uint64_t prev_voice_pkts;
     uint64_t cur_voice_pkts;
     uint8_t reserved32;
-    uint8_t voice_bit; // nonzero while voice traffic is active
+    uint8_t voice_bit;  // nonzero while voice traffic is active
     uint8_t reserved34[6];
 };
 
 // Single-channel scan (EXT_CMD_CHAN_SCAN). The constant words and flags are
 // the driver's scan parameters; they are sent as they are.
 struct drv_chan_scan {
-    uint32_t word[5]; // 110, 60, 100, 50, 1500
-    uint8_t flag[2];  // 1, 1
-    uint8_t channel;  // low 8 bits of the channel number
+    uint32_t word[5];  // 110, 60, 100, 50, 1500
+    uint8_t flag[2];   // 1, 1
+    uint8_t channel;   // low 8 bits of the channel number
     uint8_t reserved[33];
 };
 inline constexpr uint32_t CHAN_SCAN_WORDS[5] = {110, 60, 100, 50, 1500};
@@ -123,18 +124,18 @@ struct acs_neighbour {
     int32_t rssi;
     uint8_t bssid[6];
     uint8_t reserved14;
-    char ssid[33]; // NUL-terminated by the driver, at most 32 characters
+    char ssid[33];  // NUL-terminated by the driver, at most 32 characters
     uint8_t vx_ap_type;
     uint8_t reserved49[3];
 };
 
-inline constexpr size_t ACS_NEIGHBOURS_FIRST = 32; // entries of the first buffer
+inline constexpr size_t ACS_NEIGHBOURS_FIRST = 32;  // entries of the first buffer
 
 // One channel of the ACS report. The daemon writes `wanted` and the
 // neighbour buffer; the driver fills the rest.
 struct acs_report {
-    uint8_t count;  // channel entries in the report
-    uint8_t wanted; // index of the entry asked for
+    uint8_t count;   // channel entries in the report
+    uint8_t wanted;  // index of the entry asked for
     uint8_t reserved2[2];
     uint8_t ieee_chan;
     uint8_t chan_nbss;
@@ -145,7 +146,7 @@ struct acs_report {
     int16_t spectral_load;
     uint32_t chan_load;
     uint8_t reserved24[4];
-    uint32_t nbr_length; // bytes of the neighbour buffer
+    uint32_t nbr_length;  // bytes of the neighbour buffer
     // Eight bytes on every build, so that chan_rank keeps its offset.
     union {
         acs_neighbour* pointer;

@@ -1,21 +1,19 @@
 // Checks run against the driver around every scan: radio and VAP up state,
 // CAC state, voice traffic, the scan channel list reset and the radio's
 // channel list.
-#include "base/paths.h"
-#include "base/log.h"
-#include "base/spawn.h"
-#include "scan/scan.h"
-#include "scan/scan_internal.h"
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
 
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/spawn.h"
+#include "scan/scan.h"
+#include "scan/scan_internal.h"
 
-namespace
-{
+namespace {
 
 constexpr int cac_socket_line = 1546;
 constexpr int cac_ioctl_line = 1557;
@@ -90,7 +88,7 @@ int append_channels(const drv_chan_info& reply, const char* ifname)
             radio = r;
     }
     if (radio < 0)  // GCOVR_EXCL_BR_LINE: the full scan asks with its VAP's name, wifiNvapM
-        return 0;  // GCOVR_EXCL_LINE: as above
+        return 0;   // GCOVR_EXCL_LINE: as above
     growable_array<int32_t>& list = scanning().scan_chan_list[radio];
     for (unsigned i = 0; i < reply.count; ++i) {
         int32_t channel = reply.record[i].ieee_chan;
@@ -106,7 +104,7 @@ int append_channels(const drv_chan_info& reply, const char* ifname)
     return 0;
 }
 
-} // namespace
+}  // namespace
 
 int is_radio_up(int radio)
 {

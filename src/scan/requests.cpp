@@ -1,15 +1,15 @@
 // Builders of the driver request blocks, the request socket, and the seams
 // through which the module reaches the driver and sleeps.
-#include "scan/scan_internal.h"
-
-#include <cstdio>
-#include <cstring>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace
-{
+#include <cstdio>
+#include <cstring>
+
+#include "scan/scan_internal.h"
+
+namespace {
 
 int libc_ioctl(int fd, unsigned long request, void* arg)
 {
@@ -27,7 +27,7 @@ template <typename T> void zero_block(T& block)
     memset(&block, 0, sizeof block);
 }
 
-} // namespace
+}  // namespace
 
 driver_ioctl_fn driver_ioctl = libc_ioctl;
 scan_sleep_fn scan_sleep = libc_sleep;

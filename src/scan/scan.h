@@ -43,13 +43,11 @@ int get_channel_info(const char* ifname);
 
 // ---- Scan databases --------------------------------------------------------
 
-
 int create_scan_db_2g();
 int create_scan_db_5g();
 int create_scan_db_5gh();
 
 // ---- Scan trigger and results ----------------------------------------------
-
 
 int trigger_acs_scan(const char* vap_name);
 int trigger_batch_scan(int radio, int channel);

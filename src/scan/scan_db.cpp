@@ -1,11 +1,5 @@
 // The per-band scan databases: creation, and the channel and BSS upserts of
 // a scan's write cycles.
-#include "base/files.h"
-#include "base/log.h"
-#include "base/paths.h"
-#include "scan/scan.h"
-#include "scan/scan_internal.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,9 +13,13 @@
 #include <memory>
 #include <utility>
 
+#include "base/files.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "scan/scan.h"
+#include "scan/scan_internal.h"
 
-namespace
-{
+namespace {
 
 // ---- Statements --------------------------------------------------------------
 
@@ -256,7 +254,7 @@ stmt_ptr prepare_bss_write(sqlite3* db, const bss_row& row, const char* mac, boo
     return stmt;
 }
 
-} // namespace
+}  // namespace
 
 int create_scan_db_2g()
 {

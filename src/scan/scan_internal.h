@@ -2,13 +2,14 @@
 // request builders, the socket helper and the database upserts.
 #pragma once
 
-#include "base/files.h"
-#include "scan/driver.h"
+#include <sqlite3.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <sqlite3.h>
+
+#include "base/files.h"
+#include "scan/driver.h"
 
 // ---- Seams ----------------------------------------------------------------
 

@@ -1,11 +1,5 @@
 // Scan triggers (full ACS scan, single-channel scan) and the reading of the
 // driver's ACS report into the scan database and the key-holder logic.
-#include "board/roam_lib.h"
-#include "base/log.h"
-#include "neighbours/neighbours.h"
-#include "scan/scan.h"
-#include "scan/scan_internal.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -14,9 +8,13 @@
 #include <mutex>
 #include <new>
 
+#include "base/log.h"
+#include "board/roam_lib.h"
+#include "neighbours/neighbours.h"
+#include "scan/scan.h"
+#include "scan/scan_internal.h"
 
-namespace
-{
+namespace {
 
 constexpr const char* fn_name = "process_scan_result";
 
@@ -69,7 +67,7 @@ void resolve_ifname(int radio, const char* ifname, char (&out)[32])
 {
     out[0] = '\0';
     if (strlen(ifname) > 5) {
-        snprintf(out, sizeof out, "%.31s", ifname); // cut to the buffer; refused below as too long
+        snprintf(out, sizeof out, "%.31s", ifname);  // cut to the buffer; refused below as too long
         return;
     }
     int vap = find_active_vap(ifname, radio);
@@ -168,8 +166,8 @@ void store_neighbours(const acs_report& report, const acs_neighbour* buffer, siz
         log_msg(0, log_lvl::error,
                 "Dorvand chan:%3d\t chan_nbss:%d\t ssid:%s\t bssid:%02x:%02x:%02x:%02x:%02x:%02x\t rssi:%d\t "
                 "phymode:%d vx_ap_type:%d\n",
-                report.ieee_chan, report.chan_nbss, log_escape(ssid).c_str(), n.bssid[0], n.bssid[1], n.bssid[2], n.bssid[3], n.bssid[4],
-                n.bssid[5], n.rssi, n.phymode, n.vx_ap_type);
+                report.ieee_chan, report.chan_nbss, log_escape(ssid).c_str(), n.bssid[0], n.bssid[1], n.bssid[2],
+                n.bssid[3], n.bssid[4], n.bssid[5], n.rssi, n.phymode, n.vx_ap_type);
         if (list) {  // GCOVR_EXCL_BR_LINE: as for the list above
             scan_ap_record& rec = list[j];
             memcpy(rec.bssid, n.bssid, sizeof rec.bssid);
@@ -207,7 +205,7 @@ int neighbour_cycle(report_session& s, int radio, int channel, const scan_stamp&
     return 0;
 }
 
-} // namespace
+}  // namespace
 
 int trigger_acs_scan(const char* vap_name)
 {
@@ -222,7 +220,7 @@ int trigger_acs_scan(const char* vap_name)
         int err = errno;
         log_msg(1, log_lvl::error, "%s | Failed to trigger ACS scan [%s | %d ]\n", vap_name, strerror(err), err);
         fd.reset();
-        errno = err; // the scheduler reports it too
+        errno = err;  // the scheduler reports it too
         return -1;
     }
     return 0;
@@ -243,7 +241,7 @@ int trigger_batch_scan(int radio, int channel)
     cmd.length = DRV_CHAN_SCAN_LEN;
     drv_ifreq req{};
     char name[16] = {};
-    snprintf(name, 15, "wifi%d", radio); // bound 15: byte 15 of the field stays 0
+    snprintf(name, 15, "wifi%d", radio);  // bound 15: byte 15 of the field stays 0
     copy_ifname(req.name, name);
     req.u.data = &cmd;
     log_msg(0, log_lvl::info, "The ACS scan trigger for radio:%d on channel:%d\n", radio, channel);

@@ -1,23 +1,24 @@
 // The per-band chain of scan timers: wait for rogue-AP detection and the
 // radio, create the database, one full ACS scan, then a batch scan of the
 // learned channels every 1800 s.
-#include "base/paths.h"
-#include "board/roam_lib.h"
-#include "base/files.h"
-#include "base/log.h"
-#include "board/board.h"
-#include "eventloop/eloop.h"
-#include "neighbours/neighbours.h"
-#include "scan/scan.h"
-#include "scan/scan_internal.h"
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <sys/stat.h>
-#include <unistd.h>
+
+#include "base/files.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "board/board.h"
+#include "board/roam_lib.h"
+#include "eventloop/eloop.h"
+#include "neighbours/neighbours.h"
+#include "scan/scan.h"
+#include "scan/scan_internal.h"
 
 scan_state& scanning()
 {
@@ -25,8 +26,7 @@ scan_state& scanning()
     return state;
 }
 
-namespace
-{
+namespace {
 
 constexpr uint32_t retry_secs = 10;
 constexpr uint32_t cac_retry_secs = 60;
@@ -50,17 +50,17 @@ struct band {
     const char* start_name;
     const char* full_name;
     const char* batch_name;
-    const char* rogue_enabled; // -
-    const char* begin;         // handler
-    const char* no_vap;        // line, radio name
+    const char* rogue_enabled;  // -
+    const char* begin;          // handler
+    const char* no_vap;         // line, radio name
     int no_vap_line;
-    const char* iface;          // VAP name
-    const char* voice;          // handler, radio name
-    const char* trigger_failed; // handler, errno, its text
-    const char* triggered;      // handler
-    const char* results_failed; // handler, radio name
-    const char* not_started;    // rogue status, ft_enabled_vaps, VAP index
-    const char* batch_skip;     // handler, radio name, rogue status, ft_enabled_vaps
+    const char* iface;           // VAP name
+    const char* voice;           // handler, radio name
+    const char* trigger_failed;  // handler, errno, its text
+    const char* triggered;       // handler
+    const char* results_failed;  // handler, radio name
+    const char* not_started;     // rogue status, ft_enabled_vaps, VAP index
+    const char* batch_skip;      // handler, radio name, rogue status, ft_enabled_vaps
 };
 
 constexpr const char* cac_text = "[dorvand] %s: CAC timer running on the interface %s, holding the scan trigger\n";
@@ -152,8 +152,7 @@ void schedule(const band& b, eloop_timeout_handler handler, uint32_t secs, intpt
     eloop_cancel_timer(handler, 0, ctx2);
     // GCOVR_EXCL_START: a timer is refused only when memory runs out, which overcommit never lets happen
     if (eloop_add_timer(secs, 0, handler, 0, ctx2) != 0)
-        log_msg(1, log_lvl::error, "[dorvand] No timer for the next scan stage of radio %d: its scans stop\n",
-                b.radio);
+        log_msg(1, log_lvl::error, "[dorvand] No timer for the next scan stage of radio %d: its scans stop\n", b.radio);
     // GCOVR_EXCL_STOP
 }
 
@@ -318,7 +317,7 @@ void batch_scan(const band& b, intptr_t ctx2)
     schedule(b, b.batch_scan, batch_period_secs, radio);
 }
 
-} // namespace
+}  // namespace
 
 void start_rogue_checks()
 {
@@ -332,7 +331,8 @@ void set_rand_scan_timer()
 {
     srand(static_cast<unsigned>(time(nullptr)));
     scanning().rand_scan_timer = static_cast<uint16_t>(rand() % 25 + 6);
-    log_msg(0, log_lvl::info, "**** %d : rand_scan_timer: %d seconds ****\n", rand_log_line, scanning().rand_scan_timer * 10);
+    log_msg(0, log_lvl::info, "**** %d : rand_scan_timer: %d seconds ****\n", rand_log_line,
+            scanning().rand_scan_timer * 10);
 }
 
 void rogue_ap_check_2g(intptr_t, intptr_t)
@@ -402,7 +402,7 @@ void log_cancelled(int line, int count)
 {
     log_msg(0, log_lvl::info, " %d Number of eloop cancelled timeouts:%d \n", line, count);
 }
-} // namespace
+}  // namespace
 
 void set_scan_startup_work(void (*work)())
 {

@@ -31,8 +31,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     while ((st = nb::read_line(in, line, nb::ap2mac_max_line)) != nb::line_status::end) {
         if (st == nb::line_status::too_long)
             continue;
-        std::optional<std::string> kept = op <= 1 ? nb::ap2mac_update_line(line, key, text, op, last_token)
-                                                  : nb::ap2mac_remove_line(line, key);
+        std::optional<std::string> kept =
+            op <= 1 ? nb::ap2mac_update_line(line, key, text, op, last_token) : nb::ap2mac_remove_line(line, key);
         if (!kept)
             continue;
         fuzz::check(kept->size() <= nb::ap2mac_max_line, "rewritten line longer than the file's bound");
@@ -42,7 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (op == 0 && std::string_view(line).find(key) != std::string_view::npos &&
             kept->compare(0, prefix.size(), prefix) == 0) {
             std::string rest = " " + kept->substr(prefix.size()) + " ";
-            fuzz::check(rest.find(" " + std::string(text) + " ") == std::string::npos, "deleted BSSID still on the line");
+            fuzz::check(rest.find(" " + std::string(text) + " ") == std::string::npos,
+                        "deleted BSSID still on the line");
         }
     }
     return 0;

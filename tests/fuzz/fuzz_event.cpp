@@ -15,8 +15,8 @@
 
 #include "board/board.h"
 #include "fuzz_support.h"
-#include "neighbours/neighbours.h"
 #include "neighbours/nb_internal.h"
+#include "neighbours/neighbours.h"
 
 namespace {
 

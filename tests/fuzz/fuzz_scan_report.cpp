@@ -13,20 +13,20 @@
 // than the buffer holds), 52 bytes each; the neighbours not given are
 // empty, as is the buffer the daemon hands over.
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <unistd.h>
 #include <vector>
 
 #include "base/paths.h"
 #include "board/board.h"
 #include "fuzz_support.h"
 #include "model/acs_report.h"
-#include "neighbours/neighbours.h"
 #include "neighbours/nb_internal.h"
+#include "neighbours/neighbours.h"
 #include "scan/scan.h"
 #include "scan/scan_internal.h"
 

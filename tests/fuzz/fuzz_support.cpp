@@ -18,8 +18,8 @@
 
 #include "base/paths.h"
 #include "base/spawn.h"
-#include "neighbours/neighbours.h"
 #include "neighbours/nb_internal.h"
+#include "neighbours/neighbours.h"
 
 namespace fuzz {
 
@@ -55,8 +55,8 @@ void reset_neighbours()
     n.kh_list_nonempty = 0;
     fresh_tables(0);
     n.ft_enabled_vaps = 0;
-    for (const char* p : {paths::key_holders, paths::key_holders_tmp, paths::ap2mac, paths::ap2mac_tmp,
-                          paths::key_changes})
+    for (const char* p :
+         {paths::key_holders, paths::key_holders_tmp, paths::ap2mac, paths::ap2mac_tmp, paths::key_changes})
         unlink(p);
 }
 

@@ -4,7 +4,8 @@
 #include "test_util.h"
 
 fake_configd::fake_configd()
-    : server_(testutil::at("/tmp/confd_get").c_str(), [this](const cstest::seen_request& req, int) { return answer(req); })
+    : server_(testutil::at("/tmp/confd_get").c_str(),
+              [this](const cstest::seen_request& req, int) { return answer(req); })
 {
 }
 

@@ -9,14 +9,14 @@
 #include "configstore/scripted_server.h"
 
 class fake_configd {
-public:
+  public:
     fake_configd();
 
     // Sets the value answered for key; an empty text answers the key alone.
     void set(const std::string& key, const std::string& value);
     int requests() { return static_cast<int>(server_.requests().size()); }
 
-private:
+  private:
     cstest::reply_plan answer(const cstest::seen_request& req);
 
     std::mutex lock_;

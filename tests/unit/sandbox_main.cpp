@@ -55,8 +55,8 @@ bool enter_sandbox()
     // The overlay upper layers sit in a private tmpfs of their own, so that
     // reset_sandbox can empty /tmp without pulling them away.
     return do_mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) &&
-           do_mount("tmpfs", "/mnt", "tmpfs", 0, "mode=0755") &&
-           do_mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") && do_mount("tmpfs", "/var", "tmpfs", 0, "mode=0755") &&
+           do_mount("tmpfs", "/mnt", "tmpfs", 0, "mode=0755") && do_mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") &&
+           do_mount("tmpfs", "/var", "tmpfs", 0, "mode=0755") &&
            do_mount("tmpfs", "/usr/local/bin", "tmpfs", 0, "mode=0755") && overlay("/etc", "etc") &&
            overlay("/usr/sbin", "sbin");
 }

@@ -8,7 +8,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <string>
@@ -44,8 +43,7 @@ int script_runs();
 
 // Polls `done` every 10 ms for up to 20 s: a bound for a loaded machine
 // while another process or thread gets there, never a timing under test.
-template <typename Pred>
-bool eventually(Pred done)
+template <typename Pred> bool eventually(Pred done)
 {
     for (int i = 0; i < 2000 && !done(); ++i)
         usleep(10000);
@@ -56,6 +54,6 @@ bool eventually(Pred done)
 
 // Base fixture: a clean sandbox before each test.
 class sandbox_test : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { testutil::reset_sandbox(); }
 };

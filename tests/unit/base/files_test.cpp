@@ -17,7 +17,7 @@ using testutil::write_file;
 namespace {
 
 class files_test : public sandbox_test {
-protected:
+  protected:
     const std::string records_ = testutil::at("/tmp/records");
     const char* const path = records_.c_str();
 };

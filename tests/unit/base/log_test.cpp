@@ -23,7 +23,7 @@ std::string path()
 }
 
 class log_fault_test : public sandbox_test {
-protected:
+  protected:
     void configure(uint32_t limit, uint32_t size, uint32_t backups)
     {
         log_conf conf{};

@@ -17,7 +17,7 @@
 namespace {
 
 class spawn_fault_test : public sandbox_test {
-protected:
+  protected:
     void TearDown() override { child_time_limit = 30; }
 };
 

@@ -1,20 +1,19 @@
 // Board lookups: the product table through the board file, the key/value
 // reader's bounds, the rogue-AP and date commands, and each of them when its
 // file is missing or its shell cannot be started.
+#include <cstdio>
+#include <string>
+
 #include "board/board.h"
 #include "board/roam_lib.h"
 #include "dorvfault.h"
 #include "test_util.h"
 
-#include <cstdio>
-#include <string>
-
 using testutil::at;
 using testutil::log_count;
 using testutil::write_file;
 
-namespace
-{
+namespace {
 
 using roam_lib = sandbox_test;
 
@@ -48,9 +47,9 @@ TEST_F(roam_lib, every_product_of_the_table)
     const struct {
         const char* id;
         int radios, type;
-    } rows[] = {{"TRV118", 2, 0},  {"TRV113", 2, 0}, {"TRV146", 3, 1},  {"TRV162", 3, 1},  {"TRM204", 2, 0},
-                {"TRM204K", 2, 0}, {"TRM226", 2, 0}, {"TRM238", 3, 1},  {"TRM238P", 3, 2}, {"TRM241P", 3, 2},
-                {"TRM209", 2, 0},  {"TRM221", 2, 0}, {"TRM213", 2, 0},  {"TRM233", 2, 0}};
+    } rows[] = {{"TRV118", 2, 0},  {"TRV113", 2, 0}, {"TRV146", 3, 1}, {"TRV162", 3, 1},  {"TRM204", 2, 0},
+                {"TRM204K", 2, 0}, {"TRM226", 2, 0}, {"TRM238", 3, 1}, {"TRM238P", 3, 2}, {"TRM241P", 3, 2},
+                {"TRM209", 2, 0},  {"TRM221", 2, 0}, {"TRM213", 2, 0}, {"TRM233", 2, 0}};
     for (const auto& r : rows)
         expect_load(("ProductID=" + std::string(r.id) + "\n").c_str(), r.id, r.id, r.type, r.radios);
 }
@@ -88,10 +87,10 @@ TEST_F(roam_lib, key_value_bounds_and_numbers)
     const std::string long_line = "K=" + std::string(300, 'a') + "\n";
     const struct {
         std::string data;
-        size_t out_size; // 0 with `number`: no buffer
+        size_t out_size;  // 0 with `number`: no buffer
         bool number;
         int rc;
-        std::string out; // the buffer starts as "old"
+        std::string out;  // the buffer starts as "old"
         int cut_logged;
     } cases[] = {
         {"K=v\n", 8, false, 0, "v", 0},
@@ -157,7 +156,7 @@ TEST_F(roam_lib, command_output_and_commands_that_cannot_start)
                "else echo 'Wed Nov 25 17:13:31 UTC 2026 and more'; fi\n",
                0755);
     EXPECT_EQ(get_rogue_ap_detection("wlan0"), 1);
-    EXPECT_EQ(get_rogue_ap_detection("wlan1"), -1); // no such line
+    EXPECT_EQ(get_rogue_ap_detection("wlan1"), -1);  // no such line
     EXPECT_EQ(get_rogue_ap_detection("wlan2"), 0);
     char date[32];
     EXPECT_STREQ(get_date_string(date), "Wed Nov 25 17:13:31 UTC ");
@@ -174,4 +173,4 @@ TEST_F(roam_lib, command_output_and_commands_that_cannot_start)
     EXPECT_EQ(log_count("] [ERROR] : Error during getting epoch time\n"), 1);
 }
 
-} // namespace
+}  // namespace

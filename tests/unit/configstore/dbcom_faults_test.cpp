@@ -94,6 +94,7 @@ TEST_P(transaction_fault_test, error_text_and_channel)
 
 const std::string no_answer = "Error receiving transaction response: ";
 
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(
     faults, transaction_fault_test,
     ::testing::Values(
@@ -135,6 +136,7 @@ INSTANTIATE_TEST_SUITE_P(
         fault_case{"cut_body_then_close", "", {{2, 1, 0, 0, 0, 9, 0, 0, 0xA5, 0xA5, 0xA5, 0xA5, 'k'}}, true, 1, {},
                    no_answer, 1, 1, "configd: receiving from dbcom socket failed: 0, err: "}),
     [](const auto& p) { return std::string(p.param.name); });
+// clang-format on
 
 void wake(int) {}
 

@@ -36,7 +36,8 @@ TEST_F(dbcom_client_test, get_sends_user_item_key_line_feed_and_nul)
 {
     if (getuid() != 0)
         GTEST_SKIP() << "the request names the user running the tests: its bytes below are root's";
-    scripted_server srv(get_path().c_str(), [](const seen_request&, int) { return reply_plan{{reply(1, 0, "a\\ b 1\n")}}; });
+    scripted_server srv(get_path().c_str(),
+                        [](const seen_request&, int) { return reply_plan{{reply(1, 0, "a\\ b 1\n")}}; });
     opt value;
     opt error = "stale";
     ASSERT_EQ(dbcom_get(handle_, "a b", &value, &error), 0);
@@ -95,8 +96,13 @@ INSTANTIATE_TEST_SUITE_P(
         answer_case{"no_result_text", {reply(1, 0, "")}, 0, {}, {}, 3, 1},
         answer_case{"key_line_without_value", {reply(1, 0, "key\n")}, 0, {}, {}, 1, 1},
         answer_case{"other_op_first", {reply(2, 0, "key wrong\n"), reply(1, 0, "key right\n")}, 0, "right", {}, 1, 1},
-        answer_case{"three_parts", {reply(1, 0x1000, "key v"), reply(1, 0x1000, "al"), reply(1, 0, "ue\n")}, 0,
-                    "value", {}, 1, 1},
+        answer_case{"three_parts",
+                    {reply(1, 0x1000, "key v"), reply(1, 0x1000, "al"), reply(1, 0, "ue\n")},
+                    0,
+                    "value",
+                    {},
+                    1,
+                    1},
         answer_case{"diagnostic_only", {reply(1, 0x0002, "no such key\n")}, 0, {}, times3("no such key\n"), 3, 1},
         // The caller's error text is C text: what follows a NUL goes.
         answer_case{"diagnostic_with_nul", {reply(1, 0x0004, std::string("ab\0cd", 5))}, 0, {}, "ababab", 3, 1},
@@ -104,8 +110,8 @@ INSTANTIATE_TEST_SUITE_P(
         answer_case{"failure", {reply(1, 0x0001, "denied\n")}, 1, {}, times3("denied\n"), 3, 3},
         // 0x0001 fails the attempt even when a value follows it; without a
         // text it is no diagnostic and fails nothing.
-        answer_case{"failure_then_value", {reply(1, 0x1003, "diag\n"), reply(1, 0, "key 7\n")}, 1, {},
-                    times3("diag\n"), 3, 3},
+        answer_case{
+            "failure_then_value", {reply(1, 0x1003, "diag\n"), reply(1, 0, "key 7\n")}, 1, {}, times3("diag\n"), 3, 3},
         answer_case{"empty_failure", {reply(1, 0x1001, ""), reply(1, 0, "key 8\n")}, 0, "8", {}, 1, 1},
         answer_case{"answer_after_one_timeout", {reply(1, 0, "key on\n")}, 0, "on", {}, 2, 2, 1}),
     [](const auto& p) { return std::string(p.param.name); });

@@ -40,6 +40,7 @@ TEST(dbcom_build, requests_and_responses)
         int rc;
         bytes head;  // the message's first bytes
         size_t size;
+        // clang-format off
     } cases[] = {
         {{}, {}, false, 0x1000, nullptr, 0, 0, {1, 1, 0, 0, 0, 8, 0, 0, A5, A5, A5, A5, 0, 0, 0, 0, 0, 0, 0, 0}, 20},
         {"root", {}, false, 0, "a\n", 3, 3, {1, 1, 0, 0, 0, 15, 0, 0, A5, A5, A5, A5, 1, 0, 0, 4, 'r', 'o', 'o', 't',
@@ -56,6 +57,7 @@ TEST(dbcom_build, requests_and_responses)
         {{}, {}, true, 0, nullptr, 65535, 65535, {2, 1, 0, 0, 0xFF, 0xFF, 0, 0, A5, A5, A5, A5, 0}, 65547},
         {{}, {}, true, 0x0002, big.data(), 65536, 65535, {2, 1, 0x10, 2, 0xFF, 0xFF, 0, 0, A5, A5, A5, A5, 'x'}, 65547},
     };
+    // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << "user " << c.user.value_or("-").size() << " len " << c.len);
         dbcom_handle h;
@@ -93,8 +95,8 @@ TEST(dbcom_parse, decoders_check_every_length)
     EXPECT_EQ(body.data(), nullptr);
     EXPECT_EQ(std::make_tuple(int(hdr.kind), int(hdr.op), int(hdr.flags), int(hdr.reserved), hdr.magic),
               std::make_tuple(2, 3, 0x1001, 7, 0x01020304u));
-    const bytes ext = {4, 1, 0, 0, 0, 22, 0, 0, A5, A5, A5, A5, 1, 0, 0, 2, 'u', 'v', 3, 0, 0, 2,
-                       'i', 'p', 3, 0, 0, 0, 1, 2, 3, 4, 'k', '\n'};
+    const bytes ext = {4,   1, 0, 0, 0, 22,  0,   0, A5, A5, A5, A5, 1, 0, 0, 2,   'u',
+                       'v', 3, 0, 0, 2, 'i', 'p', 3, 0,  0,  0,  1,  2, 3, 4, 'k', '\n'};
     ASSERT_EQ(dbcom_parse_request(ext, &v), 0);
     EXPECT_EQ(std::string(v.user.value.begin(), v.user.value.end()) + std::to_string(v.user.type) +
                   std::string(v.addr.value.begin(), v.addr.value.end()) + std::to_string(v.addr.type),

@@ -5,15 +5,14 @@
 #pragma once
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
-#include <syslog.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <syslog.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -37,8 +36,14 @@ namespace cstest {
 // builders are not trusted to make the replies it is tested against.
 inline std::vector<uint8_t> wire(uint8_t kind, uint8_t op, uint16_t flags, uint32_t magic, const std::string& body)
 {
-    std::vector<uint8_t> m = {kind, op, static_cast<uint8_t>(flags >> 8), static_cast<uint8_t>(flags),
-                              static_cast<uint8_t>(body.size() >> 8), static_cast<uint8_t>(body.size()), 0, 0};
+    std::vector<uint8_t> m = {kind,
+                              op,
+                              static_cast<uint8_t>(flags >> 8),
+                              static_cast<uint8_t>(flags),
+                              static_cast<uint8_t>(body.size() >> 8),
+                              static_cast<uint8_t>(body.size()),
+                              0,
+                              0};
     for (int i = 0; i < 4; ++i)
         m.push_back(static_cast<uint8_t>(magic >> (24 - 8 * i)));
     m.insert(m.end(), body.begin(), body.end());
@@ -81,7 +86,7 @@ struct reply_plan {
 };
 
 class scripted_server {
-public:
+  public:
     // Called for the n-th request (0-based) of the server's life.
     using responder = std::function<reply_plan(const seen_request&, int n)>;
 
@@ -127,7 +132,7 @@ public:
         return cv_.wait_for(lock, std::chrono::seconds(10), [&] { return seen_.size() >= n; });
     }
 
-private:
+  private:
     // Reads exactly n bytes, waiting on fd and the stop pipe. False on stop or close.
     bool read_exact(int fd, uint8_t* buf, size_t n)
     {
@@ -217,7 +222,7 @@ inline std::string get_path()
 // diagnostics go to syslog: the tests also have them on standard error
 // (LOG_PERROR), where they can be read.
 class client_test : public sandbox_test {
-protected:
+  protected:
     void SetUp() override
     {
         sandbox_test::SetUp();

@@ -7,8 +7,8 @@
 #include <string>
 #include <thread>
 
-#include "daemon/daemon.h"
 #include "board/board.h"
+#include "daemon/daemon.h"
 #include "neighbours/nb_internal.h"
 #include "neighbours/neighbours.h"
 #include "test_util.h"
@@ -54,7 +54,8 @@ using exit_signal_test = sandbox_test;
 TEST_F(exit_signal_test, DuringScanMatchFreesTheKeyHolders)
 {
     EXPECT_EXIT(exit_during_scan_match(), testing::ExitedWithCode(0), "");
-    EXPECT_EQ(testutil::log_count("0a:1b:2c:3d:4e:5f is already cached in MKH\n"), 1) << "the worker's append never ran";
+    EXPECT_EQ(testutil::log_count("0a:1b:2c:3d:4e:5f is already cached in MKH\n"), 1)
+        << "the worker's append never ran";
     EXPECT_EQ(testutil::log_count("Removing 0a:1b:2c:3d:4e:5f\n"), 1);
     EXPECT_EQ(testutil::log_count("busy; left to the end of the process"), 0);
     EXPECT_EQ(testutil::log_count("[dorvand] Exiting from daemon\n"), 1);

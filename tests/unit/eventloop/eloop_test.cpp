@@ -32,7 +32,7 @@ void reader(int sock, intptr_t ctx1, intptr_t)
 }
 
 class eloop_test : public sandbox_test {
-protected:
+  protected:
     void SetUp() override
     {
         sandbox_test::SetUp();
@@ -131,12 +131,9 @@ TEST_F(eloop_test, CancelRemovesOnlyTimersWhoseHandlerAndContextsMatch)
         std::vector<std::string> left;
     };
     const cancel_case cases[] = {
-        {record_a, ELOOP_ANY_CTX, ELOOP_ANY_CTX, 3, {"b1"}},
-        {record_a, 1, ELOOP_ANY_CTX, 2, {"a2:1", "b1"}},
-        {record_a, ELOOP_ANY_CTX, 1, 2, {"a1:2", "b1"}},
-        {record_a, 1, 2, 1, {"a1:1", "a2:1", "b1"}},
-        {record_a, 2, 2, 0, {"a1:1", "a1:2", "a2:1", "b1"}},
-        {record_b, 1, 0, 0, {"a1:1", "a1:2", "a2:1", "b1"}},
+        {record_a, ELOOP_ANY_CTX, ELOOP_ANY_CTX, 3, {"b1"}}, {record_a, 1, ELOOP_ANY_CTX, 2, {"a2:1", "b1"}},
+        {record_a, ELOOP_ANY_CTX, 1, 2, {"a1:2", "b1"}},     {record_a, 1, 2, 1, {"a1:1", "a2:1", "b1"}},
+        {record_a, 2, 2, 0, {"a1:1", "a1:2", "a2:1", "b1"}}, {record_b, 1, 0, 0, {"a1:1", "a1:2", "a2:1", "b1"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE("cancel " + std::to_string(c.ctx1) + ", " + std::to_string(c.ctx2));

@@ -1,14 +1,13 @@
 // The fault injector itself: its rule language, and rules firing through
 // the interposed calls of this process (files, stdio, sockets, SQLite).
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <stdexcept>
 #include <tuple>
-
-#include <gtest/gtest.h>
 
 #include "dorvfault.h"
 #include "fault_core.h"
@@ -89,13 +88,16 @@ TEST(FaultRules, GlobsMatchLikeFnmatch)
         const char* text;
         bool match;
     } cases[] = {
-        {"/tmp/scan_db_*", "/tmp/scan_db_5g-journal", true}, {"/tmp/scan_db_*", "/tmp/scan_db", false},
-        {"/tmp/scan_db_?g", "/tmp/scan_db_5g", true},        {"/tmp/scan_db_?g", "/tmp/scan_db_5gh", false},
+        {"/tmp/scan_db_*", "/tmp/scan_db_5g-journal", true},
+        {"/tmp/scan_db_*", "/tmp/scan_db", false},
+        {"/tmp/scan_db_?g", "/tmp/scan_db_5g", true},
+        {"/tmp/scan_db_?g", "/tmp/scan_db_5gh", false},
         {"*", "", true},
         {"/tmp/log/dorvand_log.[01]", "/tmp/log/dorvand_log.1", true},
         {"/tmp/log/dorvand_log.[!01]", "/tmp/log/dorvand_log.1", false},
         {"/tmp/DB[0-9]G*", "/tmp/DB5GH_UPDATION_IN_PROGRESS", true},
-        {"*a*b*c", "xxaxxbxxbxxc", true},                    {"a[b", "a[b", true},
+        {"*a*b*c", "xxaxxbxxbxxc", true},
+        {"a[b", "a[b", true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.pattern) + " ~ " + c.text);

@@ -47,7 +47,7 @@ struct value_of {
 using log_counts = std::vector<std::pair<const char*, int>>;
 
 class ft_status_test : public sandbox_test {
-protected:
+  protected:
     void SetUp() override
     {
         sandbox_test::SetUp();
@@ -146,6 +146,7 @@ TEST_P(refresh_test, mask_reads_and_waits)
               c.key_holders && (c.after & 1));
 }
 
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(
     refresh, refresh_test,
     ::testing::Values(
@@ -168,6 +169,7 @@ INSTANTIATE_TEST_SUITE_P(
         refresh_case{"configd_never_ready", {{0, 0, "1"}}, 2, 0x5, -1, false, 0x5, 0, 72 * 5,
                      {{checking, 72}, {" Checking for configd child retry count:71 \n", 1}, {"wlan", 0}}}),
     [](const auto& p) { return std::string(p.param.name); });
+// clang-format on
 
 // wlan1 vap2 switched off, wlan0 vap3 to status 2 and wlan1 vap0 (the bit
 // after wlan0's last) unchanged in one signal: the key holders hear "off" and
@@ -196,8 +198,12 @@ TEST_F(ft_status_test, signal_reports_changed_vaps_and_runs_script_once)
     EXPECT_NE(key_changes.find("ft_key_changed_wifi0vap3=1,1\n"), std::string::npos);
     EXPECT_EQ(testutil::script_runs(), runs_before + 1);
     EXPECT_EQ(ft_enabled_vaps().load(), 0x1u);
-    expect_logs({{"wifi0vap3 - 11rStatus = 2 \n", 1}, {"wifi1vap0 - 11rStatus = 0 \n", 1}, {"val = 5120 \n", 1},
-                 {"val = 4096 \n", 1}, {"val = 0 \n", 1}, {"ft_enabled_vaps = 00000001 \n", 1}});
+    expect_logs({{"wifi0vap3 - 11rStatus = 2 \n", 1},
+                 {"wifi1vap0 - 11rStatus = 0 \n", 1},
+                 {"val = 5120 \n", 1},
+                 {"val = 4096 \n", 1},
+                 {"val = 0 \n", 1},
+                 {"ft_enabled_vaps = 00000001 \n", 1}});
     EXPECT_EQ(server_->requests(), 20 + 3 + 20);
 
     ft_status_update(SIGRTMIN, 1 << 25);
@@ -215,7 +221,9 @@ TEST_F(ft_status_test, no_handle_reads_nothing)
     refresh_ft_status();
     ft_status_update(SIGRTMIN, 0x3);
     ft_state().config_handle = handle;
-    expect_logs({{"dbcom get failed for ", 20}, {"dbcom get failed [", 1}, {"ft_enabled_vaps = ", 0},
+    expect_logs({{"dbcom get failed for ", 20},
+                 {"dbcom get failed [", 1},
+                 {"ft_enabled_vaps = ", 0},
                  {"dbcom get failed for system:vapSettings:vapSettingTable:wlan1:vap9:11rStatus []\n", 1}});
     EXPECT_EQ(ft_enabled_vaps().load(), 0x3u);
 }
@@ -227,8 +235,10 @@ TEST_F(ft_status_test, signal_update_gives_up_on_an_empty_answer)
     server_->set(key(0, 0), "");
     server_->set(key(0, 1), "");
     ft_status_update(SIGRTMIN, 0x3);
-    expect_logs({{"resp = (no value), r_cnt:", 8}, {"resp = (no value), r_cnt:3 \n", 2},
-                 {"wifi0vap0 - 11rStatus = 0 \n", 1}, {"wifi0vap1 - 11rStatus = 0 \n", 1}});
+    expect_logs({{"resp = (no value), r_cnt:", 8},
+                 {"resp = (no value), r_cnt:3 \n", 2},
+                 {"wifi0vap0 - 11rStatus = 0 \n", 1},
+                 {"wifi0vap1 - 11rStatus = 0 \n", 1}});
     EXPECT_EQ(slept.load(), 3u + 3u + 3u);
 }
 

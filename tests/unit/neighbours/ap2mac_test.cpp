@@ -64,8 +64,9 @@ TEST_F(ap2mac_test, RewriteDropsWhatItCannotKeep)
         // adds nothing.
         {"deletion without the line", "other_setting=1234567890\n", 0, "other_setting=1234567890\n", ""},
         {"deletion without the file", std::nullopt, 0, std::nullopt, ""},
-        {"VAP line removed", "short\n" + key0 + bssid(0x4E, 0x50) + "\nap2_macaddr_wifi0vap1=" + bssid(0x4E, 0x51) + "\n",
-         remove_vap, "ap2_macaddr_wifi0vap1=" + bssid(0x4E, 0x51) + "\n",
+        {"VAP line removed",
+         "short\n" + key0 + bssid(0x4E, 0x50) + "\nap2_macaddr_wifi0vap1=" + bssid(0x4E, 0x51) + "\n", remove_vap,
+         "ap2_macaddr_wifi0vap1=" + bssid(0x4E, 0x51) + "\n",
          "107 [dorvand] str:ap2_macaddr_wifi0vap1=" + bssid(0x4E, 0x51) + ", buf:ap2_macaddr_wifi0vap0\n"},
     };
     for (const rewrite_case& c : cases) {
@@ -91,14 +92,14 @@ TEST_F(ap2mac_test, RebuildWritesEnabledLinesFromTheList)
 {
     append_key_holder({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, 1, 0);
     append_key_holder({0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x6F}, 1, 0);  // shares two BSSIDs with the first
-    board().radio_count = 2;  // a third radio's line is not the daemon's: kept
+    board().radio_count = 2;                                        // a third radio's line is not the daemon's: kept
     const std::string kept = "ap2_macaddr_wifi2vap0=x\nother_setting=1234567890\n";
     write_file(at("/tmp/ap2_macaddr.txt"), kept + "short\n" + std::string(1500, 'y') + "\n" + key0 + bssid(0x11, 0x11) +
-                                                "\n" + key0 + bssid(0x22, 0x22) + "\n" + "ap2_macaddr_wifi0vap1=" +
-                                                bssid(0x33, 0x33) + "\n");
+                                               "\n" + key0 + bssid(0x22, 0x22) + "\n" +
+                                               "ap2_macaddr_wifi0vap1=" + bssid(0x33, 0x33) + "\n");
     ASSERT_EQ(ap2mac_rebuild(1U | 1U << 10), 0);
-    const std::string line = bssid(0x4E, 0x50) + " " + bssid(0x4E, 0x60) + " " + bssid(0x4E, 0x70) + " " +
-                             bssid(0x4E, 0x80) + "\n";
+    const std::string line =
+        bssid(0x4E, 0x50) + " " + bssid(0x4E, 0x60) + " " + bssid(0x4E, 0x70) + " " + bssid(0x4E, 0x80) + "\n";
     EXPECT_EQ(read_file(at("/tmp/ap2_macaddr.txt")), kept + key0 + line + "ap2_macaddr_wifi1vap0=" + line);
     EXPECT_FALSE(testutil::exists(at("/tmp/tmp_ap2_macaddr.txt")));
 

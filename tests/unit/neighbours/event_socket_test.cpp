@@ -9,12 +9,11 @@
 
 #include <csignal>
 #include <cstring>
-
 #include <string>
 
+#include "board/board.h"
 #include "dorvfault.h"
 #include "nb_fixture.h"
-#include "board/board.h"
 #include "neighbours/neighbours.h"
 
 namespace {

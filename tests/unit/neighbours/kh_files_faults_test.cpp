@@ -43,14 +43,14 @@ class kh_files_faults_test : public neighbours_test {};
 
 std::string failed_open(const char* what, const char* fixed, const char* reason)
 {
-    return std::string("[dorvand] \n Failed to open the ") + what + " file \"(" + at(fixed) + ")\" [ Reason = " +
-           reason + "]";
+    return std::string("[dorvand] \n Failed to open the ") + what + " file \"(" + at(fixed) +
+           ")\" [ Reason = " + reason + "]";
 }
 
 std::string failed_write(const char* what, const char* fixed, const char* reason)
 {
-    return std::string("[dorvand] \n Failed to write the ") + what + " file \"(" + at(fixed) + ")\" [ Reason = " +
-           reason + "]";
+    return std::string("[dorvand] \n Failed to write the ") + what + " file \"(" + at(fixed) +
+           ")\" [ Reason = " + reason + "]";
 }
 
 struct fault_case {
@@ -74,9 +74,9 @@ TEST_F(kh_files_faults_test, FailedWritesLeaveWholeFilesAndTheRetryCatchesUp)
     const std::string gap_vap0 = "ap2_macaddr_wifi0vap0=0A:1B:2C:3D:4E:50 0A:1B:2C:3D:4E:70\n";
     const std::string both_vap0 =
         "ap2_macaddr_wifi0vap0=0A:1B:2C:3D:4E:50 0A:1B:2C:3D:5E:50 0A:1B:2C:3D:5E:60 0A:1B:2C:3D:5E:70 \n";
-    const std::string after_delete =
-        "ap2_macaddr_wifi0vap0=0A:1B:2C:3D:5E:50 0A:1B:2C:3D:5E:60 0A:1B:2C:3D:5E:70 \n";
+    const std::string after_delete = "ap2_macaddr_wifi0vap0=0A:1B:2C:3D:5E:50 0A:1B:2C:3D:5E:60 0A:1B:2C:3D:5E:70 \n";
     const std::string deleted = added + added + "ft_key_changed_wifi0vap0=1,0\n";
+    // clang-format off
     const std::vector<fault_case> cases = {
         {"record file open (silent)", false, 1, "open path=*/var/roam_key_holders nth=2 errno=EACCES",
          {}, std::nullopt, vap0_first, added, true, 1, ""},
@@ -131,6 +131,7 @@ TEST_F(kh_files_faults_test, FailedWritesLeaveWholeFilesAndTheRetryCatchesUp)
          "0A:1B:2C:3D:5E:60 0A:1B:2C:3D:5E:70\n",
          added + added, true, 3, ""},
     };
+    // clang-format on
     for (const fault_case& c : cases) {
         SCOPED_TRACE(c.name);
         reset_neighbour_state();

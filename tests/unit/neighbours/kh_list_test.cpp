@@ -82,10 +82,9 @@ TEST_F(kh_list_test, TraversalPrintsTheListAndSetsTheFlag)
     size_t from = log_size();
     traverse_kh_list();
     EXPECT_EQ(neighbours().kh_list_nonempty, 1);
-    EXPECT_EQ(log_messages(from), (std::vector<std::string>{"########## LIST TRAVERSAL ##############",
-                                                            "\t MAC \t\t ACTIVE\tFAMILY",
-                                                            "0a-1b-2c-3d-4e-5f | YES | TRV ",
-                                                            "0a-1b-2c-3d-4e-6f | NO | TRM "}));
+    EXPECT_EQ(log_messages(from),
+              (std::vector<std::string>{"########## LIST TRAVERSAL ##############", "\t MAC \t\t ACTIVE\tFAMILY",
+                                        "0a-1b-2c-3d-4e-5f | YES | TRV ", "0a-1b-2c-3d-4e-6f | NO | TRM "}));
 }
 
 TEST_F(kh_list_test, ScanMatchesOfOneKnownApAddOneKeyHolder)
@@ -126,7 +125,8 @@ TEST_F(kh_list_test, ReloadTakesWholeStoredRecords)
     board().radio_count = 2;
     testutil::write_file(testutil::at("/var/roam_key_holders"), std::string(bytes.begin(), bytes.end()));
     reload_key_holders();
-    EXPECT_EQ(list_macs(), (std::vector<mac_t>{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, {0x0A, 0x1B, 0x2C, 0x3D, 0x5E, 0x5F}}));
+    EXPECT_EQ(list_macs(),
+              (std::vector<mac_t>{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}, {0x0A, 0x1B, 0x2C, 0x3D, 0x5E, 0x5F}}));
     EXPECT_EQ(log_count("0a:1b:2c:3d:4e:5f PRESENT | TRM \n"), 1);
     EXPECT_EQ(log_count("0a:1b:2c:3d:5e:5f NOT PRESENT | TRV \n"), 1);
     EXPECT_EQ(script_runs(), 1);

@@ -64,23 +64,26 @@ TEST_F(known_ap_test, TextVariantsAndDuplicatesInASlot)
                              "system:apList:knownApTable:wlan0:3:0A-1B-2C-3D-4E-0G 1,1\n"
                              "system:apList:knownApTable:wlan0:3:0a1b2c3d4e0g 1,1\n"
                              "system:apList:knownApTable:wlan0:4:   \n"
-                             "system:apList:knownApTable:wlan0:5:0a1b2c3d4e03 " + std::string(208, '1') + "\n"
-                             "system:apList:knownApTable:wlan0:9:0a1b2c3d4e0f 1," + std::string(205, '1') + "\n"
+                             "system:apList:knownApTable:wlan0:5:0a1b2c3d4e03 " +
+                             std::string(208, '1') +
+                             "\n"
+                             "system:apList:knownApTable:wlan0:9:0a1b2c3d4e0f 1," +
+                             std::string(205, '1') +
+                             "\n"
                              "system:apList:knownApTable:wlan0:6:0a1b2c3d4e01 0,0\n"
                              "system:apList:knownApTable:wlan0:7:0A1B2C3D4E04 0,1,1\n"
                              "system:apList:knownApTable:wlan0:8:0A1B2C3D4E05";
     load_known_aps_text(neighbours().known_ap_tables[0], "wlan0", text.data(), text.size());
-    EXPECT_EQ(table_rows(0), (std::vector<std::string>{row("0a:1b:2c:3d:4e:01", "Yes", "TRM"),
-                                                       row("aa:bb:cc:dd:ee:02", "No", "TRV"),
-                                                       row("0a:1b:2c:3d:4e:0f", "Yes", "TRM"),
-                                                       row("0a:1b:2c:3d:4e:04", "No", "TRM"),
-                                                       row("0a:1b:2c:3d:4e:05", "Yes", "TRV")}));
+    EXPECT_EQ(table_rows(0),
+              (std::vector<std::string>{row("0a:1b:2c:3d:4e:01", "Yes", "TRM"), row("aa:bb:cc:dd:ee:02", "No", "TRV"),
+                                        row("0a:1b:2c:3d:4e:0f", "Yes", "TRM"), row("0a:1b:2c:3d:4e:04", "No", "TRM"),
+                                        row("0a:1b:2c:3d:4e:05", "Yes", "TRV")}));
     EXPECT_EQ(log_count("[dorvand] Known-AP entry ignored: bad MAC text \"0A-1B-2C-3D-4E-0G\"\n"), 1);
     EXPECT_EQ(log_count("[dorvand] Known-AP entry ignored: bad MAC text \"0a1b2c3d4e0g\"\n"), 1);
     EXPECT_EQ(log_count("[dorvand] Known-AP entry ignored: bad MAC text \"\"\n"), 1);
-    EXPECT_EQ(log_count("[dorvand] Skipped a line of " + testutil::at("/tmp/run/config") +
-                        " longer than 255 characters\n"),
-              1);
+    EXPECT_EQ(
+        log_count("[dorvand] Skipped a line of " + testutil::at("/tmp/run/config") + " longer than 255 characters\n"),
+        1);
     EXPECT_EQ(log_count("Duplicate entry at beginning"), 1);
 
     const uint8_t again[6] = {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x04};

@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "board/board.h"
-#include "neighbours/neighbours.h"
 #include "neighbours/nb_internal.h"
+#include "neighbours/neighbours.h"
 #include "test_util.h"
 
 using mac_t = std::array<uint8_t, 6>;
@@ -33,7 +33,7 @@ inline void reset_neighbour_state()
 }
 
 class neighbours_test : public sandbox_test {
-protected:
+  protected:
     void SetUp() override
     {
         reset_neighbour_state();

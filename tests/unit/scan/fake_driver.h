@@ -3,24 +3,24 @@
 // on demand. Also the module's test fixture and database helpers.
 #pragma once
 
-#include "base/paths.h"
-#include "base/files.h"
-#include "neighbours/neighbours.h"
-#include "eventloop/eloop.h"
-#include "model/acs_report.h"
-#include "scan/scan.h"
-#include "scan/scan_internal.h"
-#include "test_util.h"
+#include <sqlite3.h>
 
 #include <cerrno>
 #include <cstring>
 #include <map>
-#include <sqlite3.h>
 #include <string>
 #include <vector>
 
-namespace scantest
-{
+#include "base/files.h"
+#include "base/paths.h"
+#include "eventloop/eloop.h"
+#include "model/acs_report.h"
+#include "neighbours/neighbours.h"
+#include "scan/scan.h"
+#include "scan/scan_internal.h"
+#include "test_util.h"
+
+namespace scantest {
 
 using dorvsim::acs_channel;
 
@@ -30,15 +30,15 @@ struct fake_driver {
     int32_t cac_value = 0;
     drv_voice_stats voice{};
     std::vector<uint8_t> chan_info;
-    int param_set_errno = 0; // nonzero: the ACS start fails with it
-    bool fail_io = false;    // CAC, voice, channel-info and channel-scan requests fail
+    int param_set_errno = 0;  // nonzero: the ACS start fails with it
+    bool fail_io = false;     // CAC, voice, channel-info and channel-scan requests fail
     std::vector<acs_channel> report;
-    int fail_debug_call = -1;    // index of the debug request that fails
-    int answer7_debug_call = -1; // index of the debug request answered with 7
+    int fail_debug_call = -1;     // index of the debug request that fails
+    int answer7_debug_call = -1;  // index of the debug request answered with 7
 
-    std::vector<uint32_t> debug_calls; // each one's neighbour buffer length, 0 without a buffer
-    std::vector<std::string> param_sets; // "<interface> <parameter>=<value>"
-    std::vector<std::string> param_gets; // "<interface> <parameter>"
+    std::vector<uint32_t> debug_calls;    // each one's neighbour buffer length, 0 without a buffer
+    std::vector<std::string> param_sets;  // "<interface> <parameter>=<value>"
+    std::vector<std::string> param_gets;  // "<interface> <parameter>"
 };
 
 inline fake_driver fake;
@@ -74,14 +74,14 @@ inline int fake_ioctl(int fd, unsigned long request, void* arg)
         acs_report& r = *block->report;
         int index = static_cast<int>(fake.debug_calls.size());
         fake.debug_calls.push_back(r.nbr.pointer ? r.nbr_length : 0);
-        if (index == fake.fail_debug_call || iwr.name[0] == '\0') // no interface of that name
+        if (index == fake.fail_debug_call || iwr.name[0] == '\0')  // no interface of that name
             return fail_with(EINVAL);
         dorvsim::acs_answer_request(fake.report, r, false);
         return index == fake.answer7_debug_call ? 7 : 0;
     }
     case 0x89F8: {
         auto* cmd = static_cast<drv_ext_cmd*>(ifr.u.data);
-        if (cmd->cmd != 6 && cmd->cmd != 23) // channel scan, voice statistics
+        if (cmd->cmd != 6 && cmd->cmd != 23)  // channel scan, voice statistics
             return fail_with(EOPNOTSUPP);
         if (fake.fail_io)
             return fail_with(EIO);
@@ -119,8 +119,9 @@ inline std::vector<sleep_call> sleeps;
 
 inline unsigned fake_sleep(unsigned seconds)
 {
-    sleeps.push_back(
-        {seconds, {file_exists(paths::scan_db_markers[0]), file_exists(paths::scan_db_markers[1]), file_exists(paths::scan_db_markers[2])}});
+    sleeps.push_back({seconds,
+                      {file_exists(paths::scan_db_markers[0]), file_exists(paths::scan_db_markers[1]),
+                       file_exists(paths::scan_db_markers[2])}});
     return 0;
 }
 
@@ -145,7 +146,6 @@ inline std::string located(const std::string& line)
         out.replace(at, 5, tmp);
     return out;
 }
-
 
 using rows = std::vector<std::vector<std::string>>;
 
@@ -196,14 +196,13 @@ inline void PrintTo(const named_case& c, std::ostream* os)
 
 inline constexpr auto case_name = [](const auto& p) { return std::string(p.param.name); };
 
-} // namespace scantest
+}  // namespace scantest
 
 // The module's fixture: a clean sandbox, the fake driver and sleep in
 // place, each radio up with VAP 0 up and VAPs 1..9 down, a report of
 // channels 1 and 6 with a neighbour each, empty channel lists and timers,
 // fresh known-AP tables, no database fault reported yet, and 802.11r off.
-class scan_test : public sandbox_test
-{
+class scan_test : public sandbox_test {
   protected:
     void SetUp() override
     {

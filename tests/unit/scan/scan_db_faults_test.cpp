@@ -5,20 +5,19 @@
 // logged and skipped without failing the scan; what cannot be read is put
 // aside and created again, and the next report stores what the failed one
 // could not.
-#include "dorvfault.h"
-#include "fake_driver.h"
-
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
 #include <string>
+
+#include "dorvfault.h"
+#include "fake_driver.h"
 
 using namespace scantest;
 using testutil::log_count;
 
-namespace
-{
+namespace {
 
 using db_fault_test = scan_test;
 
@@ -26,12 +25,13 @@ using db_fault_test = scan_test;
 // not fit fail one by one, and the report goes on.
 struct schema_case : named_case {
     const char* sql;
-    const char* channel_line; // once per channel
-    const char* bss_line;     // once per BSS
+    const char* channel_line;  // once per channel
+    const char* bss_line;      // once per BSS
 };
 
 constexpr const char* one_column = "CREATE TABLE CHANNEL_DETAILS(CHANNEL);CREATE TABLE SCANNED_AP_DETAILS(MAC);";
 
+// clang-format off
 const schema_case schema_cases[] = {
     {"no_key_column", "CREATE TABLE CHANNEL_DETAILS(X);CREATE TABLE SCANNED_AP_DETAILS(Y);",
      "[1301]Cannot run sql statement: no such column: CHANNEL\n", "Cannot run sql statement: no such column: MAC\n"},
@@ -54,10 +54,9 @@ const schema_case schema_cases[] = {
      "[1338] - Error in executing statement:refused\n",
      "[process_scan_result] - Error in executing statement:refused\n"},
 };
+// clang-format on
 
-class foreign_schema_test : public db_fault_test, public ::testing::WithParamInterface<schema_case>
-{
-};
+class foreign_schema_test : public db_fault_test, public ::testing::WithParamInterface<schema_case> {};
 
 TEST_P(foreign_schema_test, statements_fail_row_by_row)
 {
@@ -66,7 +65,7 @@ TEST_P(foreign_schema_test, statements_fail_row_by_row)
     EXPECT_EQ(report(), 0);
     EXPECT_EQ(log_count(c.channel_line), 2) << testutil::log_text();
     EXPECT_EQ(log_count(c.bss_line), 2);
-    EXPECT_EQ(log_count("\t #### SCAN RESULTS ### \n"), 2); // the key holders still hear of them
+    EXPECT_EQ(log_count("\t #### SCAN RESULTS ### \n"), 2);  // the key holders still hear of them
     EXPECT_EQ(log_count("created again"), 0);                // the tables are there: nothing to repair
 }
 
@@ -77,20 +76,21 @@ INSTANTIATE_TEST_SUITE_P(scan, foreign_schema_test, ::testing::ValuesIn(schema_c
 // report that meets it; a fault is repaired after it has passed.
 struct passing_case : named_case {
     void (*stage)();
-    const char* rule; // armed for the first report; null: none
-    std::vector<std::pair<std::string, int>> lines; // logged, that often
-    int repairs_first, repairs;                     // databases created again by the first report, by both
-    rows channels;                                  // after both
-    bool moved_aside;                               // <db>.corrupt holds what was there
+    const char* rule;                                // armed for the first report; null: none
+    std::vector<std::pair<std::string, int>> lines;  // logged, that often
+    int repairs_first, repairs;                      // databases created again by the first report, by both
+    rows channels;                                   // after both
+    bool moved_aside;                                // <db>.corrupt holds what was there
 };
 
 const auto garbage = [] { testutil::write_file(db2g(), "not a database at all\n"); };
 const auto created = [] { ASSERT_EQ(create_scan_db_2g(), 0); };
 const auto no_lines = std::vector<std::pair<std::string, int>>{};
-const std::pair<std::string, int> no_sql_failed{"Cannot run sql statement", 0}; // repaired before the rows
+const std::pair<std::string, int> no_sql_failed{"Cannot run sql statement", 0};  // repaired before the rows
 const std::string repaired = "[dorvand] Scan database /tmp/scan_db_2g ";
 const rows all_three{{"1"}, {"6"}, {"11"}};
 
+// clang-format off
 const passing_case passing_cases[] = {
     {"none", created, nullptr, no_lines, 0, 0, all_three, false},
     {"missing", [] {}, nullptr, {{repaired + "was missing: created again\n", 1}, no_sql_failed}, 1, 1, all_three, false},
@@ -122,10 +122,9 @@ const passing_case passing_cases[] = {
     {"cannot_create_after_moving_aside", garbage, "open path=*/tmp/scan_db_2g nth=3 errno=EACCES",
      {{"[1278]Error in opening Db \n", 1}}, 0, 1, {{"11"}}, true},
 };
+// clang-format on
 
-class passing_fault_test : public db_fault_test, public ::testing::WithParamInterface<passing_case>
-{
-};
+class passing_fault_test : public db_fault_test, public ::testing::WithParamInterface<passing_case> {};
 
 TEST_P(passing_fault_test, next_report_stores_everything)
 {
@@ -142,7 +141,7 @@ TEST_P(passing_fault_test, next_report_stores_everything)
         EXPECT_EQ(log_count(located(line)), count) << line << testutil::log_text();
     EXPECT_EQ(log_count(": created again\n"), c.repairs) << testutil::log_text();
     EXPECT_EQ(channel_rows(), c.channels);
-    EXPECT_EQ(bss_rows().size(), c.channels.size()); // one neighbour each
+    EXPECT_EQ(bss_rows().size(), c.channels.size());  // one neighbour each
     EXPECT_EQ(testutil::exists(testutil::at("/tmp/scan_db_2g.corrupt")), c.moved_aside);
 }
 
@@ -176,6 +175,7 @@ struct create_case : named_case {
     const char* line;
 };
 
+// clang-format off
 const create_case create_cases[] = {
     {"not_a_database", garbage, nullptr, SQLITE_NOTADB, "Cannot create tables: file is not a database\n"},
     {"cannot_open", [] {}, "open path=*/tmp/scan_db_2g every errno=EACCES", SQLITE_CANTOPEN,
@@ -188,10 +188,9 @@ const create_case create_cases[] = {
      nullptr, SQLITE_CANTOPEN,
      "Cannot open database: unable to open database file\n"},
 };
+// clang-format on
 
-class create_fault_test : public db_fault_test, public ::testing::WithParamInterface<create_case>
-{
-};
+class create_fault_test : public db_fault_test, public ::testing::WithParamInterface<create_case> {};
 
 TEST_P(create_fault_test, is_reported_with_the_result)
 {
@@ -215,7 +214,7 @@ TEST_F(db_fault_test, directory_with_content_is_reported_again_after_a_repair)
         unlink(db2g().c_str());
         ASSERT_EQ(mkdir(db2g().c_str(), 0755), 0);
         testutil::write_file(kept, "somebody's\n");
-        for (int scan = 0; scan < 2; ++scan) // said once however many scans the incident lasts
+        for (int scan = 0; scan < 2; ++scan)  // said once however many scans the incident lasts
             ASSERT_EQ(report(), 0);
         EXPECT_EQ(log_count(located(repaired + "cannot be replaced [39|Directory not empty]: tried again at the next "
                                                "scan\n")),
@@ -270,4 +269,4 @@ TEST_F(db_fault_test, link_planted_after_the_check_is_refused_for_each_row)
     EXPECT_EQ(log_count("[1434]Error in opening Db \n"), 2);
 }
 
-} // namespace
+}  // namespace

@@ -1,23 +1,23 @@
 // The driver failing under the scan module: no request socket, requests
 // refused, interfaces gone, a command that cannot run, and the ACS report
 // failing part way through a scan, after which the next report catches up.
+#include <gtest/gtest.h>
+
+#include <string>
+
 #include "dorvfault.h"
 #include "fake_driver.h"
-
-#include <gtest/gtest.h>
-#include <string>
 
 using namespace scantest;
 using testutil::log_count;
 
-namespace
-{
+namespace {
 
 constexpr const char* no_socket = "socket fd=inet every errno=EMFILE";
 constexpr const char* no_spawn = "spawn every errno=EAGAIN";
 
 struct request_case : named_case {
-    const char* rule; // armed for the call; null: none
+    const char* rule;  // armed for the call; null: none
     void (*setup)();
     int (*call)();
     int rc;
@@ -47,7 +47,8 @@ const request_case request_cases[] = {
      "Failed to open socket [24|Too many open files] \n"},
     {"cac_refused", nullptr, io_fails, [] { return get_cac_state("wifi1vap0"); }, -1,
      "get_cac_state:1557 Ioctl failed "},
-    {"voice_refused", nullptr, io_fails, [] { return monitor_traffic("wifi1"); }, -1, "monitor_traffic: ioctl failed\n"},
+    {"voice_refused", nullptr, io_fails, [] { return monitor_traffic("wifi1"); }, -1,
+     "monitor_traffic: ioctl failed\n"},
     {"channel_info_refused", nullptr, io_fails, [] { return get_channel_info("wifi0vap0"); }, -1,
      "Failed to access the channel info IOCTL\n"},
     {"batch_trigger_refused", nullptr, io_fails, [] { return trigger_batch_scan(0, 6); }, -1,
@@ -59,8 +60,7 @@ const request_case request_cases[] = {
          vaps_down();
          fake.ifaces.erase("wifi0vap3");
      },
-     [] { return find_active_vap("wifi0", 0); }, -1,
-     "Failed to check vap status [19|No such device] \n"},
+     [] { return find_active_vap("wifi0", 0); }, -1, "Failed to check vap status [19|No such device] \n"},
     {"fallback_gone", nullptr, vaps_down, [] { return find_active_vap("wifi0", 0); }, -1,
      "Failed to check vap status [19|No such device] \n"},
     {"fallback_cannot_be_raised", no_spawn,
@@ -86,9 +86,7 @@ const request_case request_cases[] = {
      [] { return process_scan_result(0, "wifi0", 0); }, 0, "ifname: ath0\n"},
 };
 
-class request_fault_test : public scan_test, public ::testing::WithParamInterface<request_case>
-{
-};
+class request_fault_test : public scan_test, public ::testing::WithParamInterface<request_case> {};
 
 TEST_P(request_fault_test, is_logged_and_reported)
 {
@@ -109,21 +107,27 @@ struct report_case : named_case {
     std::vector<acs_channel> report;
     int failing_request;
     const char* line;
-    rows channels; // stored before the failure
+    rows channels;  // stored before the failure
     rows bss;
 };
 
 const report_case report_cases[] = {
     {"statistics", {channel(1, 1), channel(6, 1)}, 2, "Dorvand DBG req failed", {{"1"}}, {}},
-    {"neighbours", {channel(1, 1), channel(6, 1)}, 4, "Failed to return a value", {{"1"}, {"6"}},
+    {"neighbours",
+     {channel(1, 1), channel(6, 1)},
+     4,
+     "Failed to return a value",
+     {{"1"}, {"6"}},
      {{"02:00:01:00:00:10"}}},
-    {"larger_neighbour_buffer", {channel(1, 1), channel(6, 33)}, 5, "Dorvand DBG req failed", {{"1"}, {"6"}},
+    {"larger_neighbour_buffer",
+     {channel(1, 1), channel(6, 33)},
+     5,
+     "Dorvand DBG req failed",
+     {{"1"}, {"6"}},
      {{"02:00:01:00:00:10"}}},
 };
 
-class report_fault_test : public scan_test, public ::testing::WithParamInterface<report_case>
-{
-};
+class report_fault_test : public scan_test, public ::testing::WithParamInterface<report_case> {};
 
 TEST_P(report_fault_test, ends_the_scan_and_the_next_catches_up)
 {
@@ -145,4 +149,4 @@ TEST_P(report_fault_test, ends_the_scan_and_the_next_catches_up)
 
 INSTANTIATE_TEST_SUITE_P(scan, report_fault_test, ::testing::ValuesIn(report_cases), case_name);
 
-} // namespace
+}  // namespace

@@ -1,23 +1,22 @@
 // Scan triggers and the reading of the ACS report, end to end against the
 // fake driver: requests made, rows written, hand-overs and failures.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+
 #include "fake_driver.h"
 #include "neighbours/neighbours.h"
 #include "scan/scan.h"
 
-#include <cstdlib>
-#include <ctime>
-#include <gtest/gtest.h>
-
 using namespace scantest;
 using testutil::log_count;
 
-namespace
-{
+namespace {
 
 constexpr const char* handover_line = "\t #### SCAN RESULTS ### \n";
 
-class scan_result_test : public scan_test
-{
+class scan_result_test : public scan_test {
   protected:
     void SetUp() override
     {
@@ -42,7 +41,7 @@ TEST_F(scan_result_test, full_scan_writes_every_channel)
     // One timestamp pair for the whole call, taken from date.
     rows stamps = query(db2g(), "SELECT DISTINCT TIMESTAMP, EPOCHTIMESTAMP FROM SCANNED_AP_DETAILS");
     ASSERT_EQ(stamps.size(), 1u);
-    EXPECT_EQ(stamps[0][0].size(), 24u) << stamps[0][0]; // "Mon Nov 23 08:01:00 2026"
+    EXPECT_EQ(stamps[0][0].size(), 24u) << stamps[0][0];  // "Mon Nov 23 08:01:00 2026"
     EXPECT_LE(std::labs(std::atol(stamps[0][1].c_str()) - static_cast<long>(time(nullptr))), 5) << stamps[0][1];
     // A hand-over per channel that has neighbours.
     EXPECT_EQ(log_count(handover_line), 2);
@@ -62,13 +61,13 @@ TEST_F(scan_result_test, batch_scan_touches_only_its_channel)
     EXPECT_EQ(query(db2g(), "SELECT MAC, RSSI FROM SCANNED_AP_DETAILS WHERE CHANNEL=6"),
               (rows{{"02:00:06:00:00:10", "-60"}}));
     EXPECT_EQ(query(db2g(), "SELECT COUNT(*) FROM SCANNED_AP_DETAILS WHERE RSSI=1"), (rows{{"3"}}));
-    EXPECT_EQ(fake.debug_calls.size(), 7u); // all three entries, twice
+    EXPECT_EQ(fake.debug_calls.size(), 7u);  // all three entries, twice
     EXPECT_EQ(log_count(handover_line), 2 + 1);
 }
 
 struct buffer_case : named_case {
     size_t neighbours;
-    bool answer7; // the driver answers the first neighbour request with 7
+    bool answer7;  // the driver answers the first neighbour request with 7
     std::vector<uint32_t> lengths;
 };
 
@@ -79,9 +78,7 @@ const buffer_case buffer_cases[] = {
     {"result_7", 5, true, {1664, 260}},
 };
 
-class neighbour_buffer_test : public scan_result_test, public ::testing::WithParamInterface<buffer_case>
-{
-};
+class neighbour_buffer_test : public scan_result_test, public ::testing::WithParamInterface<buffer_case> {};
 
 TEST_P(neighbour_buffer_test, grows_when_the_driver_needs_it)
 {
@@ -91,7 +88,7 @@ TEST_P(neighbour_buffer_test, grows_when_the_driver_needs_it)
     if (c.answer7)
         fake.answer7_debug_call = 2;
     ASSERT_EQ(report(), 0);
-    std::vector<uint32_t> lengths; // of the requests with a neighbour buffer
+    std::vector<uint32_t> lengths;  // of the requests with a neighbour buffer
     for (uint32_t length : fake.debug_calls)
         if (length)
             lengths.push_back(length);
@@ -104,4 +101,4 @@ TEST_P(neighbour_buffer_test, grows_when_the_driver_needs_it)
 
 INSTANTIATE_TEST_SUITE_P(scan, neighbour_buffer_test, ::testing::ValuesIn(buffer_cases), case_name);
 
-} // namespace
+}  // namespace

@@ -1,19 +1,19 @@
 // The per-band timer chain: which timer each handler leaves pending, after
 // how long, and what a scan did meanwhile.
-#include "base/paths.h"
-#include "fake_driver.h"
-#include "neighbours/neighbours.h"
-#include "board/board.h"
-#include "scan/scan.h"
+#include <gtest/gtest.h>
 
 #include <cmath>
-#include <gtest/gtest.h>
+
+#include "base/paths.h"
+#include "board/board.h"
+#include "fake_driver.h"
+#include "neighbours/neighbours.h"
+#include "scan/scan.h"
 
 using namespace scantest;
 using testutil::log_count;
 
-namespace
-{
+namespace {
 
 struct band_handlers {
     eloop_timeout_handler rogue, start, full, batch;
@@ -58,8 +58,7 @@ void set_rogue(int wlan0, int wlan1, int wlan2)
     testutil::write_file(testutil::at("/tmp/run/config"), text);
 }
 
-class scheduler_test : public scan_test
-{
+class scheduler_test : public scan_test {
   protected:
     void SetUp() override
     {
@@ -76,9 +75,9 @@ class scheduler_test : public scan_test
 
 TEST_F(scheduler_test, rogue_check_repeats_while_disabled)
 {
-    ft_enabled_vaps() = 0x7; // 802.11r plays no part in the first start
+    ft_enabled_vaps() = 0x7;  // 802.11r plays no part in the first start
     for (int r = 0; r < 3; ++r) {
-        set_rogue(r != 0, r != 1, r != 2); // only this band's radio has it off
+        set_rogue(r != 0, r != 1, r != 2);  // only this band's radio has it off
         for (int check = 0; check < 2; ++check) {
             band_of[r].rogue(0, 0);
             expect_next(r, band_of[r].rogue, 0, 5);
@@ -95,15 +94,17 @@ TEST_F(scheduler_test, radio_up_creates_database_and_draws_delay)
     EXPECT_LE(scanning().rand_scan_timer, 300);
     EXPECT_EQ(scanning().rand_scan_timer % 10, 0);
     expect_next(2, trigger_5gh_full_scan, 2, scanning().rand_scan_timer);
-    EXPECT_EQ(log_count("[dorvand] start_5gh_scan_timer : " + std::to_string(scanning().rand_scan_timer) + " seconds \n"), 1);
-    EXPECT_EQ(log_count("**** 1736 : rand_scan_timer: " + std::to_string(scanning().rand_scan_timer) + " seconds ****\n"), 1);
+    EXPECT_EQ(
+        log_count("[dorvand] start_5gh_scan_timer : " + std::to_string(scanning().rand_scan_timer) + " seconds \n"), 1);
+    EXPECT_EQ(
+        log_count("**** 1736 : rand_scan_timer: " + std::to_string(scanning().rand_scan_timer) + " seconds ****\n"), 1);
 }
 
 // What a scan handler meets, set up before it runs.
 using condition = void (*)();
 const condition none = [] {};
-const condition no_rogue = [] { set_rogue(1, 0, 1); }; // for wifi1
-const condition no_vap = [] { // wifi1's VAPs down, the fallback up
+const condition no_rogue = [] { set_rogue(1, 0, 1); };  // for wifi1
+const condition no_vap = [] {                           // wifi1's VAPs down, the fallback up
     for (int m = 0; m < 10; ++m)
         fake.ifaces["wifi1vap" + std::to_string(m)] = DOWN;
     fake.ifaces["ath1"] = UP;
@@ -114,7 +115,7 @@ const condition cac = [] { fake.cac_value = CAC_RUNNING; };
 struct full_case : named_case {
     int radio;
     condition setup;
-    eloop_timeout_handler next; // null: the band's own full scan
+    eloop_timeout_handler next;  // null: the band's own full scan
     long secs;
     const char* log_line;
     size_t sleeps;
@@ -150,9 +151,7 @@ const full_case full_cases[] = {
      nullptr, 10, "[dorvand][1953] No active vap found for scan on wifi2\n", 0, false},
 };
 
-class full_scan_test : public scheduler_test, public ::testing::WithParamInterface<full_case>
-{
-};
+class full_scan_test : public scheduler_test, public ::testing::WithParamInterface<full_case> {};
 
 TEST_P(full_scan_test, leaves_one_timer)
 {
@@ -161,11 +160,11 @@ TEST_P(full_scan_test, leaves_one_timer)
     band_of[c.radio].full(0, c.radio);
     expect_next(c.radio, c.next ? c.next : band_of[c.radio].full, c.radio, c.secs);
     EXPECT_EQ(log_count(c.log_line), 1);
-    EXPECT_EQ(log_count("bad radio index"), 0); // the context names the band's radio
+    EXPECT_EQ(log_count("bad radio index"), 0);  // the context names the band's radio
     ASSERT_EQ(sleeps.size(), c.sleeps);
     if (c.sleeps) {
         EXPECT_EQ(sleeps[0].seconds, 10u);
-        EXPECT_TRUE(sleeps[0].marker[c.radio]); // written while the results are read
+        EXPECT_TRUE(sleeps[0].marker[c.radio]);  // written while the results are read
     }
     EXPECT_FALSE(testutil::exists(paths::scan_db_markers[c.radio]));
     EXPECT_EQ(fake.param_gets, c.asks_cac ? std::vector<std::string>{"wifi1vap0 310"} : std::vector<std::string>{});
@@ -188,7 +187,7 @@ TEST_F(scheduler_test, full_scan_success_learns_channels)
     const growable_array<int32_t>& channels = scanning().scan_chan_list[1];
     EXPECT_EQ(std::vector<int32_t>(channels.begin(), channels.end()), (std::vector<int32_t>{36, 40}));
     EXPECT_EQ(testutil::read_file(testutil::at("/tmp/wifitool_runs")), "wifi1vap0 setchanlist 0\n");
-    EXPECT_EQ(fake.param_sets, std::vector<std::string>{"wifi1vap0 318=4"}); // the ACS scan started
+    EXPECT_EQ(fake.param_sets, std::vector<std::string>{"wifi1vap0 318=4"});  // the ACS scan started
     EXPECT_EQ(query(testutil::at("/tmp/scan_db_5g"), "SELECT CHANNEL FROM CHANNEL_DETAILS"), (rows{{"36"}}));
 }
 
@@ -214,9 +213,7 @@ const batch_case batch_cases[] = {
      "[dorvand] trigger_5gh_batch_scan: The total channel count is 0\n"},
 };
 
-class batch_scan_test : public scheduler_test, public ::testing::WithParamInterface<batch_case>
-{
-};
+class batch_scan_test : public scheduler_test, public ::testing::WithParamInterface<batch_case> {};
 
 TEST_P(batch_scan_test, reads_nothing_and_leaves_one_timer)
 {
@@ -234,4 +231,4 @@ TEST_P(batch_scan_test, reads_nothing_and_leaves_one_timer)
 
 INSTANTIATE_TEST_SUITE_P(scan, batch_scan_test, ::testing::ValuesIn(batch_cases), case_name);
 
-} // namespace
+}  // namespace
