@@ -113,6 +113,12 @@ armhf_scenarios() {
     for f in sim/scenarios/*.toml; do
         name=$(basename "$f" .toml)
         log=build-armhf/sim-$name.log
+        # Under qemu-arm the daemon keeps the affine clock, whose wall clock
+        # cannot be stepped; the end-to-end suite runs such scenarios natively.
+        if grep -q '^\[\[clock_step\]\]' "$f"; then
+            echo "not run: scenario $name with the armhf daemon (it steps the wall clock)"
+            continue
+        fi
         if sim/run --target armhf --build build --build-armhf build-armhf --out "build-armhf/sim-out/$name" "$name" \
                 >"$log" 2>&1; then
             grep -m1 "PASSED: scenario" "$log"
