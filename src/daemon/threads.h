@@ -63,8 +63,8 @@
 //  5. ht_mutex          the known-AP tables, inside each table operation.
 //  (log_lock, inside log_msg, is a leaf: nothing is taken while holding it.)
 //  Outside the order: event_socket_lock is taken holding no other lock and
-//  holds only log_lock inside. The event-socket thread holds it for a bind
-//  of /tmp/roam_sock again; the shutdown holds it (with a bounded wait)
+//  holds only log_lock inside. The event-socket thread holds it for each
+//  bind of /tmp/roam_sock, the first one and any later one; the shutdown holds it (with a bounded wait)
 //  while it sets event_socket_closed and removes the socket, so no bind can
 //  follow that removal and leave a socket behind the process.
 //
@@ -97,7 +97,9 @@
 // script_lock, so a hung script cannot hold it up), and only then removes
 // /var/roam_key_holders, so no append in flight can recreate it. It kills the
 // children still running and removes the marker of a scan cycle in progress
-// (scan_state::marker_set). What it could not lock in time (a thread stuck in
+// (scan_state::marker_set) under marker_lock (a leaf, held around one file
+// operation; the shutdown waits for it with a bound), after which no cycle
+// creates a marker again. What it could not lock in time (a thread stuck in
 // a configuration read, say) is left to the end of the process rather than
 // freed under a running thread. It cancels the scan timers through the event
 // loop's own lock (stop_scan_scheduler) and ends the process with _exit, so no

@@ -255,13 +255,20 @@ void* event_socket_thread(void*)
     pthread_detach(pthread_self());
     log_msg(0, log_lvl::info, "create roam_sock \n");
     served_socket s;
-    s.fd.reset(open_event_socket());
-    if (!s.fd.valid()) {
-        int err = errno;
-        log_msg(1, log_lvl::info, "socket creation failed[%d|%s]\n", err, strerror(err));
-        return nullptr;
+    {
+        // A shutdown that began before this first bind has removed the path
+        // already: binding now would leave a socket behind the process.
+        std::lock_guard<std::timed_mutex> hold(neighbours().event_socket_lock);
+        if (neighbours().event_socket_closed)
+            return nullptr;
+        s.fd.reset(open_event_socket());
+        if (!s.fd.valid()) {
+            int err = errno;
+            log_msg(1, log_lvl::info, "socket creation failed[%d|%s]\n", err, strerror(err));
+            return nullptr;
+        }
+        remember_path(s);
     }
-    remember_path(s);
     for (;;) {
         std::array<uint8_t, sizeof(neighbour_event)> buf{};
         log_msg(0, log_lvl::info, "Waiting for events from  pxlmd\n");

@@ -24,6 +24,10 @@ struct scan_state {
     uint16_t rand_scan_timer = 0;
     // Per band: its marker file is there because a scan cycle is writing.
     std::atomic<bool> marker_set[3] = {};
+    // Held while a marker is created or removed. Once the exit has removed
+    // the markers (markers_closed), no cycle creates one again.
+    std::timed_mutex marker_lock;
+    bool markers_closed = false;  // under marker_lock
     // Per band: a database that cannot be replaced has been reported; cleared
     // by the next write cycle that opens it. Under scan_result_lock.
     bool db_fault_told[3] = {};

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -158,12 +159,16 @@ void schedule(const band& b, eloop_timeout_handler handler, uint32_t secs, intpt
 
 void set_marker(int radio)
 {
+    std::lock_guard<std::timed_mutex> hold(scanning().marker_lock);
+    if (scanning().markers_closed)
+        return;
     scanning().marker_set[radio] = true;
     touch_marker(paths::scan_db_markers[radio]);
 }
 
 void clear_marker(int radio)
 {
+    std::lock_guard<std::timed_mutex> hold(scanning().marker_lock);
     unlink(paths::scan_db_markers[radio]);
     scanning().marker_set[radio] = false;
 }
@@ -434,6 +439,11 @@ void stop_scan_scheduler()
 
 void remove_scan_markers()
 {
+    // The lock is held only around one file operation; the bound is for a
+    // thread stuck in one, whose marker is then removed all the same.
+    std::unique_lock<std::timed_mutex> hold(scanning().marker_lock, std::chrono::seconds(2));
+    if (hold.owns_lock())
+        scanning().markers_closed = true;
     for (int radio = 0; radio < 3; ++radio) {
         if (scanning().marker_set[radio])
             unlink(paths::scan_db_markers[radio]);
